@@ -1,0 +1,9 @@
+#pragma once
+
+#include <string>
+
+namespace Lumen {
+
+using String = std::string;
+
+}  // namespace Lumen
