@@ -1,0 +1,7 @@
+#include "Asic/SwTableStats.h"
+
+namespace Asic {
+
+SwTableStats::~SwTableStats() = default;
+
+}  // namespace Asic
