@@ -15,6 +15,7 @@ template <class T>
 class Slabbed {
  public:
   static void* operator new(std::size_t bytes) {
+    static_assert(alignof(T) <= kSizeStep, "slab blocks are not aligned for this class");
     void* memory = slabAllocOrStdMalloc(bytes);
     if (memory == nullptr) [[unlikely]] {
       throw std::bad_alloc();
