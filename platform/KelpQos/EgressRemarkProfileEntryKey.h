@@ -1,0 +1,40 @@
+#pragma once
+
+#include <compare>
+#include <cstdint>
+
+#include "Brio/Fields.h"
+#include "Brio/Hash.h"
+#include "Netkit/IntfId.h"
+
+namespace KelpQos {
+
+// Names an egress remark profile by the interface that it serves. The default, the interface of the
+// empty name, names none.
+struct EgressRemarkProfileEntryKey {
+  Netkit::IntfId intf;
+
+  [[nodiscard]] bool isEq(const EgressRemarkProfileEntryKey& other) const noexcept {
+    return intf == other.intf;
+  }
+  [[nodiscard]] std::uint32_t hash(std::uint32_t seed) const noexcept {
+    return Brio::hashSingleAttr(seed, intf.value);
+  }
+  friend constexpr auto operator<=>(const EgressRemarkProfileEntryKey&,
+                                    const EgressRemarkProfileEntryKey&) = default;
+
+  static constexpr auto fields() {
+    return std::tuple{Brio::field("intf", &EgressRemarkProfileEntryKey::intf)};
+  }
+};
+static_assert(sizeof(EgressRemarkProfileEntryKey) == 8);
+
+// What a remark profile is asked for with: the 16-bit type of remarking.
+struct EgressRemarkProfileClientData {
+  std::uint16_t value = 0;
+
+  friend constexpr auto operator<=>(EgressRemarkProfileClientData,
+                                    EgressRemarkProfileClientData) = default;
+};
+
+}  // namespace KelpQos
