@@ -1,12 +1,13 @@
-# What `cmake --install` gives: the headers, the shared libraries, the programs, and what find_package and
-# pkg-config need to find them. The prefix may be moved afterwards: nothing installed holds an absolute path.
+# What `cmake --install` gives: the headers, the shared libraries, the programs, and what
+# find_package and pkg-config need to find them. The prefix may be moved afterwards: nothing that
+# is installed holds an absolute path.
 include(CMakePackageConfigHelpers)
 
 set(headers_dir "${CMAKE_INSTALL_INCLUDEDIR}/kelp")
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/KelpEmServer")
 set(pkgconfig_dir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
-# The same two include roots as in the build: what lies below the repo root and what lies below platform/.
+# The same two include roots as in the build: the repo root and platform/.
 foreach(folder Lumen Brio OrderedTable KelpEmServer platform)
   if(IS_DIRECTORY "${PROJECT_SOURCE_DIR}/${folder}")
     install(DIRECTORY "${PROJECT_SOURCE_DIR}/${folder}" DESTINATION "${headers_dir}"

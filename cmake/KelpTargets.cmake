@@ -25,3 +25,9 @@ function(kelp_test name)
   target_link_libraries(${name} PRIVATE kelp_options ${ARGN} GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
 endfunction()
+
+# kelp_exports(TARGET MAP): the shared library shows only what the version script MAP names.
+function(kelp_exports target map)
+  target_link_options(${target} PRIVATE "-Wl,--version-script=${map}")
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${map}")
+endfunction()
