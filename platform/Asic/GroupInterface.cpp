@@ -1,0 +1,197 @@
+#include "Asic/GroupInterface.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Asic/Constants.h"
+#include "Brio/TraceHandle.h"
+#include "BrioSharedMem/EntityManager.h"
+#include "Lumen/Assert.h"
+#include "Lumen/Exception.h"
+
+namespace Asic {
+namespace {
+
+const Brio::TraceHandle& _defaultTraceHandle() {
+  static const Brio::TraceHandle handle("GroupInterface", false);
+  return handle;
+}
+
+constexpr const char* kClass = "GroupInterface";
+
+Lumen::Ptr<BrioSharedMem::EntityManager> sharedMemory(const Vault::EntityManager& manager) {
+  return BrioSharedMem::EntityManager::getEntityManager(manager.name(), manager.localMode());
+}
+
+}  // namespace
+
+GroupInterface::GroupInterface(Lumen::String canonicalName,
+                               const Lumen::Ptr<Vault::EntityManager>& entityManager,
+                               std::uint16_t agentAndGroupId)
+    : canonicalName_(std::move(canonicalName)),
+      entityManager_(entityManager),
+      agentAndGroupId_(agentAndGroupId),
+      groupResolver_(Lumen::makeNode<GroupResolver>()) {}
+
+GroupInterface::~GroupInterface() = default;
+
+void GroupInterface::swTableSetIs(const Lumen::Ptr<OrderedSwTableSet>& set) {
+  sets_[set->tableId()] = set;
+}
+
+bool GroupInterface::swTableSetHas(SwTableId tableId) const { return sets_.contains(tableId); }
+
+Lumen::Ptr<OrderedSwTableSet> GroupInterface::swTableSet(SwTableId tableId) const {
+  const auto found = sets_.find(tableId);
+  return found == sets_.end() ? Lumen::Ptr<OrderedSwTableSet>() : found->second;
+}
+
+void GroupInterface::sweepableSwTableSetIs(const Lumen::Ptr<OrderedSwTableWithMarkSweep>& table) {
+  if (std::find(sweepables_.begin(), sweepables_.end(), table) == sweepables_.end()) {
+    sweepables_.push_back(table);
+  }
+}
+
+void GroupInterface::sweepAll() {
+  for (std::size_t i = 0; i < sweepables_.size(); ++i) {
+    const Lumen::Ptr<OrderedSwTableWithMarkSweep> table = sweepables_[i];
+    table->sweep();
+  }
+}
+
+GroupInterface::TableLog* GroupInterface::tableLog(SwTableId tableId) noexcept {
+  for (TableLog& log : logs_) {
+    if (log.tableId == tableId) {
+      return &log;
+    }
+  }
+  return nullptr;
+}
+
+void GroupInterface::entryLogMounted(SwTableId tableId,
+                                     const Lumen::Ptr<BrioQuilt::CollectionControl>& changeLog) {
+  TableLog* log = tableLog(tableId);
+  if (log == nullptr) {
+    log = &logs_.emplace_back();
+    log->tableId = tableId;
+  }
+  log->changeLog = changeLog;
+  log->delivered.reset();
+
+  const auto manager = sharedMemory(*entityManager_);
+  const Lumen::String path = Constants::groupNeededPath(canonicalName_, tableId);
+  const auto group = manager->getMountGroup();
+  BrioQuilt::MountInfo info(BrioQuilt::BrioQuiltType::collection);
+  info.collectionInfoIs(BrioQuilt::CollectionInfo(kNeededCollection, kNeededCapacity, false));
+  (void)group->mount(path, kNeededQuiltType, info);
+  group->doClose();
+  log->needed = Lumen::dynamicPtrCast<NeededQuilt>(manager->getEntity(path));
+  Lumen::assertThat(log->needed != nullptr, "neededQuilt");
+  // Lost dependencies can't be had again: their log records go out without them.
+  if (log->needed->collectionControl()->wiped()) {
+    LUMEN_TRACE(_defaultTraceHandle(), 1, kClass, "Dependencies of table {} were lost", tableId);
+    log->needed->collectionControl()->clearWiped();
+  }
+}
+
+void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
+                                 const Lumen::Ptr<const NeededEntry>& needed) {
+  TableLog* log = tableLog(tableId);
+  Lumen::assertThat(log != nullptr, "tableLog( tableId )");
+  if (needed && !needed->empty()) {
+    storeNeeded(*log, version, *needed);
+  }
+  log->changeLog->publishedIs(version.value);
+  published_ = true;
+}
+
+void GroupInterface::storeNeeded(TableLog& log, LogVersion version, const NeededEntry& needed) {
+  NeededQuiltEntry record;
+  record.version = version;
+  for (const TableVersion& one : needed.versions()) {
+    if (one.tableId == log.tableId || one.version.value == 0 || tableLog(one.tableId) == nullptr) {
+      continue;
+    }
+    Lumen::assertThat(record.count < NeededQuiltEntry::kMost, "record.count < kMost");
+    record.needed[record.count].tableId = one.tableId;
+    record.needed[record.count].version = one.version;
+    ++record.count;
+  }
+  if (record.count != 0) {
+    log.needed->map().recordIs(record);
+  }
+}
+
+void GroupInterface::dropNeeded(TableLog& log, LogVersion version) {
+  auto& map = log.needed->map();
+  if (map.size() == 0) {
+    return;
+  }
+  try {
+    NeededQuiltEntry record;
+    Quilt::IterHint hint;
+    for (bool more = map.first(record, hint); more && record.version <= version;
+         more = map.next(record.version, record, hint)) {
+      map.recordDel(record.version);
+    }
+  } catch (const Lumen::CorruptionDetectedException& corruption) {
+    map.doCorruptionDetected(corruption.msg());
+  }
+}
+
+StatusQuilt* GroupInterface::statusQuilt() {
+  if (!statusQuilt_ || statusQuilt_->replaced()) {
+    try {
+      statusQuilt_ = Lumen::dynamicPtrCast<StatusQuilt>(sharedMemory(*entityManager_)
+              ->openReader(Constants::groupStatusPath(canonicalName_), kStatusQuiltType));
+    } catch (const BrioSharedMem::StoreError& error) {
+      // The hardware side has not made it yet, or is making it anew.
+      LUMEN_TRACE(_defaultTraceHandle(), 3, kClass, "No status collection: {}", error.what());
+      statusQuilt_ = nullptr;
+    }
+  }
+  return statusQuilt_.get();
+}
+
+std::optional<LogVersion> GroupInterface::statusVersion(SwTableId tableId) {
+  const TableLog* log = tableLog(tableId);
+  StatusQuilt* status = log == nullptr ? nullptr : statusQuilt();
+  if (status == nullptr) {
+    return std::nullopt;
+  }
+  try {
+    bool found = false;
+    const StatusQuiltEntry& row = status->map().find(tableId, found);
+    if (!found || row.incarnation != log->changeLog->incarnation()) {
+      return std::nullopt;
+    }
+    return LogVersion{std::min(row.version.value, log->changeLog->published())};
+  } catch (const Lumen::CorruptionDetectedException& corruption) {
+    status->map().doCorruptionDetected(corruption.msg());
+    return std::nullopt;
+  }
+}
+
+std::size_t GroupInterface::pollStatus() {
+  std::size_t news = 0;
+  // By index: a response handler may make another table's interface.
+  for (std::size_t i = 0; i < logs_.size(); ++i) {
+    const SwTableId tableId = logs_[i].tableId;
+    const std::optional<LogVersion> version = statusVersion(tableId);
+    if (!version || version == logs_[i].delivered) {
+      continue;
+    }
+    logs_[i].delivered = version;
+    dropNeeded(logs_[i], *version);
+    if (const Lumen::Ptr<OrderedSwTableSet> set = swTableSet(tableId)) {
+      set->tableStatusVersion(*version);
+    }
+    ++news;
+  }
+  if (news != 0) {
+    groupResolver_->maybeUpdateSuspend();
+  }
+  return news;
+}
+
+}  // namespace Asic

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "Asic/GroupQuilts.h"
+#include "Asic/GroupResolver.h"
+#include "Asic/LogVersion.h"
+#include "Asic/NeededEntry.h"
+#include "Asic/OrderedSwTableSet.h"
+#include "BrioQuilt/CollectionControl.h"
+#include "Lumen/Node.h"
+#include "Lumen/String.h"
+#include "Vault/EntityManager.h"
+
+namespace Asic {
+
+// What the tables of one group have in common: the queue, the sets of software tables, the way of a log
+// version to the hardware side and the way of its report back.
+class GroupInterface final : public Lumen::Node {
+ public:
+  GroupInterface(Lumen::String canonicalName, const Lumen::Ptr<Vault::EntityManager>& entityManager,
+                 std::uint16_t agentAndGroupId);
+  ~GroupInterface() override;
+
+  [[nodiscard]] const Lumen::String& canonicalName() const noexcept { return canonicalName_; }
+  [[nodiscard]] std::uint16_t agentAndGroupId() const noexcept { return agentAndGroupId_; }
+  [[nodiscard]] const Lumen::Ptr<GroupResolver>& groupResolver() const noexcept {
+    return groupResolver_;
+  }
+
+  // Enters a set under its table id, in place of one that is there.
+  void swTableSetIs(const Lumen::Ptr<OrderedSwTableSet>& set);
+  [[nodiscard]] bool swTableSetHas(SwTableId tableId) const;
+  // Null if there is none.
+  [[nodiscard]] Lumen::Ptr<OrderedSwTableSet> swTableSet(SwTableId tableId) const;
+  [[nodiscard]] const std::map<SwTableId, Lumen::Ptr<OrderedSwTableSet>>& swTableSets()
+      const noexcept {
+    return sets_;
+  }
+  // Enters a table among those that sweepAll() sweeps.
+  void sweepableSwTableSetIs(const Lumen::Ptr<OrderedSwTableWithMarkSweep>& table);
+  [[nodiscard]] const std::vector<Lumen::Ptr<OrderedSwTableWithMarkSweep>>& sweepableSwTables()
+      const noexcept {
+    return sweepables_;
+  }
+  // Sweeps every table entered. To be called once the features have written again what they want.
+  void sweepAll();
+
+  // A table's change log has been mounted: its control block carries the incarnation and the published
+  // version. Mounts the table's dependencies. A log that is mounted anew takes the place of the old one.
+  void entryLogMounted(SwTableId tableId,
+                       const Lumen::Ptr<BrioQuilt::CollectionControl>& changeLog);
+
+  // The table has a change at `version`, which must wait for `needed` (null: for nothing). From here on the
+  // hardware side may see it: the dependencies are stored first, then the table's published version.
+  // Dependencies on the table itself are met by order, those on tables that the hardware side does not
+  // report can't be waited for; neither is stored.
+  void addLogEntry(SwTableId tableId, LogVersion version,
+                   const Lumen::Ptr<const NeededEntry>& needed);
+
+  // Up to which version of the table's log the hardware side has taken it in: the row of the log's
+  // incarnation, no higher than what was published; nothing if there is no such row. A corrupt status
+  // collection is told so, and counts as no row.
+  [[nodiscard]] std::optional<LogVersion> statusVersion(SwTableId tableId);
+
+  // Looks at the status of every table and hands what is new to every unit's table of its set. Gives the
+  // number of tables that had news. To be called when the hardware side rings.
+  std::size_t pollStatus();
+
+  // Whether anything was published since the last call; the owner of the loop rings the bell then.
+  [[nodiscard]] bool takePublished() noexcept { return std::exchange(published_, false); }
+
+ private:
+  struct TableLog {
+    SwTableId tableId;
+    Lumen::Ptr<BrioQuilt::CollectionControl> changeLog;
+    Lumen::Ptr<NeededQuilt> needed;
+    std::optional<LogVersion> delivered;
+  };
+
+  [[nodiscard]] TableLog* tableLog(SwTableId tableId) noexcept;
+  [[nodiscard]] StatusQuilt* statusQuilt();
+  void storeNeeded(TableLog& log, LogVersion version, const NeededEntry& needed);
+  void dropNeeded(TableLog& log, LogVersion version);
+
+  Lumen::String canonicalName_;
+  Lumen::Ptr<Vault::EntityManager> entityManager_;
+  std::uint16_t agentAndGroupId_;
+  Lumen::Ptr<GroupResolver> groupResolver_;
+  std::map<SwTableId, Lumen::Ptr<OrderedSwTableSet>> sets_;
+  std::vector<Lumen::Ptr<OrderedSwTableWithMarkSweep>> sweepables_;
+  std::vector<TableLog> logs_;
+  Lumen::Ptr<StatusQuilt> statusQuilt_;  // null until the hardware side has made it
+  bool published_ = false;
+};
+
+}  // namespace Asic

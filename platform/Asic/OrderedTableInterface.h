@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+
+#include "Asic/GroupInterface.h"
+#include "Asic/NamedSwTable.h"
+#include "Asic/TableInterfaceBase.h"
+#include "Lumen/Node.h"
+#include "Lumen/String.h"
+#include "Vault/EntityManager.h"
+
+namespace Asic {
+
+// The groups of an agent, by canonical group name.
+class GroupInterfaceColl final : public Lumen::Node {
+ public:
+  ~GroupInterfaceColl() override;
+
+  // Null if there is none.
+  [[nodiscard]] Lumen::Ptr<GroupInterface> groupIntf(const Lumen::String& canonicalName) const;
+  void groupIntfIs(const Lumen::Ptr<GroupInterface>& groupIntf);
+  [[nodiscard]] const std::map<Lumen::String, Lumen::Ptr<GroupInterface>>& groupIntfs()
+      const noexcept {
+    return groups_;
+  }
+
+ private:
+  std::map<Lumen::String, Lumen::Ptr<GroupInterface>> groups_;
+};
+
+// What an agent gives to the tables that it loads.
+class OrderedTableInterface final : public Lumen::Node {
+ public:
+  explicit OrderedTableInterface(Lumen::Ptr<Vault::EntityManager> entityManager);
+  ~OrderedTableInterface() override;
+
+  // True: a table that is made does not begin to mark, and a sweep removes nothing from it. False unless
+  // the agent sets it before it makes its tables.
+  [[nodiscard]] bool skipMarkOnRestore() const noexcept { return skipMarkOnRestore_; }
+  void skipMarkOnRestoreIs(bool skip) noexcept { skipMarkOnRestore_ = skip; }
+
+  [[nodiscard]] const Lumen::Ptr<Vault::EntityManager>& entityManager() const noexcept {
+    return entityManager_;
+  }
+  [[nodiscard]] const Lumen::Ptr<GroupInterfaceColl>& groupIntfColl() const noexcept {
+    return groupIntfColl_;
+  }
+
+  // Makes the group, or finds it, under its canonical name.
+  Lumen::Ptr<GroupInterface> makeGroupIntf(const Lumen::String& groupName,
+                                           const Lumen::String& agentName,
+                                           std::uint16_t agentAndGroupId);
+
+  // The agent's list of table interfaces; holds no reference.
+  void swTableIntfIs(const Lumen::String& key, TableInterfaceBase* intf);
+  void swTableIntfDel(const Lumen::String& key);
+  // Null if there is none.
+  [[nodiscard]] TableInterfaceBase* swTableIntf(const Lumen::String& key) const;
+
+  // The agent's resource tables, by canonical name.
+  void resourceTableIs(const Lumen::Ptr<NamedSwTable>& table);
+  // Null if there is none.
+  [[nodiscard]] Lumen::Ptr<NamedSwTable> resourceTable(const Lumen::String& canonicalName) const;
+
+ private:
+  bool skipMarkOnRestore_ = false;
+  Lumen::Ptr<Vault::EntityManager> entityManager_;
+  Lumen::Ptr<GroupInterfaceColl> groupIntfColl_;
+  std::map<Lumen::String, TableInterfaceBase*> interfaces_;
+  std::map<Lumen::String, Lumen::Ptr<NamedSwTable>> resourceTables_;
+};
+
+}  // namespace Asic

@@ -1,0 +1,12 @@
+#include "Asic/TableInterfaceBase.h"
+
+#include "Asic/OrderedTableInterface.h"
+
+namespace Asic {
+
+TableInterfaceBase::TableInterfaceBase(Lumen::Ptr<OrderedTableInterface> orderedTableIntf)
+    : orderedTableIntf_(std::move(orderedTableIntf)) {}
+
+TableInterfaceBase::~TableInterfaceBase() = default;
+
+}  // namespace Asic
