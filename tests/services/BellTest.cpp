@@ -203,6 +203,54 @@ TEST_F(Bells, LoseNoWakeUpBetweenTwoThreads) {
   EXPECT_GT(ringer.wakeUps(), 1U);
 }
 
+// The one race that matters, over and over with both sides started at the same instant: the listener arms
+// and looks, the ringer stores and rings. Either the listener sees the work or it finds itself rung.
+TEST_F(Bells, NeverMissEachOtherWhenArmingAndRingingMeet) {
+  constexpr std::uint32_t kRounds = 200000;
+  struct alignas(64) Line {
+    std::atomic<std::uint32_t> value{0};
+  };
+  const auto spinUntil = [](const Line& line, std::uint32_t goal) {
+    for (unsigned spins = 1; line.value.load(std::memory_order_acquire) != goal; ++spins) {
+      if (spins % 4096 == 0) {
+        std::this_thread::yield();  // the other side may have no processor of its own
+      }
+    }
+  };
+  Line round;  // both may start
+  Line rungs;  // the last round that the ringer is through with
+  Line work;
+  Bell listener(folder(), "up", Bell::Role::listener);
+  Bell ringer(folder(), "up", Bell::Role::ringer);
+  listener.disarm();
+  std::thread other([&] {
+    for (std::uint32_t i = 1; i <= kRounds; ++i) {
+      spinUntil(round, i);
+      work.value.store(i, std::memory_order_release);
+      ringer.ring();
+      rungs.value.store(i, std::memory_order_release);
+    }
+  });
+  std::uint32_t missed = 0;
+  std::uint32_t slept = 0;
+  for (std::uint32_t i = 1; i <= kRounds; ++i) {
+    round.value.store(i, std::memory_order_release);
+    for (unsigned delay = i % 512; delay != 0; --delay) {
+      work.value.load(std::memory_order_relaxed);
+    }
+    listener.arm();
+    const bool found = work.value.load(std::memory_order_acquire) == i;
+    spinUntil(rungs, i);
+    if (!found) {
+      ++slept;
+      missed += listener.armed() || !rung(listener) ? 1 : 0;
+    }
+    listener.disarm();
+  }
+  other.join();
+  EXPECT_EQ(missed, 0U) << "of " << slept << " rounds in which the listener would have slept";
+}
+
 // Memory that this process and its children share.
 struct Shared {
   std::atomic<std::uint64_t> stored{0};
