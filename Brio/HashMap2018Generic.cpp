@@ -1,0 +1,400 @@
+#include "Brio/HashMap2018Generic.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "Lumen/Assert.h"
+#include "Lumen/SlabAlloc.h"
+
+namespace Brio {
+namespace {
+
+// The directory reaches no further than this only to part the members of one overfull bucket.
+constexpr unsigned kLog2ForOneBucket = 20;
+// Blocks of buckets are filled up to multiples of this.
+constexpr std::size_t kBlockStep = 32;
+// A bucket up to here is searched hash by hash, without branches.
+constexpr unsigned kLinearSearch = 24;
+
+// Mean members per directory entry at which the directory doubles: large nodes cost much to shift and to
+// copy, small ones cost little beside the entry.
+unsigned loadMax(std::size_t nodeSize) noexcept {
+  return nodeSize <= 24 ? 9 : nodeSize <= 40 ? 8 : nodeSize <= 64 ? 6 : nodeSize <= 128 ? 3
+         : nodeSize <= 256 ? 2 : 1;
+}
+
+// Members that a directory of 2^log2 entries takes before it grows. One bucket alone is filled for as
+// long as tags tell its members apart.
+std::uint64_t membersMax(std::size_t nodeSize, unsigned log2) noexcept {
+  if (log2 == 0) {
+    return std::clamp<std::size_t>(480 / (nodeSize + 4), 2, HashMap2018DirectoryEntry::kTags);
+  }
+  return static_cast<std::uint64_t>(loadMax(nodeSize)) << log2;
+}
+
+// Slots of a bucket for `used` members: as many as fill its block up to the next step.
+unsigned capacityFor(const HashMap2018VTable* vtable, unsigned used) noexcept {
+  const std::size_t size = vtable->nodeSize();
+  const std::size_t alignment = vtable->nodeAlignment();
+  const std::size_t bytes =
+      (HashMap2018BucketHdr::blockBytes(used, size, alignment) + kBlockStep - 1) / kBlockStep *
+      kBlockStep;
+  auto capacity = static_cast<unsigned>(
+      static_cast<std::uint32_t>(bytes - sizeof(HashMap2018BucketHdr)) /
+      static_cast<std::uint32_t>(size + sizeof(std::uint32_t)));
+  while (capacity > used && HashMap2018BucketHdr::blockBytes(capacity, size, alignment) > bytes) {
+    --capacity;
+  }
+  return std::min(capacity, HashMap2018BucketHdr::kCapacityMax);
+}
+
+}  // namespace
+
+// Where the nodes of a new bucket come from: a run of slots of another bucket, or one loose node.
+struct HashMap2018Generic::Piece {
+  HashMap2018BucketHdr* bucket;
+  unsigned first;
+  unsigned count;
+  HashMap2018LinkNodeBase* node = nullptr;
+  std::uint32_t hash = 0;
+};
+
+HashMap2018Generic::HashMap2018Generic(const HashMap2018VTable* vtable,
+                                       TypeSafeIndex<unsigned, 1> minSize,
+                                       bool keepDirectory) noexcept
+    : directory_(&single_), keepDirectory_(keepDirectory) {
+  while (membersMax(vtable->nodeSize(), minLog2_) < minSize.value()) {
+    ++minLog2_;
+  }
+}
+
+HashMap2018Generic::~HashMap2018Generic() {
+  Lumen::assertThat(members_ == 0 && directory_ == &single_,
+                    "members_ == 0 && directory_ == &single_");
+}
+
+HashMap2018LinkNodeBase* HashMap2018Generic::lookupNodeG(
+    const HashMap2018VTable* vtable, HashHelper::KeyAndRhashSeedArg keyAndHash) const {
+  const Entry& in = entry(keyAndHash.hash);
+  for (unsigned matches = in.matches(keyAndHash.hash); matches != 0; matches &= matches - 1) {
+    const auto slot = static_cast<unsigned>(std::countr_zero(matches));
+    HashMap2018LinkNodeBase* node = in.bucket->node(slot, vtable->nodeSize());
+    if (in.bucket->hash(slot) == keyAndHash.hash && vtable->keyEqualsNode(keyAndHash.key, node)) {
+      return node;
+    }
+  }
+  return in.reachesBeyondTags() ? lookupBeyondTags(vtable, in.bucket, keyAndHash) : nullptr;
+}
+
+HashMap2018LinkNodeBase* HashMap2018Generic::lookupNodeG(
+    const HashMap2018VTable* vtable, const HashHelper::KeyString& keyAndHash) const {
+  const Lumen::String key(keyAndHash.text);
+  return lookupNodeG(vtable, HashHelper::KeyAndRhashSeedArg{&key, keyAndHash.hash});
+}
+
+HashMap2018LinkNodeBase* HashMap2018Generic::lookupBeyondTags(
+    const HashMap2018VTable* vtable, HashMap2018BucketHdr* bucket,
+    HashHelper::KeyAndRhashSeedArg keyAndHash) {
+  const unsigned slot = lowerBound(vtable, bucket, keyAndHash.hash, keyAndHash.key, nullptr);
+  if (slot == bucket->used() || bucket->hash(slot) != keyAndHash.hash) {
+    return nullptr;
+  }
+  HashMap2018LinkNodeBase* node = bucket->node(slot, vtable->nodeSize());
+  return vtable->keyEqualsNode(keyAndHash.key, node) ? node : nullptr;
+}
+
+unsigned HashMap2018Generic::lowerBound(const HashMap2018VTable* vtable,
+                                        const HashMap2018BucketHdr* bucket, std::uint32_t hash,
+                                        const void* key, const HashMap2018LinkNodeBase* node) {
+  const unsigned used = bucket->used();
+  unsigned first = 0;
+  unsigned end = 0;  // of the slots with this very hash
+  if (used <= kLinearSearch) {
+    for (unsigned i = 0; i < used; ++i) {
+      first += bucket->hash(i) < hash;
+    }
+    for (end = first; end < used && bucket->hash(end) == hash;) {
+      ++end;
+    }
+  } else {
+    const auto slotsUpTo = [&](auto before) {
+      unsigned low = 0;
+      for (unsigned high = used; low < high;) {
+        const unsigned middle = (low + high) / 2;
+        before(bucket->hash(middle)) ? low = middle + 1 : high = middle;
+      }
+      return low;
+    };
+    first = slotsUpTo([hash](std::uint32_t other) { return other < hash; });
+    end = slotsUpTo([hash](std::uint32_t other) { return other <= hash; });
+  }
+  while (first < end) {
+    const unsigned middle = (first + end) / 2;
+    const auto* there = bucket->node(middle, vtable->nodeSize());
+    vtable->compareOrLruUnlink(key, node, there) == 2 ? first = middle + 1 : end = middle;
+  }
+  return first;
+}
+
+HashMap2018LinkNodeBase* HashMap2018Generic::newMemberG(const HashMap2018VTable* vtable,
+                                                        HashHelper::KeyAndRhashSeedArg keyAndHash,
+                                                        HashMap2018LinkNodeBase&& node) {
+  const std::uint32_t hash = keyAndHash.hash;
+  makeRoom(vtable, hash);
+  Entry& in = entryOf(hash);
+  HashMap2018BucketHdr* bucket = in.bucket;
+  ++members_;
+  if (bucket == nullptr) {
+    const Piece pieces[] = {{nullptr, 0, 1, &node, hash}};
+    in.bucketIs(assemble(vtable, capacityFor(vtable, 1), pieces, 1));
+    return in.bucket->node(0, vtable->nodeSize());
+  }
+  const unsigned used = bucket->used();
+  const unsigned slot = lowerBound(vtable, bucket, hash, keyAndHash.key, nullptr);
+  if (!bucket->shared() && used < bucket->capacity()) {
+    const unsigned behind = used - slot;
+    std::memmove(bucket->hashRange(slot + 1, behind), bucket->hashRange(slot, behind),
+                 behind * sizeof(std::uint32_t));
+    bucket->hashIs(slot, hash);
+    bucket->usedIs(used + 1);
+    vtable->shift(vtable, bucket->node(0, 0), &node, slot, used, 1);
+  } else {
+    const Piece pieces[] = {
+        {bucket, 0, slot}, {nullptr, 0, 1, &node, hash}, {bucket, slot, used - slot}};
+    in.bucket = assemble(vtable, capacityFor(vtable, used + 1), pieces, 3);
+    release(vtable, bucket);
+  }
+  in.tagInsert(slot, hash);
+  return in.bucket->node(slot, vtable->nodeSize());
+}
+
+bool HashMap2018Generic::deleteMemberG(const HashMap2018VTable* vtable,
+                                       HashHelper::KeyAndRhashSeedArg keyAndHash, void* out) {
+  HashMap2018LinkNodeBase* node = lookupNodeG(vtable, keyAndHash);
+  if (node == nullptr) {
+    return false;
+  }
+  HashMap2018BucketHdr* bucket = entry(keyAndHash.hash).bucket;
+  const auto slot = static_cast<unsigned>(
+      static_cast<std::size_t>(reinterpret_cast<char*>(node) - bucket->slots()) /
+      vtable->nodeSize());
+  HashMap2018BucketHdr* parked = nullptr;
+  if (out != nullptr) {
+    vtable->place(vtable, out, node, bucket->shared() ? MoveOrCopy::copy : MoveOrCopy::move);
+  } else if (!bucket->shared()) {
+    // The node is destroyed when all is done: it waits in a bucket of its own.
+    const Piece pieces[] = {{nullptr, 0, 1, node, keyAndHash.hash}};
+    parked = assemble(vtable, 1, pieces, 1);
+  }
+  memberErase(vtable, keyAndHash.hash, slot);
+  if (parked != nullptr) {
+    release(vtable, parked);
+  }
+  return true;
+}
+
+void HashMap2018Generic::memberErase(const HashMap2018VTable* vtable, std::uint32_t hash,
+                                     unsigned slot) {
+  Entry& in = entryOf(hash);
+  HashMap2018BucketHdr* bucket = in.bucket;
+  const unsigned left = bucket->used() - 1;
+  if (left == 0) {
+    in.bucketIs(nullptr);
+    release(vtable, bucket);
+    countErase(vtable);
+    return;
+  }
+  const std::size_t size = vtable->nodeSize();
+  // Room for one more is kept, so that a key that comes and goes costs no allocation.
+  const bool wasteful =
+      (bucket->capacity() - left - 1) * (size + sizeof(std::uint32_t)) >= 2 * kBlockStep;
+  if (bucket->shared() || wasteful) {
+    const Piece pieces[] = {{bucket, 0, slot}, {bucket, slot + 1, left - slot}};
+    in.bucket = assemble(vtable, capacityFor(vtable, left), pieces, 2);
+    in.tagErase(slot);
+    release(vtable, bucket);
+  } else {
+    const unsigned behind = left - slot;
+    std::memmove(bucket->hashRange(slot, behind), bucket->hashRange(slot + 1, behind),
+                 behind * sizeof(std::uint32_t));
+    vtable->shift(vtable, bucket->node(0, 0), nullptr, slot + 1, left + 1, -1);
+    bucket->usedIs(left);
+    in.tagErase(slot);
+  }
+  countErase(vtable);
+}
+
+void HashMap2018Generic::_memberDelAll(const HashMap2018VTable* vtable) {
+  const bool oversized = 8ULL * members_ < membersMax(vtable->nodeSize(), directoryLog2());
+  emptyAllBuckets(vtable, oversized && !keepDirectory_);
+}
+
+void HashMap2018Generic::emptyAllBuckets(const HashMap2018VTable* vtable, bool freeDirectory) {
+  peak_ = std::max(peak_, members_);
+  // Every step leaves the collection whole, and asks anew: a node that goes may call anything.
+  for (std::size_t i = 0; members_ != 0 && i < directorySize(); ++i) {
+    if (HashMap2018BucketHdr* bucket = directory_[i].bucket; bucket != nullptr) {
+      members_ -= bucket->used();
+      directory_[i].bucketIs(nullptr);
+      release(vtable, bucket);
+    }
+  }
+  if (freeDirectory && members_ == 0) {
+    directoryLog2Is(vtable, 0);
+  }
+}
+
+HashMap2018BucketHdr* HashMap2018Generic::assemble(const HashMap2018VTable* vtable,
+                                                   unsigned capacity, const Piece* pieces,
+                                                   unsigned numPieces) {
+  const std::size_t alignment = vtable->nodeAlignment();
+  auto* block = static_cast<char*>(PoolSlab::slabAllocOrStdMalloc(
+      HashMap2018BucketHdr::blockBytes(capacity, vtable->nodeSize(), alignment)));
+  Lumen::assertThat(block != nullptr, "block != nullptr");
+  auto* bucket = ::new (block + HashMap2018BucketHdr::slotsOffset(capacity, alignment) -
+                        sizeof(HashMap2018BucketHdr)) HashMap2018BucketHdr(capacity);
+  HashMap2018NodeRange ranges[kPiecesMax];
+  unsigned used = 0;
+  for (unsigned i = 0; i < numPieces; ++i) {
+    const Piece& piece = pieces[i];
+    if (piece.bucket == nullptr) {
+      bucket->hashIs(used, piece.hash);
+      ranges[i] = {piece.node, 1, MoveOrCopy::move};
+    } else {
+      std::memcpy(bucket->hashRange(used, piece.count),
+                  piece.bucket->hashRange(piece.first, piece.count),
+                  piece.count * sizeof(std::uint32_t));
+      ranges[i] = {piece.bucket->node(piece.first, vtable->nodeSize()), piece.count,
+                   piece.bucket->shared() ? MoveOrCopy::copy : MoveOrCopy::move};
+    }
+    used += piece.count;
+  }
+  bucket->usedIs(vtable->newBucketAssemble(vtable, capacity, bucket->slots(), ranges, numPieces));
+  slots_ += capacity;
+  return bucket;
+}
+
+void HashMap2018Generic::release(const HashMap2018VTable* vtable,
+                                 HashMap2018BucketHdr* bucket) noexcept {
+  slots_ -= bucket->capacity();
+  vtable->bktHdrRefDec(bucket);
+}
+
+// Sees to it that one more member with this hash finds room.
+void HashMap2018Generic::makeRoom(const HashMap2018VTable* vtable, std::uint32_t hash) {
+  unsigned log2 = directoryLog2();
+  if (members_ >= membersMax(vtable->nodeSize(), log2) || log2 < minLog2_) [[unlikely]] {
+    // From one bucket to four: two would be full again at once.
+    log2 = std::max<unsigned>(minLog2_, log2 == 0 ? 2 : log2 + 1);
+    directoryLog2Is(vtable, log2);
+  }
+  for (const HashMap2018BucketHdr* bucket = entry(hash).bucket;
+       bucket != nullptr && bucket->used() == HashMap2018BucketHdr::kCapacityMax;
+       bucket = entry(hash).bucket) {
+    Lumen::assertThat(++log2 <= kLog2ForOneBucket,
+                      "a bucket of HashMap2018 is full: more than 16383 keys have one hash");
+    directoryLog2Is(vtable, log2);
+  }
+}
+
+// Books one member less. The directory shrinks when it has been at least eight times too large for the
+// length of an epoch of erasures, so that a collection that is filled and drained again and again keeps
+// the one it needs.
+void HashMap2018Generic::countErase(const HashMap2018VTable* vtable) {
+  peak_ = std::max(peak_, members_--);
+  unsigned log2 = directoryLog2();
+  if (log2 <= minLog2_) {
+    return;
+  }
+  const std::size_t size = vtable->nodeSize();
+  if (++erasures_ < 2 * membersMax(size, log2)) [[likely]] {
+    return;
+  }
+  if (8ULL * peak_ < membersMax(size, log2) && !keepDirectory_) {
+    while (log2 > minLog2_ && 4ULL * peak_ < membersMax(size, log2)) {
+      --log2;
+    }
+    while (directoryLog2() > log2) {
+      directoryLog2Is(vtable, directoryLog2() - 1);
+    }
+  }
+  erasures_ = 0;
+  peak_ = members_;
+}
+
+void HashMap2018Generic::directoryLog2Is(const HashMap2018VTable* vtable, unsigned log2) {
+  const unsigned oldLog2 = directoryLog2();
+  if (log2 == oldLog2) {
+    return;
+  }
+  Entry* to = &single_;
+  if (log2 != 0) {
+    const std::size_t entries = std::size_t{1} << log2;
+    to = static_cast<Entry*>(PoolSlab::slabAllocOrStdMalloc(entries * sizeof(Entry)));
+    Lumen::assertThat(to != nullptr, "to != nullptr");
+    std::uninitialized_value_construct_n(to, entries);
+  }
+  if (members_ != 0) {
+    log2 > oldLog2 ? split(vtable, to, log2) : merge(vtable, to, log2);
+  }
+  Entry* old = directory_;
+  directory_ = to;
+  shift_ = static_cast<std::uint8_t>(32 - log2);
+  erasures_ = 0;
+  if (old == &single_) {
+    single_ = Entry();
+  } else {
+    PoolSlab::slabFreeOrStdFree(old, (std::size_t{1} << oldLog2) * sizeof(Entry));
+  }
+}
+
+// Fills the larger, empty directory `to` from the present one.
+void HashMap2018Generic::split(const HashMap2018VTable* vtable, Entry* to, unsigned log2) {
+  const auto indexOf = [log2](std::uint32_t hash) {
+    return static_cast<std::size_t>(static_cast<std::uint64_t>(hash) >> (32 - log2));
+  };
+  for (std::size_t i = 0; i < directorySize(); ++i) {
+    HashMap2018BucketHdr* bucket = directory_[i].bucket;
+    if (bucket == nullptr) {
+      continue;
+    }
+    const unsigned used = bucket->used();
+    if (indexOf(bucket->hash(0)) == indexOf(bucket->hash(used - 1))) {
+      to[indexOf(bucket->hash(0))] = directory_[i];
+      continue;
+    }
+    for (unsigned first = 0; first < used;) {
+      const std::size_t index = indexOf(bucket->hash(first));
+      unsigned end = first + 1;
+      while (end < used && indexOf(bucket->hash(end)) == index) {
+        ++end;
+      }
+      const Piece pieces[] = {{bucket, first, end - first}};
+      to[index].bucketIs(assemble(vtable, capacityFor(vtable, end - first), pieces, 1));
+      first = end;
+    }
+    release(vtable, bucket);
+  }
+}
+
+// Fills the directory `to`, of half the size and empty, from the present one.
+void HashMap2018Generic::merge(const HashMap2018VTable* vtable, Entry* to, unsigned log2) {
+  for (std::size_t i = 0; i < std::size_t{1} << log2; ++i) {
+    const Entry& low = directory_[2 * i];
+    const Entry& high = directory_[2 * i + 1];
+    if (low.bucket == nullptr || high.bucket == nullptr) {
+      to[i] = low.bucket == nullptr ? high : low;
+      continue;
+    }
+    const Piece pieces[] = {{low.bucket, 0, low.bucket->used()}, {high.bucket, 0, high.bucket->used()}};
+    const unsigned used = low.bucket->used() + high.bucket->used();
+    to[i].bucketIs(assemble(vtable, capacityFor(vtable, used), pieces, 2));
+    release(vtable, low.bucket);
+    release(vtable, high.bucket);
+  }
+}
+
+}  // namespace Brio
