@@ -39,7 +39,7 @@ def clang_format(tree):
         for path, line in places:
             lines.setdefault(path, set()).add(int(line))
         for path, found in lines.items():
-            yield Finding(path, min(found), f"{len(found)} lines laid out otherwise",
+            yield Finding(path, min(found), f"laid out otherwise on {len(found)} of its lines",
                           "run ./dev format", "format")
 
 

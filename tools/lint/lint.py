@@ -61,7 +61,7 @@ def main():
         start = time.monotonic()
         findings = sorted(found for found in set(table[name]()) if not allowances.allow(found))
         for finding in findings:
-            print(finding)
+            print(finding, flush=True)
         failures += sum(not finding.warning for finding in findings)
         print(f"{name:12} {len(findings):4} findings {time.monotonic() - start:6.1f} s",
               file=sys.stderr, flush=True)
