@@ -1,0 +1,15 @@
+#pragma once
+
+#include <stdexcept>
+
+namespace BrioSharedMem {
+
+// A collection that cannot be opened: two writers, no room, no permission, no such file, another
+// layout. The text names the path and the remedy. What was asked for has not been done, not even in
+// part.
+class StoreError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+}  // namespace BrioSharedMem

@@ -1,0 +1,136 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+#include "Quilt/Crc32c.h"
+#include "Quilt/KeyWords.h"
+#include "Quilt/Layout.h"
+#include "Quilt/StoreFile.h"
+
+namespace Quilt {
+
+// The bucket heads and slots of a mapped collection file, seen as records of one type. Reads what
+// it is told to; who calls has checked that the slot exists. A few words, copied freely; the file
+// must outlive it.
+template <class Record>
+class Chains {
+ public:
+  using Traits = RecordTraits<Record>;
+  using Key = typename Traits::Key;
+  using Words = KeyWords<Key>;
+  using RecordSlot = Slot<Traits::kWords>;
+
+  struct RecordWords {
+    std::uint64_t words[Traits::kWords];
+
+    [[nodiscard]] static RecordWords of(const Record& record) noexcept {
+      RecordWords made;
+      if constexpr (sizeof(Record) % 8 != 0) {
+        made.words[Traits::kWords - 1] = 0;
+      }
+      std::memcpy(made.words, &record, sizeof(Record));
+      return made;
+    }
+    void copyTo(Record& record) const noexcept {
+      std::memcpy(static_cast<void*>(&record), words, sizeof(Record));
+    }
+  };
+
+  explicit Chains(const StoreFile& file) noexcept
+      : heads_(static_cast<Word64*>(file.at(Geometry::kHeadsOffset))),
+        slots_(static_cast<RecordSlot*>(file.at(file.geometry().slotsOffset))),
+        headsUsed_(file.header().headsUsed),
+        bucketShift_(64 - file.geometry().bucketBits),
+        bucketMask_(file.geometry().buckets - 1),
+        headChunkBits_(file.geometry().headChunkBits) {}
+
+  [[nodiscard]] Word64& head(std::uint32_t bucket) const noexcept { return heads_[bucket]; }
+  [[nodiscard]] RecordSlot& slot(std::uint32_t index) const noexcept { return slots_[index]; }
+  [[nodiscard]] std::uint32_t buckets() const noexcept { return bucketMask_ + 1; }
+
+  [[nodiscard]] std::uint32_t bucketOf(const Words& key) const noexcept {
+    if constexpr (Traits::kOrderedByKey) {
+      return static_cast<std::uint32_t>(key.words[0]) & bucketMask_;
+    } else {
+      return static_cast<std::uint32_t>(key.hash() >> bucketShift_);
+    }
+  }
+
+  // Heads are taken into use in chunks. A chunk that is not in use is a hole of the file, all of
+  // its buckets are empty, and nobody may touch it: even a read would take pages from the file
+  // system.
+  [[nodiscard]] std::uint32_t headChunkOf(std::uint32_t bucket) const noexcept {
+    return bucket >> headChunkBits_;
+  }
+  [[nodiscard]] bool headsUsed(std::uint32_t bucket) const noexcept {
+    const std::uint32_t chunk = headChunkOf(bucket);
+    return ((headsUsed_[chunk / 64].load(std::memory_order_acquire) >> (chunk % 64)) & 1U) != 0;
+  }
+  [[nodiscard]] Word64& headsUsedWord(std::uint32_t bucket) const noexcept {
+    return headsUsed_[headChunkOf(bucket) / 64];
+  }
+  [[nodiscard]] std::uint64_t headsUsedBit(std::uint32_t bucket) const noexcept {
+    return std::uint64_t{1} << (headChunkOf(bucket) % 64);
+  }
+  [[nodiscard]] std::uint64_t headChunkBuckets() const noexcept {
+    return std::uint64_t{1} << headChunkBits_;
+  }
+
+  // The key in a slot. Its words are read in acquire order: what is read afterwards is not older.
+  [[nodiscard]] static Words keyOf(const RecordSlot& slot) noexcept {
+    const std::size_t offset = Traits::keyOffset();
+    const std::size_t first = offset / 8;
+    const std::size_t last = (offset + sizeof(Key) - 1) / 8;
+    std::uint64_t covering[Words::kWords + 1] = {};
+    for (std::size_t i = first; i <= last; ++i) {
+      covering[i - first] = slot.words[i].load(std::memory_order_acquire);
+    }
+    Words key;
+    std::memcpy(key.words.data(), reinterpret_cast<const unsigned char*>(covering) + offset % 8,
+                sizeof(Key));
+    return key;
+  }
+  // The bytes in a slot as the record that they are. For the writer alone, whose thread is the only
+  // one that changes them.
+  [[nodiscard]] static const Record& recordIn(const RecordSlot& slot) noexcept {
+    return *std::launder(static_cast<const Record*>(static_cast<const void*>(slot.words)));
+  }
+  static void load(const RecordSlot& slot, RecordWords& out) noexcept {
+    for (std::size_t i = 0; i < Traits::kWords; ++i) {
+      out.words[i] = slot.words[i].load(std::memory_order_acquire);
+    }
+  }
+
+  // CRC-32C of the record, the key with it, begun with the generation. Large records are cut into
+  // four parts, whose checksums the processor computes side by side, and a checksum over those.
+  [[nodiscard]] static std::uint32_t checksumOf(const RecordWords& record,
+                                                std::uint32_t generation) noexcept {
+    constexpr std::size_t kCount = Traits::kWords;
+    if constexpr (kCount <= 16) {
+      return Crc32c::extend(~generation, record.words, kCount);
+    } else {
+      constexpr std::size_t kPart = kCount / 4;
+      const std::uint64_t parts[2] = {
+          Crc32c::extend(~0U, record.words, kPart) |
+              std::uint64_t{Crc32c::extend(~0U, record.words + kPart, kPart)} << 32,
+          Crc32c::extend(~0U, record.words + 2 * kPart, kPart) |
+              std::uint64_t{Crc32c::extend(~0U, record.words + 3 * kPart, kCount - 3 * kPart)}
+                  << 32};
+      return Crc32c::extend(~generation, parts, 2);
+    }
+  }
+
+ private:
+  Word64* heads_;
+  RecordSlot* slots_;
+  Word64* headsUsed_;
+  std::uint32_t bucketShift_;
+  std::uint32_t bucketMask_;
+  std::uint32_t headChunkBits_;
+};
+
+}  // namespace Quilt
