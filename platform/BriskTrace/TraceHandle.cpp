@@ -1,0 +1,7 @@
+#include "BriskTrace/TraceHandle.h"
+
+namespace BriskTrace {
+
+TraceHandle* defaultBriskTraceHandle = nullptr;
+
+}  // namespace BriskTrace
