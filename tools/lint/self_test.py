@@ -94,9 +94,12 @@ class Text(OneTree):
                      "::new (place) int;\n"
                      "auto* d = new (std::nothrow) int;\n"
                      "asm volatile(\"pause\");\n"
-                     "int e = 1'000; /* new\n new */ int f = 2'000;\n"})
+                     "int e = 1'000; /* new\n new */ int f = 2'000;\n"
+                     "static auto* const g = new std::map<int, int>;\n"
+                     "const Lumen::Ptr<H> h(\n    new H(1));\n"
+                     "const Lumen::Ptr<H> i; auto* j =\n    new H(1);\n"})
         self.assertEqual([(line, what) for _, line, what in found], [
-            (2, "raw new"), (3, "raw delete"), (4, "volatile"), (10, "raw new")])
+            (2, "raw new"), (3, "raw delete"), (4, "volatile"), (10, "raw new"), (18, "raw new")])
 
     def test_paths_addresses_and_hosts_are_found(self):
         found = self.found(text_checks.forbidden, {

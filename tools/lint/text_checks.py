@@ -17,10 +17,17 @@ _MARKER = re.compile(r"\b(" + "|".join(["TO" + "DO", "FIX" + "ME", "X" + "XX"]) 
 _DEBUGGING = re.compile(
     r"^\s*(//\s*(std::(cout|cerr|clog)\s*<<|f?printf\s*\(|puts\s*\(|fmt::print\s*\(|#\s*include\b)"
     r"|#\s*if\s+0\b)")
-_NEW = re.compile(r"(?<!operator )\bnew\b")
-_PLACEMENT_NEW = re.compile(r"(::\s*)?\bnew\s*\((?!std::nothrow)")
-_DELETE = re.compile(r"(?<!operator )(?<!= )\bdelete\b")
-_VOLATILE = re.compile(r"(?<!asm )(?<!asm__ )\bvolatile\b")
+# Placement constructs and allocates nothing, so it is no match.
+_RAW = re.compile(r"(?<!operator )\bnew\b(?!\s*\((?!std::nothrow))"
+                  r"|(?<!operator )(?<!= )\bdelete\b"
+                  r"|(?<!asm )(?<!asm__ )\bvolatile\b")
+_RAW_REMEDIES = {
+    "new": "use Lumen::makeNode or a container",
+    "delete": "let an owner release it",
+    "volatile": "use std::atomic",
+}
+# A `new` that is owned from the same expression on: by a Ptr, or by nobody for the process's life.
+_OWNED = re.compile(r"(\bPtr<[^;]*>\s*\w*\(\s*|\bstatic\b[^;]*=\s*)$")
 
 _TEXT_SUFFIXES = (".h", ".cpp", ".in", ".py", ".md", ".txt", ".cmake", ".json", ".sh", ".map")
 
@@ -93,17 +100,15 @@ def leftovers(tree):
 def raw_memory(tree):
     """new, delete and volatile stay inside the few files that are about them (see allowed.txt)."""
     for path in tree.cpp_paths:
-        for number, line in enumerate(code_only(tree.text(path) or "").split("\n"), 1):
-            if re.match(r"\s*#\s*include\b", line):
+        code = re.sub(r"#[ \t]*include[^\n]*", "", code_only(tree.text(path) or ""))
+        for found in _RAW.finditer(code):
+            word = found.group(0)
+            statement = re.split(r"[;{}]", code[:found.start()])[-1]
+            if word == "new" and _OWNED.search(statement):
                 continue
-            # Placement constructs and allocates nothing.
-            if _NEW.search(_PLACEMENT_NEW.sub(" ", line)):
-                yield Finding(path, number, "raw new", "use Lumen::makeNode or a container",
-                              "raw-memory")
-            if _DELETE.search(line):
-                yield Finding(path, number, "raw delete", "let an owner release it", "raw-memory")
-            if _VOLATILE.search(line):
-                yield Finding(path, number, "volatile", "use std::atomic", "raw-memory")
+            line = code.count("\n", 0, found.start()) + 1
+            what = word if word == "volatile" else f"raw {word}"
+            yield Finding(path, line, what, _RAW_REMEDIES[word], "raw-memory")
 
 
 def forbidden(tree, list_path=_HERE / "forbidden.txt"):
