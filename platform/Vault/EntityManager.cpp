@@ -9,10 +9,7 @@
 #include <string_view>
 #include <utility>
 
-#if __has_include("BrioSharedMem/EntityManager.h")
 #include "BrioSharedMem/EntityManager.h"
-#define KELP_HAS_STORE 1
-#endif
 
 namespace Vault {
 namespace {
@@ -97,9 +94,7 @@ EntityManager::EntityManager(Lumen::String name, bool localMode, Lumen::String r
       localMode_(localMode),
       root_(std::move(root)),
       store_(storeFor(name_, localMode_, root_)) {
-#ifdef KELP_HAS_STORE
   BrioSharedMem::EntityManager::rootIs(name_, root_);
-#endif
 }
 
 EntityManager::~EntityManager() = default;
