@@ -26,8 +26,8 @@ class CanonicalTableName final : public Lumen::Node, public PoolSlab::Slabbed<Ca
   [[nodiscard]] const Lumen::String& tableNamespace() const noexcept { return tableNamespace_; }
   [[nodiscard]] const Lumen::String& tableName() const noexcept { return tableName_; }
 
-  // "OrderedSwTable.GROUP.TABLE", "PartiallyOrderedSwTable.TABLE" or "ResourceTable.NAMESPACE::TABLE".
-  // Asserts that the type is one of the three.
+  // "OrderedSwTable.GROUP.TABLE", "PartiallyOrderedSwTable.TABLE" or
+  // "ResourceTable.NAMESPACE::TABLE". Asserts that the type is one of the three.
   [[nodiscard]] Lumen::String name() const;
 
  private:

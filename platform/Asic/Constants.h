@@ -9,11 +9,12 @@
 
 namespace Asic {
 
-// Where the collections of a group lie in the shared store. All are pure functions of their arguments.
+// Where the collections of a group lie in the shared store. All are pure functions of their
+// arguments.
 //
 //   orderedTable/AGENT/GROUP/status                          what the hardware side has taken in
-//   orderedTable/AGENT/GROUP/needed/TABLE                    dependencies of log records, by table number
-//   orderedTable/AGENT/GROUP/tables/NAMESPACE/NAME/log       change log
+//   orderedTable/AGENT/GROUP/needed/TABLE                    dependencies of log records, by table
+//   number orderedTable/AGENT/GROUP/tables/NAMESPACE/NAME/log       change log
 //   orderedTable/AGENT/GROUP/tables/NAMESPACE/NAME/config/U  configuration collection of unit U
 class Constants {
  public:
@@ -31,8 +32,8 @@ class Constants {
       const Lumen::String& canonicalGroupName, const Lumen::String& tableNamespace,
       const Lumen::String& tableName);
   [[nodiscard]] static Lumen::String configQuiltPath(const Lumen::String& pathBase, UnitId unitId);
-  // The unit of a configuration path: its last component, which must be a decimal unit number without
-  // leading zeros. Anything else is no unit.
+  // The unit of a configuration path: its last component, which must be a decimal unit number
+  // without leading zeros. Anything else is no unit.
   [[nodiscard]] static std::optional<UnitId> getUnitIdFromConfigPath(std::string_view path);
 };
 

@@ -10,7 +10,8 @@
 
 namespace Asic {
 
-// An entry as another entry that depends on it sees it: its state, and the version of its log record.
+// An entry as another entry that depends on it sees it: its state, and the version of its log
+// record.
 class DependencyEntryHandle : public Lumen::Node {
  public:
   // What a change of the state publishes.

@@ -4,8 +4,8 @@
 
 namespace Asic {
 
-// What a resolver entry carries. A write has 0 or suppressIdenticalWrites; a remove and a remove-all have
-// their one flag, and never both.
+// What a resolver entry carries. A write has 0 or suppressIdenticalWrites; a remove and a
+// remove-all have their one flag, and never both.
 enum class EntryFlags : std::uint8_t {
   none = 0,
   entryDeleted = 1,             // a remove of one key

@@ -4,8 +4,7 @@
 
 namespace Asic {
 
-EntryLogBase::EntryLogBase(SwTableId tableId,
-                           const Lumen::Ptr<Vault::EntityManager>& entityManager,
+EntryLogBase::EntryLogBase(SwTableId tableId, const Lumen::Ptr<Vault::EntityManager>& entityManager,
                            const Lumen::Ptr<GroupInterface>& groupInterface,
                            Lumen::String agentName)
     : tableId_(tableId),

@@ -31,8 +31,8 @@ class EntryLogBase : public Lumen::Node {
   EntryLogBase(SwTableId tableId, const Lumen::Ptr<Vault::EntityManager>& entityManager,
                const Lumen::Ptr<GroupInterface>& groupInterface, Lumen::String agentName);
 
-  // Issues the next version: announces it in the header of the change log, so that the next mount can
-  // finish what a dying process began, and returns it.
+  // Issues the next version: announces it in the header of the change log, so that the next mount
+  // can finish what a dying process began, and returns it.
   LogVersion tableVersionInc(LogVersion step);
   void tableVersionIs(LogVersion version) noexcept { tableVersion_ = version; }
   void lastCleanedVersionIs(LogVersion version) noexcept { lastCleanedVersion_ = version; }

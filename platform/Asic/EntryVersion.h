@@ -16,10 +16,12 @@ struct MajorVersion {
   friend constexpr bool operator==(MajorVersion, MajorVersion) = default;
 };
 
-// The version of one write of one key, within one flight of the key. Versions of different flights must
-// not be compared, and there is no order: a key that has left the transient state starts at {0, 0} again.
+// The version of one write of one key, within one flight of the key. Versions of different flights
+// must not be compared, and there is no order: a key that has left the transient state starts at
+// {0, 0} again.
 struct EntryVersion {
-  std::uint64_t majorVersion = 0;  // counts the writes and removes of the key while it stays in flight
+  std::uint64_t majorVersion =
+      0;  // counts the writes and removes of the key while it stays in flight
   std::uint16_t minorVersion = 0;  // carried unchanged
 
   [[nodiscard]] static constexpr EntryVersion invalid() noexcept {

@@ -37,8 +37,8 @@ void GenId::majorIdInc(unsigned short step) {
     return std::to_string(parse(*this, store().file(), value) + step);
   });
   if (!raised) {
-    throw Vault::VaultError(fmt::format("{}: \"{}\" is gone; make it again before raising it",
-                                        store().file(), path()));
+    throw Vault::VaultError(
+        fmt::format("{}: \"{}\" is gone; make it again before raising it", store().file(), path()));
   }
 }
 

@@ -4,8 +4,10 @@
 #include <utility>
 
 #include "Asic/Constants.h"
+#include "Asic/SharedMemory.h"
 #include "Brio/TraceHandle.h"
 #include "BrioSharedMem/EntityManager.h"
+#include "BrioSharedMem/StoreError.h"
 #include "Lumen/Assert.h"
 #include "Lumen/Exception.h"
 
@@ -18,10 +20,6 @@ const Brio::TraceHandle& _defaultTraceHandle() {
 }
 
 constexpr const char* kClass = "GroupInterface";
-
-Lumen::Ptr<BrioSharedMem::EntityManager> sharedMemory(const Vault::EntityManager& manager) {
-  return BrioSharedMem::EntityManager::getEntityManager(manager.name(), manager.localMode());
-}
 
 }  // namespace
 
@@ -78,7 +76,7 @@ void GroupInterface::entryLogMounted(SwTableId tableId,
   log->changeLog = changeLog;
   log->delivered.reset();
 
-  const auto manager = sharedMemory(*entityManager_);
+  const auto manager = writableSharedMemory(*entityManager_);
   const Lumen::String path = Constants::groupNeededPath(canonicalName_, tableId);
   const auto group = manager->getMountGroup();
   BrioQuilt::MountInfo info(BrioQuilt::BrioQuiltType::collection);
@@ -103,6 +101,17 @@ void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
   }
   log->changeLog->publishedIs(version.value);
   published_ = true;
+}
+
+bool GroupInterface::hasRoomFor(SwTableId tableId, LogVersion version) {
+  TableLog* log = tableLog(tableId);
+  return log == nullptr || log->needed->map().hasRoomFor(version);
+}
+
+void GroupInterface::stop() {
+  sweepables_.clear();
+  // A table that goes takes its queued operations along.
+  const auto sets = std::exchange(sets_, {});
 }
 
 void GroupInterface::storeNeeded(TableLog& log, LogVersion version, const NeededEntry& needed) {
@@ -142,7 +151,8 @@ void GroupInterface::dropNeeded(TableLog& log, LogVersion version) {
 StatusQuilt* GroupInterface::statusQuilt() {
   if (!statusQuilt_ || statusQuilt_->replaced()) {
     try {
-      statusQuilt_ = Lumen::dynamicPtrCast<StatusQuilt>(sharedMemory(*entityManager_)
+      statusQuilt_ = Lumen::dynamicPtrCast<StatusQuilt>(
+          writableSharedMemory(*entityManager_)
               ->openReader(Constants::groupStatusPath(canonicalName_), kStatusQuiltType));
     } catch (const BrioSharedMem::StoreError& error) {
       // The hardware side has not made it yet, or is making it anew.

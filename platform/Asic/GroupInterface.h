@@ -18,8 +18,8 @@
 
 namespace Asic {
 
-// What the tables of one group have in common: the queue, the sets of software tables, the way of a log
-// version to the hardware side and the way of its report back.
+// What the tables of one group have in common: the queue, the sets of software tables, the way of a
+// log version to the hardware side and the way of its report back.
 class GroupInterface final : public Lumen::Node {
  public:
   GroupInterface(Lumen::String canonicalName, const Lumen::Ptr<Vault::EntityManager>& entityManager,
@@ -50,26 +50,33 @@ class GroupInterface final : public Lumen::Node {
   // Sweeps every table entered. To be called once the features have written again what they want.
   void sweepAll();
 
-  // A table's change log has been mounted: its control block carries the incarnation and the published
-  // version. Mounts the table's dependencies. A log that is mounted anew takes the place of the old one.
+  // A table's change log has been mounted: its control block carries the incarnation and the
+  // published version. Mounts the table's dependencies. A log that is mounted anew takes the place
+  // of the old one.
   void entryLogMounted(SwTableId tableId,
                        const Lumen::Ptr<BrioQuilt::CollectionControl>& changeLog);
 
-  // The table has a change at `version`, which must wait for `needed` (null: for nothing). From here on the
-  // hardware side may see it: the dependencies are stored first, then the table's published version.
-  // Dependencies on the table itself are met by order, those on tables that the hardware side does not
-  // report can't be waited for; neither is stored.
+  // The table has a change at `version`, which must wait for `needed` (null: for nothing). From
+  // here on the hardware side may see it: the dependencies are stored first, then the table's
+  // published version. Dependencies on the table itself are met by order, those on tables that the
+  // hardware side does not report can't be waited for; neither is stored.
   void addLogEntry(SwTableId tableId, LogVersion version,
                    const Lumen::Ptr<const NeededEntry>& needed);
 
+  // Whether the dependencies of a change at `version` could be stored.
+  [[nodiscard]] bool hasRoomFor(SwTableId tableId, LogVersion version);
+
   // Up to which version of the table's log the hardware side has taken it in: the row of the log's
-  // incarnation, no higher than what was published; nothing if there is no such row. A corrupt status
-  // collection is told so, and counts as no row.
+  // incarnation, no higher than what was published; nothing if there is no such row. A corrupt
+  // status collection is told so, and counts as no row.
   [[nodiscard]] std::optional<LogVersion> statusVersion(SwTableId tableId);
 
-  // Looks at the status of every table and hands what is new to every unit's table of its set. Gives the
-  // number of tables that had news. To be called when the hardware side rings.
+  // Looks at the status of every table and hands what is new to every unit's table of its set.
+  // Gives the number of tables that had news. To be called when the hardware side rings.
   std::size_t pollStatus();
+
+  // Lets go of the sets and with them of the tables, as at the end of an agent.
+  void stop();
 
   // Whether anything was published since the last call; the owner of the loop rings the bell then.
   [[nodiscard]] bool takePublished() noexcept { return std::exchange(published_, false); }

@@ -9,9 +9,9 @@
 
 namespace Asic {
 
-// One row of the group's status collection: up to which log version of a table the hardware side has
-// taken the log in. Written by the hardware side, read by the agent. The row speaks of one incarnation of
-// the log: a row of another is no row.
+// One row of the group's status collection: up to which log version of a table the hardware side
+// has taken the log in. Written by the hardware side, read by the agent. The row speaks of one
+// incarnation of the log: a row of another is no row.
 struct StatusQuiltEntry {
   using QuiltKey = SwTableId;
 
@@ -29,8 +29,8 @@ inline constexpr const char* kStatusQuiltType = "Asic::StatusQuilt";
 inline constexpr const char* kStatusCollection = "status";
 inline constexpr std::uint32_t kStatusCapacity = 256;
 
-// What one log record of a table waits for in other tables. Written by the agent before the version is
-// published, read by the hardware side; dropped when the status covers the version.
+// What one log record of a table waits for in other tables. Written by the agent before the version
+// is published, read by the hardware side; dropped when the status covers the version.
 struct NeededQuiltEntry {
   using QuiltKey = LogVersion;
 

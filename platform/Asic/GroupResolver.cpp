@@ -70,8 +70,9 @@ void GroupResolver::wake() {
   }
 }
 
-// Commits from one table, up to the arrival `end` of the pass and as long as its front is earlier than
-// `limit`, the earliest front of the others. Gives true if the table may have more for this pass.
+// Commits from one table, up to the arrival `end` of the pass and as long as its front is earlier
+// than `limit`, the earliest front of the others. Gives true if the table may have more for this
+// pass.
 bool GroupResolver::askFirst(TableQueue& queue, std::uint64_t end, std::uint64_t limit,
                              std::size_t& committed) {
   while (queue.resolver_ != nullptr && queue.frontArrival_ < end) {
@@ -130,8 +131,8 @@ std::size_t GroupResolver::runPass() {
       std::push_heap(candidates_.begin(), candidates_.end(), frontIsLater);
     }
   }
-  // With nothing committed, everybody has answered no to this generation; otherwise an answer may have
-  // changed since it was given, and another pass is worth running.
+  // With nothing committed, everybody has answered no to this generation; otherwise an answer may
+  // have changed since it was given, and another pass is worth running.
   passGenId_ = committed == 0 ? genAtStart : genAtStart - 1;
   inPass_ = false;
   if (committed != 0) {

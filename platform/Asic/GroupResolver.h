@@ -15,13 +15,14 @@ namespace Asic {
 // The queue that the tables of a group share. It holds operations in the order of their arrival and
 // commits them, one pass at a time, when its owner says so.
 //
-// A pass takes what was queued when it began, always from the software table whose front arrived first. A
-// front that is not resolved holds back the later operations of its own software table and nobody else's.
-// So a pass costs what it commits and one step per table with something queued, however long the queue is.
+// A pass takes what was queued when it began, always from the software table whose front arrived
+// first. A front that is not resolved holds back the later operations of its own software table and
+// nobody else's. So a pass costs what it commits and one step per table with something queued,
+// however long the queue is.
 //
-// Nothing is asked twice while nothing changes: a front that answered no waits until updateGenId() says
-// that an answer may have changed. The question and the commit of an operation are adjacent. Putting an
-// operation in never commits anything.
+// Nothing is asked twice while nothing changes: a front that answered no waits until updateGenId()
+// says that an answer may have changed. The question and the commit of an operation are adjacent.
+// Putting an operation in never commits anything.
 class GroupResolver final : public Lumen::Node {
  public:
   using TableQueue = ResolverTableQueue;
@@ -36,8 +37,8 @@ class GroupResolver final : public Lumen::Node {
   void updateGenId() const noexcept { ++genId_; }
   [[nodiscard]] std::uint64_t genId() const noexcept { return genId_; }
 
-  // Tells the owner of the loop, through the wake-up, that a pass is worth running. At most one call
-  // between two passes.
+  // Tells the owner of the loop, through the wake-up, that a pass is worth running. At most one
+  // call between two passes.
   void maybeUpdateSuspend() {
     if (!awake_ && passWorthRunning()) {
       wake();
@@ -47,8 +48,8 @@ class GroupResolver final : public Lumen::Node {
   [[nodiscard]] bool passWorthRunning() const noexcept;
   void wakeUpIs(std::function<void()> wakeUp) { wakeUp_ = std::move(wakeUp); }
 
-  // Runs one pass and gives the number of operations committed. Called from within a pass (by a response
-  // handler) it does nothing and gives 0.
+  // Runs one pass and gives the number of operations committed. Called from within a pass (by a
+  // response handler) it does nothing and gives 0.
   std::size_t runPass();
 
   // Operations queued, all tables.
@@ -63,7 +64,7 @@ class GroupResolver final : public Lumen::Node {
   bool askFirst(TableQueue& queue, std::uint64_t end, std::uint64_t limit, std::size_t& committed);
 
   std::vector<TableQueue*> active_;      // the tables with something queued
-  std::vector<TableQueue*> candidates_; // of the pass that runs: a heap, earliest front on top
+  std::vector<TableQueue*> candidates_;  // of the pass that runs: a heap, earliest front on top
   std::size_t size_ = 0;
   std::uint64_t nextArrival_ = 1;
   mutable std::uint64_t genId_ = 1;

@@ -13,7 +13,8 @@ class NamedSwTable : public SwTableBase {
  public:
   ~NamedSwTable() override;
 
-  // Brings the table in line with what an earlier run left. Nothing unless a class has something to do.
+  // Brings the table in line with what an earlier run left. Nothing unless a class has something to
+  // do.
   virtual void reconcile();
 
   [[nodiscard]] const Lumen::Ptr<const CanonicalTableName>& canonicalName() const noexcept {

@@ -14,9 +14,9 @@
 
 namespace Asic {
 
-// The dependencies of one log record: the versions that other tables must have reached before it may be
-// programmed. One version per table, the highest that was added. Up to four tables without a heap
-// allocation.
+// The dependencies of one log record: the versions that other tables must have reached before it
+// may be programmed. One version per table, the highest that was added. Up to four tables without a
+// heap allocation.
 class NeededEntry final : public Lumen::Node, public PoolSlab::Slabbed<NeededEntry> {
  public:
   static constexpr const char* className() { return "NeededEntry"; }
@@ -61,7 +61,7 @@ struct fmt::formatter<Asic::NeededEntry> {
 
 // A null set and an empty one print alike.
 template <class T>
-  requires std::same_as<std::remove_const_t<T>, Asic::NeededEntry>
+requires std::same_as<std::remove_const_t<T>, Asic::NeededEntry>
 struct fmt::formatter<Lumen::Ptr<T>> {
   constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
   template <class Context>

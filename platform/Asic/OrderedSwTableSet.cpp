@@ -36,8 +36,8 @@ Lumen::Ptr<OrderedSwTable> OrderedSwTableSet::swTable(UnitId unitId) const {
 
 void OrderedSwTableSet::maybeUpdatePendingHwWrites() {
   for (std::size_t i = 0; i < tables_.size(); ++i) {
-    const std::size_t at = lastPending_ + i < tables_.size() ? lastPending_ + i
-                                                             : lastPending_ + i - tables_.size();
+    const std::size_t at =
+        lastPending_ + i < tables_.size() ? lastPending_ + i : lastPending_ + i - tables_.size();
     if (tables_[at]->hasPendingHwWrites()) {
       lastPending_ = at;
       status_->pendingHwWritesIs(true);

@@ -32,8 +32,9 @@ class OrderedSwTableSet final : public Lumen::Node, public PoolSlab::Slabbed<Ord
     return tables_;
   }
 
-  // Sets the status's pendingHwWrites to whether any table of the set answers hasPendingHwWrites() with
-  // true. The table that said so last is asked first, so that a burst of writes costs one question each.
+  // Sets the status's pendingHwWrites to whether any table of the set answers hasPendingHwWrites()
+  // with true. The table that said so last is asked first, so that a burst of writes costs one
+  // question each.
   void maybeUpdatePendingHwWrites();
 
   // Hands a report of the hardware side to every unit's table.

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Asic/Constants.h"
+#include "Asic/SwTableInterfacesSingleton.h"
 
 namespace Asic {
 
@@ -33,6 +34,18 @@ Lumen::Ptr<GroupInterface> OrderedTableInterface::makeGroupIntf(const Lumen::Str
     groupIntfColl_->groupIntfIs(group);
   }
   return group;
+}
+
+void OrderedTableInterface::stop() {
+  const auto singleton = SwTableInterfacesSingleton::instance();
+  for (const auto& [key, intf] : std::map(interfaces_)) {
+    if (singleton->swTableIntf(key).get() == intf) {
+      singleton->swTableIntfDel(key);
+    }
+  }
+  for (const auto& [name, group] : groupIntfColl_->groupIntfs()) {
+    group->stop();
+  }
 }
 
 void OrderedTableInterface::swTableIntfIs(const Lumen::String& key, TableInterfaceBase* intf) {

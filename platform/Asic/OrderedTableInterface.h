@@ -35,8 +35,8 @@ class OrderedTableInterface final : public Lumen::Node {
   explicit OrderedTableInterface(Lumen::Ptr<Vault::EntityManager> entityManager);
   ~OrderedTableInterface() override;
 
-  // True: a table that is made does not begin to mark, and a sweep removes nothing from it. False unless
-  // the agent sets it before it makes its tables.
+  // True: a table that is made does not begin to mark, and a sweep removes nothing from it. False
+  // unless the agent sets it before it makes its tables.
   [[nodiscard]] bool skipMarkOnRestore() const noexcept { return skipMarkOnRestore_; }
   void skipMarkOnRestoreIs(bool skip) noexcept { skipMarkOnRestore_ = skip; }
 
@@ -51,6 +51,10 @@ class OrderedTableInterface final : public Lumen::Node {
   Lumen::Ptr<GroupInterface> makeGroupIntf(const Lumen::String& groupName,
                                            const Lumen::String& agentName,
                                            std::uint16_t agentAndGroupId);
+
+  // The end of the agent's tables: the interfaces of this agent leave the process's list, and the
+  // groups let go of their tables. What is queued is dropped; shared memory stays as it is.
+  void stop();
 
   // The agent's list of table interfaces; holds no reference.
   void swTableIntfIs(const Lumen::String& key, TableInterfaceBase* intf);

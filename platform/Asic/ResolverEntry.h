@@ -14,16 +14,16 @@ namespace Asic {
 class GroupResolver;
 class ResolverTableQueue;
 
-// One operation in the group's queue: what it depends on and what kind it is. A table derives its own,
-// which carries the operation itself.
+// One operation in the group's queue: what it depends on and what kind it is. A table derives its
+// own, which carries the operation itself.
 class ResolverEntry : public Lumen::Node {
  public:
   ~ResolverEntry() override;
 
   // Whether the operation may go forward now. Asked again when an answer may have changed.
   [[nodiscard]] virtual bool isResolved() = 0;
-  // Takes the operation forward. Called once, right after isResolved() has answered true; `self` is this
-  // entry.
+  // Takes the operation forward. Called once, right after isResolved() has answered true; `self` is
+  // this entry.
   virtual void commitEntry(const Lumen::Ptr<ResolverEntry>& self) = 0;
 
   // The entry that must be logged first; null for none.
@@ -55,8 +55,8 @@ class ResolverEntry : public Lumen::Node {
   EntryFlags flags_;
 };
 
-// The operations of one software table, oldest first. Part of the table; it drops what is left when the
-// table goes.
+// The operations of one software table, oldest first. Part of the table; it drops what is left when
+// the table goes.
 class ResolverTableQueue {
  public:
   ResolverTableQueue() = default;

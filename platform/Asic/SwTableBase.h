@@ -15,8 +15,8 @@ class SwTableBase : public Brio::Entity {
  public:
   using EntryState = Asic::EntryState;
 
-  // Base of the handles of a table's entries. A handle may outlive its table, so it carries the table's
-  // id and name itself.
+  // Base of the handles of a table's entries. A handle may outlive its table, so it carries the
+  // table's id and name itself.
   class EntryHandle : public DependencyEntryHandle {
    public:
     ~EntryHandle() override;

@@ -9,7 +9,8 @@
 
 namespace Asic {
 
-// Names a table inside an agent and a group: 8 bits of agent, 8 of group, 16 of table, from the top.
+// Names a table inside an agent and a group: 8 bits of agent, 8 of group, 16 of table, from the
+// top.
 struct SwTableId {
   std::uint32_t value = 0;
 

@@ -9,8 +9,8 @@ SwTableInterfacesSingleton::~SwTableInterfacesSingleton() = default;
 Lumen::Ptr<SwTableInterfacesSingleton> SwTableInterfacesSingleton::instance() {
   Lumen::Ptr<Brio::Entity> found = Brio::Entity::singletonExists(kTypeName);
   if (!found) {
-    found = Brio::Entity::singletonIs(
-        kTypeName, Lumen::Ptr<Brio::Entity>(new SwTableInterfacesSingleton));
+    found = Brio::Entity::singletonIs(kTypeName,
+                                      Lumen::Ptr<Brio::Entity>(new SwTableInterfacesSingleton));
   }
   return Lumen::staticPtrCast<SwTableInterfacesSingleton>(found);
 }

@@ -24,7 +24,8 @@ class SwTableInterfacesSingleton final : public Brio::Entity {
   [[nodiscard]] Lumen::Ptr<TableInterfaceBase> swTableIntf(const Lumen::String& key) const;
   void swTableIntfIs(const Lumen::String& key, const Lumen::Ptr<TableInterfaceBase>& intf);
   void swTableIntfDel(const Lumen::String& key);
-  // Drops all interfaces, as at the end of an agent. The interfaces take themselves out of the agent's list.
+  // Drops all interfaces, as at the end of an agent. The interfaces take themselves out of the
+  // agent's list.
   void swTableIntfDelAll();
   [[nodiscard]] const std::map<Lumen::String, Lumen::Ptr<TableInterfaceBase>>& swTableIntfs()
       const noexcept {

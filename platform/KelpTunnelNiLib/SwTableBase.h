@@ -18,8 +18,8 @@ class SwTableIteratorState : public Lumen::Node {
  public:
   using Entry = EntryT;
 
-  // The state byte. At most one of inAddColl and inTblCfg is set; with neither, the next step ends the
-  // iteration.
+  // The state byte. At most one of inAddColl and inTblCfg is set; with neither, the next step ends
+  // the iteration.
   class State {
    public:
     static constexpr std::uint8_t kValid = 1;         // there is a current entry
@@ -80,8 +80,8 @@ class SwTableBase : public Asic::OrderedSwTableWithMarkSweep {
     Key key_;
   };
 
-  // A position in the reader's view of a table. Two are equal when their entries are, so the end is an
-  // iterator with the default entry. Stepping or dereferencing an ended one asserts "iter_".
+  // A position in the reader's view of a table. Two are equal when their entries are, so the end is
+  // an iterator with the default entry. Stepping or dereferencing an ended one asserts "iter_".
   class EntryIteratorConst {
    public:
     EntryIteratorConst(const SwTableBase* swTable, Lumen::Ptr<IteratorState> iter, Entry entry)
@@ -109,9 +109,9 @@ class SwTableBase : public Asic::OrderedSwTableWithMarkSweep {
     Entry entry_;
   };
 
-  // Writes an entry: accepted at once, carried out in the order of the group's queue. `dependency` names
-  // an entry, of this or another table, that must be logged first; null for none. The key argument wins
-  // over the key inside `entry`. The handle tells the outcome; it is never null.
+  // Writes an entry: accepted at once, carried out in the order of the group's queue. `dependency`
+  // names an entry, of this or another table, that must be logged first; null for none. The key
+  // argument wins over the key inside `entry`. The handle tells the outcome; it is never null.
   virtual Lumen::Ptr<const EntryHandle> entryWrite(
       const Key& key, const Entry& entry,
       const Lumen::Ptr<const Asic::DependencyEntryHandle>& dependency) = 0;
@@ -126,15 +126,16 @@ class SwTableBase : public Asic::OrderedSwTableWithMarkSweep {
   virtual Lumen::Ptr<const EntryHandle> entryRemoveWithResponseHandler(
       const Key& key, const Lumen::Ptr<const Asic::DependencyEntryHandle>& dependency,
       const ResponseHandler& handler) = 0;
-  // Removes all keys of the unit. There is no handle: hasPendingHwWrites() tells when it has reached the
-  // hardware.
+  // Removes all keys of the unit. There is no handle: hasPendingHwWrites() tells when it has
+  // reached the hardware.
   virtual void entryRemoveAll(const Lumen::Ptr<const Asic::DependencyEntryHandle>& dependency) = 0;
   // The same; `handler` is called only if the dependency fails.
   virtual void entryRemoveAllWithResponseHandler(
       const Lumen::Ptr<const Asic::DependencyEntryHandle>& dependency,
       const ResponseHandler& handler) = 0;
 
-  // The entry as a reader sees it, with everything that is in flight; the default entry if there is none.
+  // The entry as a reader sees it, with everything that is in flight; the default entry if there is
+  // none.
   [[nodiscard]] virtual Entry entryRead(const Key& key) const = 0;
   // The same as entryRead.
   [[nodiscard]] virtual Entry entry(const Key& key) const = 0;

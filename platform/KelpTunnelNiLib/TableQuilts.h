@@ -14,9 +14,10 @@
 namespace KelpTunnelNiLib {
 
 // The configuration collection of one unit of a table.
-template <class Record>
-class ConfigQuilt final : public BrioQuilt::CollectionEntity<Record> {
+template <class RecordT>
+class ConfigQuilt final : public BrioQuilt::CollectionEntity<RecordT> {
  public:
+  using Record = RecordT;
   using BrioQuilt::CollectionEntity<Record>::CollectionEntity;
 
   [[nodiscard]] Quilt::QuiltMap<Record>& swTableEntries() { return this->map(); }
@@ -30,9 +31,10 @@ class ConfigQuilt final : public BrioQuilt::CollectionEntity<Record> {
 };
 
 // The change log of a table.
-template <class Record>
-class EntryLogQuilt final : public BrioQuilt::CollectionEntity<Record> {
+template <class RecordT>
+class EntryLogQuilt final : public BrioQuilt::CollectionEntity<RecordT> {
  public:
+  using Record = RecordT;
   using BrioQuilt::CollectionEntity<Record>::CollectionEntity;
 
   [[nodiscard]] Quilt::QuiltMap<Record>& entryLogConfig() { return this->map(); }

@@ -1,0 +1,102 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <tuple>
+#include <utility>
+
+#include "Lumen/Publisher.h"
+
+// The attributes of a class, declared once, in order. Whatever speaks of an attribute by number
+// (the notification that a setter sends, a tool that reads it from outside) takes the number from
+// here: the first number of the class's family plus the position in the list.
+
+namespace Brio {
+
+enum class AttributeKind : std::uint8_t {
+  stored,      // a plain attribute that the object holds
+  view,        // a plain attribute that is computed or part of another
+  collection,  // a keyed collection
+  queue,
+  operation,
+  retired,  // a number that was used once and is not given out again
+};
+
+template <class Member>
+struct Attribute {
+  std::string_view name;
+  AttributeKind kind;
+  Member member;  // pointer to the data member or member function; nullptr where there is none
+};
+
+template <class Member>
+constexpr Attribute<Member> stored(std::string_view name, Member member) {
+  return {name, AttributeKind::stored, member};
+}
+template <class Member>
+constexpr Attribute<Member> view(std::string_view name, Member member) {
+  return {name, AttributeKind::view, member};
+}
+template <class Member>
+constexpr Attribute<Member> collection(std::string_view name, Member member) {
+  return {name, AttributeKind::collection, member};
+}
+template <class Member>
+constexpr Attribute<Member> queue(std::string_view name, Member member) {
+  return {name, AttributeKind::queue, member};
+}
+template <class Member = std::nullptr_t>
+constexpr Attribute<Member> operation(std::string_view name, Member member = {}) {
+  return {name, AttributeKind::operation, member};
+}
+constexpr Attribute<std::nullptr_t> retired() { return {"", AttributeKind::retired, nullptr}; }
+
+template <class... Members>
+struct AttributeList {
+  std::uint16_t firstId;
+  std::tuple<Attribute<Members>...> attributes;
+
+  [[nodiscard]] static constexpr std::size_t size() noexcept { return sizeof...(Members); }
+  // The number of an attribute. A name that is not in the list does not compile.
+  [[nodiscard]] constexpr std::uint16_t idOf(std::string_view name) const {
+    std::uint16_t position = 0;
+    const bool found = std::apply(
+        [&](const auto&... each) {
+          return (... ||
+                  (each.name == name && each.kind != AttributeKind::retired ? true
+                                                                            : (++position, false)));
+        },
+        attributes);
+    if (!found) {
+      throw "the class declares no attribute of this name";
+    }
+    return static_cast<std::uint16_t>(firstId + position);
+  }
+};
+
+template <class... Members>
+constexpr AttributeList<Members...> attributeList(std::uint16_t firstId,
+                                                  const Attribute<Members>&... attributes) {
+  return {firstId, std::tuple{attributes...}};
+}
+
+// The number of an attribute of Class, which has a static constexpr function attributes().
+template <class Class>
+[[nodiscard]] consteval Lumen::FieldId fieldId(std::string_view name) {
+  return Lumen::FieldId{Class::attributes().idOf(name)};
+}
+
+// What a plain setter does: an equal value does nothing; any other is stored, and the change is
+// published with the old value.
+template <class Value>
+void attributeIs(Lumen::Publisher& changes, Lumen::FieldId field, Value& member,
+                 const Value& value) {
+  if (member == value) {
+    return;
+  }
+  const Value old = std::exchange(member, value);
+  changes.publishChangeRecursive(field, nullptr, &old);
+}
+
+}  // namespace Brio

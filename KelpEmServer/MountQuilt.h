@@ -1,0 +1,54 @@
+#pragma once
+
+#include <functional>
+
+#include "Asic/GenId.h"
+#include "Asic/SharedMemory.h"
+#include "BrioQuilt/CollectionControl.h"
+#include "BrioQuilt/MountInfo.h"
+#include "BrioSharedMem/EntityManager.h"
+#include "Lumen/Ptr.h"
+#include "Lumen/String.h"
+#include "Vault/EntityManager.h"
+
+namespace KelpEmServer {
+
+// Where the relaunch generation of an agent is kept.
+[[nodiscard]] inline Lumen::String relaunchPath(const Lumen::String& agentName) {
+  return "hardware/tinsel/agent/relaunch/config/" + agentName;
+}
+
+// Mounts a collection for writing. `mountInfoFiller` declares it, `controlGetter` yields the
+// control block of the mounted entity. A collection whose former content was lost is reported
+// through `wipedHandler`, and raises the agent's relaunch generation by one. Null if the entity is
+// not a T. Throws BrioSharedMem::StoreError if it can't be mounted.
+template <class T>
+[[nodiscard]] Lumen::Ptr<T> checkAndwriteMountQuilt(
+    const Lumen::Ptr<Vault::EntityManager>& entityManager, const Lumen::String& typeName,
+    const Lumen::String& path, const Lumen::String& agentName,
+    const std::function<void(BrioQuilt::MountInfo&)>& mountInfoFiller,
+    const std::function<Lumen::Ptr<BrioQuilt::CollectionControl>(Lumen::Ptr<T>&)>& controlGetter,
+    const std::function<void()>& wipedHandler) {
+  const auto manager = Asic::writableSharedMemory(*entityManager);
+  const auto mountGroup = manager->getMountGroup();
+  BrioQuilt::MountInfo mountInfo(BrioQuilt::BrioQuiltType::collection);
+  mountInfoFiller(mountInfo);
+  (void)mountGroup->mount(path, typeName, mountInfo);
+  mountGroup->doClose();
+  Lumen::Ptr<T> quilt = Lumen::dynamicPtrCast<T>(manager->getEntity(path));
+  if (!quilt) {
+    return quilt;
+  }
+  const Lumen::Ptr<BrioQuilt::CollectionControl> control = controlGetter(quilt);
+  if (control->wiped()) {
+    wipedHandler();
+    if (const auto relaunch =
+            Lumen::dynamicPtrCast<Asic::GenId>(entityManager->getEntity(relaunchPath(agentName)))) {
+      relaunch->majorIdInc(1);
+    }
+    control->clearWiped();
+  }
+  return quilt;
+}
+
+}  // namespace KelpEmServer

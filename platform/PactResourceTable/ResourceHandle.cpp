@@ -1,0 +1,7 @@
+#include "PactResourceTable/ResourceHandle.h"
+
+namespace PactResourceTable {
+
+ResourceHandle::~ResourceHandle() = default;
+
+}  // namespace PactResourceTable
