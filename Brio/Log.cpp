@@ -53,10 +53,10 @@ LogSink logSinkIs(LogSink sink) {
 
 void log(LogHandle& handle, std::string_view text) noexcept {
   try {
-    const auto now = Lumen::Duration::nanoseconds(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(
-            std::chrono::steady_clock::now().time_since_epoch())
-            .count());
+    const auto now =
+        Lumen::Duration::nanoseconds(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                         std::chrono::steady_clock::now().time_since_epoch())
+                                         .count());
     const LogHandle::Admission admission = handle.admit(now);
     if (!admission.admitted) {
       return;

@@ -20,8 +20,8 @@ using LogSink = std::function<void(const LogRecord&)>;
 // descriptor's severity and a line "NAME: text" on stderr. Gives back the sink before.
 LogSink logSinkIs(LogSink sink);
 
-// Logs `text` in the handle's format, unless the handle's rate limit is reached. A message that goes out
-// after others were held back says how many. Never throws.
+// Logs `text` in the handle's format, unless the handle's rate limit is reached. A message that
+// goes out after others were held back says how many. Never throws.
 void log(LogHandle& handle, std::string_view text) noexcept;
 
 }  // namespace Brio

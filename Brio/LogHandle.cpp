@@ -22,8 +22,8 @@ Sections& sections() {
 Lumen::Duration grown(Lumen::Duration window, double growth) {
   const double wanted = static_cast<double>(window.nanoseconds()) * growth;
   // A day is long enough to be silent; it also keeps the product in range.
-  const double most = static_cast<double>(
-      std::max(window, Lumen::Duration::seconds(86400)).nanoseconds());
+  const double most =
+      static_cast<double>(std::max(window, Lumen::Duration::seconds(86400)).nanoseconds());
   return Lumen::Duration::nanoseconds(static_cast<std::int64_t>(std::min(wanted, most)));
 }
 

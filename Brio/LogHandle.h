@@ -19,8 +19,8 @@ struct LogDescriptor {
   int severity;             // as in syslog: 0 emergency ... 7 debug
 };
 
-// A library's log-message records, entered in a list of the process for as long as the section lives.
-// Make it a static beside the array of records.
+// A library's log-message records, entered in a list of the process for as long as the section
+// lives. Make it a static beside the array of records.
 class LogSection {
  public:
   template <std::size_t N>
@@ -42,14 +42,15 @@ class LogSection {
   std::size_t count_;
 };
 
-// Logs one kind of message from one place, no more often than it was told, and counts. The descriptor
-// must outlive the handle. Any thread may log through it.
+// Logs one kind of message from one place, no more often than it was told, and counts. The
+// descriptor must outlive the handle. Any thread may log through it.
 class LogHandle {
  public:
-  // `interval` is the window of the rate limit: in each, `burst` messages go out (0 stands for 1) and the
-  // others are counted as suppressed. An interval of 0: never limited. After a window that suppressed
-  // something the next is `growth` times as long (1.0: all are equal; asserted to be at least 1); after a
-  // quiet one it is `interval` again. `most` is how many messages may ever go out; 0: any number.
+  // `interval` is the window of the rate limit: in each, `burst` messages go out (0 stands for 1)
+  // and the others are counted as suppressed. An interval of 0: never limited. After a window that
+  // suppressed something the next is `growth` times as long (1.0: all are equal; asserted to be at
+  // least 1); after a quiet one it is `interval` again. `most` is how many messages may ever go
+  // out; 0: any number.
   LogHandle(const LogDescriptor* descriptor, Lumen::Duration interval, double growth,
             unsigned burst, unsigned most);
   LogHandle(const LogHandle&) = delete;
@@ -64,8 +65,8 @@ class LogHandle {
     bool admitted;
     std::uint64_t suppressedBefore;  // since the last message that went out
   };
-  // Counts a message that comes at `now` (of any clock that does not go back) and says whether it goes
-  // out.
+  // Counts a message that comes at `now` (of any clock that does not go back) and says whether it
+  // goes out.
   Admission admit(Lumen::Duration now);
 
  private:

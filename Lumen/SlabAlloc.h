@@ -12,14 +12,14 @@
 #endif
 #endif
 
-// What the base library needs of the slab allocator, with the fast path inline. The rest is defined in
-// platform/PoolSlab.
+// What the base library needs of the slab allocator, with the fast path inline. The rest is defined
+// in platform/PoolSlab.
 //
-// One free list per size class of 16 bytes. A list is filled from chunks that are never given back to the
-// system. While Lumen::ThreadControl is off the lists are touched without a lock; once it is on, every
-// operation takes its class's lock, and finds the same lists: the flag is raised before a second thread
-// exists, so no operation without a lock can still be under way. Under the address and thread sanitizers
-// every block comes from malloc, so that they see each object's own life.
+// One free list per size class of 16 bytes. A list is filled from chunks that are never given back
+// to the system. While Lumen::ThreadControl is off the lists are touched without a lock; once it is
+// on, every operation takes its class's lock, and finds the same lists: the flag is raised before a
+// second thread exists, so no operation without a lock can still be under way. Under the address
+// and thread sanitizers every block comes from malloc, so that they see each object's own life.
 namespace PoolSlab {
 
 inline constexpr std::size_t kSizeStep = 16;      // the alignment of every block too
@@ -54,8 +54,9 @@ void freeSlow(void* memory, std::size_t bytes) noexcept;
 
 }  // namespace Impl
 
-// `bytes` of memory, aligned for any object of ordinary alignment, from the free list of its size class;
-// sizes above kLargestSize come from malloc. Null when memory is exhausted. 0 bytes are a block too.
+// `bytes` of memory, aligned for any object of ordinary alignment, from the free list of its size
+// class; sizes above kLargestSize come from malloc. Null when memory is exhausted. 0 bytes are a
+// block too.
 [[nodiscard]] inline void* slabAllocOrStdMalloc(std::size_t bytes) noexcept {
   if (Impl::onFastPath(bytes)) [[likely]] {
     Impl::FreeBlock*& head = Impl::freeLists.heads[Impl::sizeClass(bytes)];
@@ -79,8 +80,8 @@ inline void slabFreeOrStdFree(void* memory, std::size_t bytes) noexcept {
   Impl::freeSlow(memory, bytes);
 }
 
-// Bytes that the slab has taken from the system since the process began, in use or on a free list. 0
-// while every block comes from malloc (kPassThrough).
+// Bytes that the slab has taken from the system since the process began, in use or on a free list.
+// 0 while every block comes from malloc (kPassThrough).
 [[nodiscard]] std::size_t slabChunkBytes() noexcept;
 
 }  // namespace PoolSlab

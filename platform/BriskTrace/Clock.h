@@ -7,10 +7,10 @@
 
 namespace BriskTrace {
 
-// The time of a message: the processor's time stamp counter where it runs at one rate on all cores and
-// through all sleep states, else the monotonic clock. The counter costs a third of a call to the clock and
-// tells messages apart that the coarse clock would give one time; what a tick is worth is measured, and
-// read against UTC again about once a second by whoever writes.
+// The time of a message: the processor's time stamp counter where it runs at one rate on all cores
+// and through all sleep states, else the monotonic clock. The counter costs a third of a call to
+// the clock and tells messages apart that the coarse clock would give one time; what a tick is
+// worth is measured, and read against UTC again about once a second by whoever writes.
 class Clock {
  public:
   [[nodiscard]] static std::uint64_t ticks() noexcept {

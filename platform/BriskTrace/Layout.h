@@ -4,24 +4,28 @@
 #include <cstddef>
 #include <cstdint>
 
-// The bytes of a trace file. All words are little-endian as the processor writes them; nothing in the file
-// is a pointer, and a reader believes nothing in it that a checksum or a bound does not confirm.
+// The bytes of a trace file. All words are little-endian as the processor writes them; nothing in
+// the file is a pointer, and a reader believes nothing in it that a checksum or a bound does not
+// confirm.
 //
 //   offset 0        Header          one page
-//   offset 4096     descriptors     kDescriptorBytes: one block per call site, appended, never changed
-//   offset 4096 + kDescriptorBytes  ring: ringSlots slots of 64 bytes; ringSlots is a power of two
+//   offset 4096     descriptors     kDescriptorBytes: one block per call site, appended, never
+//   changed offset 4096 + kDescriptorBytes  ring: ringSlots slots of 64 bytes; ringSlots is a power
+//   of two
 //
 //   descriptor = { u32 bytes of the whole block, a multiple of 8; u32 checksum of what follows;
-//                  i32 id; i32 line; u16 lengths of file, class, function, format, letters; u16 0, 0, 0;
-//                  those five texts, without a terminator; zeroes up to a multiple of 8 }
-//   slot       = { u64 number; u64 ticks; u64 id | argument bytes << 32 | check << 40; 5 u64 arguments }
+//                  i32 id; i32 line; u16 lengths of file, class, function, format, letters; u16 0,
+//                  0, 0; those five texts, without a terminator; zeroes up to a multiple of 8 }
+//   slot       = { u64 number; u64 ticks; u64 id | argument bytes << 32 | check << 40; 5 u64
+//   arguments }
 //
-// Message n (from 1) lies in slot (n - 1) % ringSlots. Arguments are packed without padding, each as many
-// bytes as its letter says. The check covers every word of the slot that the message uses.
+// Message n (from 1) lies in slot (n - 1) % ringSlots. Arguments are packed without padding, each
+// as many bytes as its letter says. The check covers every word of the slot that the message uses.
 //
-// Publication of a message: number = 0, then the other words, then number = n, each store after the one
-// before. So a process killed between any two stores leaves a slot that holds no message, and all others
-// as they were. A reader that meets a slot in the middle of a store finds a check that does not fit.
+// Publication of a message: number = 0, then the other words, then number = n, each store after the
+// one before. So a process killed between any two stores leaves a slot that holds no message, and
+// all others as they were. A reader that meets a slot in the middle of a store finds a check that
+// does not fit.
 
 namespace BriskTrace::Layout {
 
@@ -54,7 +58,8 @@ struct FixedHeader {
 
 struct Header {
   FixedHeader fixed;
-  // Bytes of descriptors; stored after the block that it covers. A stale value hides the newest site.
+  // Bytes of descriptors; stored after the block that it covers. A stale value hides the newest
+  // site.
   Word descriptorBytes;
   // Sites whose descriptor found no room; for the reader's information only.
   Word descriptorsLost;
@@ -62,8 +67,8 @@ struct Header {
   Word written;
   // 1 when the writer ended the file in order.
   Word closed;
-  // The last time at which ticks and UTC were read together: ticks, nanoseconds, and a check over the two.
-  // One that does not fit is ignored.
+  // The last time at which ticks and UTC were read together: ticks, nanoseconds, and a check over
+  // the two. One that does not fit is ignored.
   Word syncTicks;
   Word syncNanoseconds;
   Word syncCheck;
@@ -83,8 +88,8 @@ static_assert(sizeof(FixedHeader) == 56 && offsetof(Header, descriptorBytes) == 
 }
 
 // The third word of a slot, with the check in its upper 24 bits. A sum of products, so that the
-// multiplications of one message run side by side; every flipped bit moves the sum by a product of an odd
-// number, which shows in the upper bits.
+// multiplications of one message run side by side; every flipped bit moves the sum by a product of
+// an odd number, which shows in the upper bits.
 [[nodiscard]] inline std::uint64_t slotTag(std::uint64_t number, std::uint64_t ticks,
                                            std::int32_t id, std::size_t argumentBytes,
                                            const std::uint64_t* arguments) noexcept {

@@ -8,8 +8,8 @@
 
 namespace BriskTrace {
 
-// The kinds of a message's arguments, one letter each in their order: "s" 16 bits, "i" 32 bits, "q" 64
-// bits, all unsigned.
+// The kinds of a message's arguments, one letter each in their order: "s" 16 bits, "i" 32 bits, "q"
+// 64 bits, all unsigned.
 class MsgFormatString {
  public:
   // Adds one argument's letter. Asserts that it is a known one.
@@ -24,12 +24,13 @@ class MsgFormatString {
 // msgDesc(), finish().
 class MsgDesc {
  public:
-  // Gives the site an id if it has none (`*id` is 0). Asserts that the id is not negative: "msgId_ >= 0".
+  // Gives the site an id if it has none (`*id` is 0). Asserts that the id is not negative: "msgId_
+  // >= 0".
   MsgDesc(TraceFile& traceFile, std::int32_t* id, const char* file, int line);
 
   [[nodiscard]] MsgFormatString& formatString() noexcept { return formatString_; }
-  // Writes the descriptor to the file, which knows the id from then on. Texts of more than 4096 bytes
-  // are cut.
+  // Writes the descriptor to the file, which knows the id from then on. Texts of more than 4096
+  // bytes are cut.
   void finish();
 
  private:

@@ -46,7 +46,8 @@ Lumen::String printable(std::string_view text) {
   return result;
 }
 
-// A specification that makes little text of any number: flags and a width of two digits, one letter.
+// A specification that makes little text of any number: flags and a width of two digits, one
+// letter.
 bool isPlainSpec(std::string_view spec) {
   std::size_t at = 0;
   const auto skip = [&](std::string_view any, std::size_t most) {
@@ -142,7 +143,8 @@ bool Reader::replaced() const {
          (mine.st_ino != there.st_ino || mine.st_dev != there.st_dev);
 }
 
-// Copied by the kernel and not mapped: a file that is cut short meanwhile is a short read and no bus error.
+// Copied by the kernel and not mapped: a file that is cut short meanwhile is a short read and no
+// bus error.
 std::vector<std::uint64_t> Reader::read(std::size_t most) const {
   struct stat status {};
   if (::fstat(file_, &status) != 0 || !S_ISREG(status.st_mode)) {
@@ -154,15 +156,16 @@ std::vector<std::uint64_t> Reader::read(std::size_t most) const {
   std::vector<std::uint64_t> words(std::max(bytes, sizeof(Layout::Header)) / 8);
   std::size_t done = 0;
   while (done < bytes) {
-    const ssize_t count = ::pread(file_, reinterpret_cast<char*>(words.data()) + done,
-                                  bytes - done, static_cast<off_t>(done));
+    const ssize_t count = ::pread(file_, reinterpret_cast<char*>(words.data()) + done, bytes - done,
+                                  static_cast<off_t>(done));
     if (count < 0 && errno == EINTR) {
       continue;
     }
     if (count < 0) {
-      throw TraceFileError(fmt::format("{}: cannot read the trace file: {}; copy it elsewhere and "
-                                       "read the copy",
-                                       path_, std::strerror(errno)));
+      throw TraceFileError(
+          fmt::format("{}: cannot read the trace file: {}; copy it elsewhere and "
+                      "read the copy",
+                      path_, std::strerror(errno)));
     }
     if (count == 0) {
       words.resize(std::max(done, sizeof(Layout::Header)) / 8);
@@ -182,11 +185,9 @@ void Reader::takeFront() {
 void Reader::takeHeader(const std::vector<std::uint64_t>& words) {
   Layout::FixedHeader fixed{};
   std::memcpy(&fixed, words.data(), sizeof(fixed));
-  headerWhole_ =
-      fixed.check == Layout::blockCheck(words.data(), sizeof(fixed) / 8 - 1);
+  headerWhole_ = fixed.check == Layout::blockCheck(words.data(), sizeof(fixed) / 8 - 1);
   if (fixed.magic != Layout::kMagic) {
-    throw TraceFileError(
-        fmt::format("{}: is no trace file; give the path of a trace file", path_));
+    throw TraceFileError(fmt::format("{}: is no trace file; give the path of a trace file", path_));
   }
   if (headerWhole_ && fixed.version != Layout::kVersion) {
     throw TraceFileError(fmt::format(
@@ -209,7 +210,8 @@ void Reader::takeHeader(const std::vector<std::uint64_t>& words) {
   }
   anchorTicks_ = ticks;
   anchorNanoseconds_ = nanoseconds;
-  // A long run measures the rate better than its start did, unless somebody set the clock in between.
+  // A long run measures the rate better than its start did, unless somebody set the clock in
+  // between.
   const double elapsedTicks = static_cast<double>(ticks) - static_cast<double>(fixed.startTicks);
   const double elapsed =
       static_cast<double>(nanoseconds) - static_cast<double>(fixed.startNanoseconds);
@@ -327,8 +329,8 @@ std::vector<const std::uint64_t*> Reader::wholeSlots(const std::vector<std::uint
 }
 
 std::vector<Message> Reader::newMessages() {
-  // A writer at full speed may overtake the copying, which then has a gap: messages that were written
-  // behind the place that it had reached. They are there for the next copy.
+  // A writer at full speed may overtake the copying, which then has a gap: messages that were
+  // written behind the place that it had reached. They are there for the next copy.
   constexpr int kMostCopies = 4;
   std::vector<std::uint64_t> words;
   std::vector<const std::uint64_t*> whole;

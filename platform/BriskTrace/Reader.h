@@ -24,9 +24,9 @@ struct Message {
   Lumen::String text;  // the format with its arguments
 };
 
-// Reads a trace file while it is written, or afterwards. It copies what it reads and believes none of it: a
-// file that is torn, cut short or flipped anywhere costs messages, never a crash, and what was damaged is
-// counted. Control characters in texts are shown as \xNN.
+// Reads a trace file while it is written, or afterwards. It copies what it reads and believes none
+// of it: a file that is torn, cut short or flipped anywhere costs messages, never a crash, and what
+// was damaged is counted. Control characters in texts are shown as \xNN.
 class Reader {
  public:
   // Throws TraceFileError if the file cannot be read or is no trace file.
@@ -35,13 +35,15 @@ class Reader {
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
 
-  // All messages that have come since the last call, oldest first; at first, all that the ring still
-  // holds. Throws TraceFileError if the file cannot be read any more.
+  // All messages that have come since the last call, oldest first; at first, all that the ring
+  // still holds. Throws TraceFileError if the file cannot be read any more.
   [[nodiscard]] std::vector<Message> newMessages();
 
-  // Messages that were overwritten (or damaged) before they could be read, since the first one read.
+  // Messages that were overwritten (or damaged) before they could be read, since the first one
+  // read.
   [[nodiscard]] std::uint64_t overwritten() const noexcept { return overwritten_; }
-  // Slots whose bytes did not add up at the last call; one may be a message in the middle of its writing.
+  // Slots whose bytes did not add up at the last call; one may be a message in the middle of its
+  // writing.
   [[nodiscard]] std::size_t damagedSlots() const noexcept { return damagedSlots_; }
   // Whole descriptors in the file.
   [[nodiscard]] std::size_t descriptors() const noexcept { return descriptors_.size(); }
@@ -94,8 +96,9 @@ class Reader {
 // "2024-06-11T08:15:30.123456Z"; the bare number for a time beyond the calendar.
 [[nodiscard]] Lumen::String timeText(std::int64_t nanoseconds);
 
-// `format` with each {} replaced by the next of `arguments`. A {:spec} is followed where it is a plain one
-// for a number (such as :04x), and shown as it stands where it is not, or where no argument is left.
+// `format` with each {} replaced by the next of `arguments`. A {:spec} is followed where it is a
+// plain one for a number (such as :04x), and shown as it stands where it is not, or where no
+// argument is left.
 [[nodiscard]] Lumen::String formatted(std::string_view format,
                                       const std::vector<std::uint64_t>& arguments);
 

@@ -38,9 +38,10 @@ void describe(TraceFile& traceFile, Site& site, std::string_view className,
 
 }  // namespace Impl
 
-// Reports to the ring buffer of defaultBriskTraceHandle; without one it costs a branch. The texts are read
-// at the site's first report to a trace file only, so they must be the same at every report of a site.
-// `format` has one {} per argument. Under 20 ns. Throws std::bad_alloc (first report only).
+// Reports to the ring buffer of defaultBriskTraceHandle; without one it costs a branch. The texts
+// are read at the site's first report to a trace file only, so they must be the same at every
+// report of a site. `format` has one {} per argument. Under 20 ns. Throws std::bad_alloc (first
+// report only).
 template <RawArgument... Args>
 void report(Site& site, std::string_view className, std::string_view function,
             std::string_view format, const Args&... args) {

@@ -11,7 +11,8 @@
 
 namespace BriskTrace {
 
-// What a message can carry: an unsigned number of 16, 32 or 64 bits, or a value type that consists of one.
+// What a message can carry: an unsigned number of 16, 32 or 64 bits, or a value type that consists
+// of one.
 template <class T>
 concept RawArgument = std::is_trivially_copyable_v<T> &&
                       std::has_unique_object_representations_v<T> &&
@@ -24,8 +25,8 @@ template <RawArgument T>
   return sizeof(T) == 2 ? "s" : sizeof(T) == 4 ? "i" : "q";
 }
 
-// One message on its way into the ring: startMsg, put every argument in the order of the descriptor,
-// endMsg. A message that is not ended leaves no trace.
+// One message on its way into the ring: startMsg, put every argument in the order of the
+// descriptor, endMsg. A message that is not ended leaves no trace.
 class RingBuf {
  public:
   [[nodiscard]] static RingBuf startMsg(TraceFile& traceFile, std::int32_t id) noexcept {

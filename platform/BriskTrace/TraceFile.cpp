@@ -24,8 +24,7 @@ std::atomic<std::int32_t> lastId{0};
 
 [[noreturn]] void fail(const Lumen::String& file, const char* what, int reason,
                        const char* remedy) {
-  throw TraceFileError(
-      fmt::format("{}: {}: {}; {}", file, what, std::strerror(reason), remedy));
+  throw TraceFileError(fmt::format("{}: {}: {}; {}", file, what, std::strerror(reason), remedy));
 }
 
 // Closes what it holds unless it was given on.
@@ -103,9 +102,9 @@ bool earlierRunStands(const Lumen::String& path) {
         "{}: is no trace file, and is not overwritten; move it away or give another path", path));
   }
   if (::flock(earlier.get(), LOCK_SH | LOCK_NB) != 0) {
-    throw TraceFileError(fmt::format(
-        "{}: process {} is writing this trace file; stop it, or give another path", path,
-        header.pid));
+    throw TraceFileError(
+        fmt::format("{}: process {} is writing this trace file; stop it, or give another path",
+                    path, header.pid));
   }
   return true;
 }

@@ -27,19 +27,19 @@ struct TraceFileOptions {
   bool shared = false;              // several threads of the process write to it
 };
 
-// A ring of raw messages in a mapped file, and the descriptors that tell how to print them. One process
-// writes it; any number read it meanwhile, or after the writer was killed: whatever endMsg() stored before
-// is in the file.
+// A ring of raw messages in a mapped file, and the descriptors that tell how to print them. One
+// process writes it; any number read it meanwhile, or after the writer was killed: whatever
+// endMsg() stored before is in the file.
 //
-// A file of an earlier run at the same path is not overwritten: it becomes PATH.1, the one before PATH.2,
-// and so on up to `runsKept`, so that the last messages of a run that crashed are still there when the next
-// has started.
+// A file of an earlier run at the same path is not overwritten: it becomes PATH.1, the one before
+// PATH.2, and so on up to `runsKept`, so that the last messages of a run that crashed are still
+// there when the next has started.
 class TraceFile {
  public:
   using Options = TraceFileOptions;
 
-  // Makes the file (mode 0640), all of its space taken at once. Throws TraceFileError, also if another
-  // process writes a file at that path, or what stands there is no trace file.
+  // Makes the file (mode 0640), all of its space taken at once. Throws TraceFileError, also if
+  // another process writes a file at that path, or what stands there is no trace file.
   explicit TraceFile(Lumen::String path, const Options& options = {});
   ~TraceFile();
   TraceFile(const TraceFile&) = delete;
@@ -52,22 +52,22 @@ class TraceFile {
     return header().written.load(std::memory_order_relaxed);
   }
 
-  // The descriptor of message `id` is in the file, or was found to have no room there. Ids are given out
-  // by the process, one per site, so that a site keeps its id in every file.
+  // The descriptor of message `id` is in the file, or was found to have no room there. Ids are
+  // given out by the process, one per site, so that a site keeps its id in every file.
   [[nodiscard]] bool knows(std::int32_t id) const noexcept {
     const auto bit = static_cast<std::uint32_t>(id);
     return bit < kMostIds &&
            ((known_[bit / 64].load(std::memory_order_acquire) >> (bit % 64)) & 1U) != 0;
   }
-  // Descriptors built for this file, and those of them that found no room: messages of such a site are
-  // shown as bare numbers.
+  // Descriptors built for this file, and those of them that found no room: messages of such a site
+  // are shown as bare numbers.
   [[nodiscard]] std::size_t descriptors() const;
   [[nodiscard]] std::size_t descriptorsLost() const;
 
   // Appends a descriptor (see Layout) unless `id` is known. `block` ends on a word.
   void descriptorIs(std::int32_t id, const std::vector<std::uint64_t>& block);
-  // Writes a message. `arguments` holds `argumentBytes` (at most Layout::kMostArgumentBytes), rounded up
-  // to words. About 15 ns.
+  // Writes a message. `arguments` holds `argumentBytes` (at most Layout::kMostArgumentBytes),
+  // rounded up to words. About 15 ns.
   void messageIs(std::int32_t id, std::size_t argumentBytes,
                  const std::uint64_t* arguments) noexcept {
     if (shared_) [[unlikely]] {

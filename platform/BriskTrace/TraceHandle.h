@@ -27,8 +27,8 @@ class TraceHandle {
   TraceFile file_;
 };
 
-// Where reports go; null (as at the start): nowhere. Whoever sets it owns the handle, sets it before other
-// threads report, and clears it before the handle goes.
+// Where reports go; null (as at the start): nowhere. Whoever sets it owns the handle, sets it
+// before other threads report, and clears it before the handle goes.
 extern TraceHandle* defaultBriskTraceHandle;
 
 }  // namespace BriskTrace

@@ -10,13 +10,13 @@ namespace PoolSlab {
 namespace {
 
 constexpr std::size_t kChunkBytes = 64 * 1024;
-// Blocks that a refill threads onto a list at once: enough to stay on the fast path, few enough not to
-// touch pages that nobody asked for.
+// Blocks that a refill threads onto a list at once: enough to stay on the fast path, few enough not
+// to touch pages that nobody asked for.
 constexpr std::size_t kRefillBlocks = 32;
 constexpr std::size_t kClasses = kLargestSize / kSizeStep + 1;
 
-// What is left of the chunk that a class was carved from last. Constant-initialized and never destroyed:
-// objects are allocated before main and freed after it.
+// What is left of the chunk that a class was carved from last. Constant-initialized and never
+// destroyed: objects are allocated before main and freed after it.
 struct Source {
   std::mutex mutex;
   char* next = nullptr;

@@ -9,8 +9,8 @@
 namespace PoolSlab {
 
 // Gives a class its own allocation from the slab, counted by a tracker of the class. T has a static
-// constexpr member or function `className()` that yields its name. A class below another slabbed class
-// says `using PoolSlab::Slabbed<T>::operator new` (and delete) to choose its own.
+// constexpr member or function `className()` that yields its name. A class below another slabbed
+// class says `using PoolSlab::Slabbed<T>::operator new` (and delete) to choose its own.
 template <class T>
 class Slabbed {
  public:

@@ -9,9 +9,9 @@
 
 namespace Vault {
 
-// An entity of the state database. It holds no copy of its value: every read sees what any process wrote
-// last, for some microseconds each. An entity may outlive its manager, and its row: it then reads as its
-// type's initial value, and a change throws VaultError.
+// An entity of the state database. It holds no copy of its value: every read sees what any process
+// wrote last, for some microseconds each. An entity may outlive its manager, and its row: it then
+// reads as its type's initial value, and a change throws VaultError.
 //
 // A class of its own derives from it, takes the same constructor arguments, and has
 //   static constexpr const char* kTypeName     what stands in the database

@@ -105,8 +105,8 @@ Lumen::Ptr<Brio::Entity> EntityManager::object(const Lumen::String& path,
   Live& live = live_[path];
   if (!live.entity || live.type != typeName) {
     const EntityType* type = EntityType::find(typeName);
-    live = {typeName, type == nullptr ? Lumen::makeNode<Entity>(store_, path)
-                                      : type->make(store_, path)};
+    live = {typeName,
+            type == nullptr ? Lumen::makeNode<Entity>(store_, path) : type->make(store_, path)};
   }
   return live.entity;
 }
@@ -126,8 +126,8 @@ Lumen::Ptr<Brio::Entity> EntityManager::entityIs(const Lumen::String& path,
   const EntityType* type = EntityType::find(typeName);
   if (type == nullptr) {
     throw VaultError(fmt::format(
-        "{}: cannot make \"{}\": no class of this program is registered for the type \"{}\"", file(),
-        path, typeName));
+        "{}: cannot make \"{}\": no class of this program is registered for the type \"{}\"",
+        file(), path, typeName));
   }
   const Store::Row row = store_->rowAdd(path, {typeName, type->initialValue});
   if (row.type != typeName) {

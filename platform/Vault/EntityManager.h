@@ -14,15 +14,16 @@
 
 namespace Vault {
 
-// The agent's entity manager: the state database of a system, by the system's name. Its entities lie in
-// <root>/<name>/vault.sqlite (see Store for the table), and outlive the process. In local mode they lie in
-// private memory: all managers of one name in the process share them, and they are gone with the process.
+// The agent's entity manager: the state database of a system, by the system's name. Its entities
+// lie in <root>/<name>/vault.sqlite (see Store for the table), and outlive the process. In local
+// mode they lie in private memory: all managers of one name in the process share them, and they are
+// gone with the process.
 //
 // Every operation on the database throws VaultError. Not to be carried across fork().
 class EntityManager final : public Lumen::Node {
  public:
-  // `name` is a single path component. The folder is made (mode 0750) unless it is there. The name's
-  // shared-memory collections lie below the same root.
+  // `name` is a single path component. The folder is made (mode 0750) unless it is there. The
+  // name's shared-memory collections lie below the same root.
   EntityManager(Lumen::String name, bool localMode, Lumen::String root = "/dev/shm");
   ~EntityManager() override;
 
@@ -32,11 +33,11 @@ class EntityManager final : public Lumen::Node {
   // The database's file; ":memory:" in local mode.
   [[nodiscard]] const Lumen::String& file() const noexcept { return store_->file(); }
 
-  // The entity at `path`, of the class that its type names; null if there is none. The same object for
-  // the same path as long as the entity is there.
+  // The entity at `path`, of the class that its type names; null if there is none. The same object
+  // for the same path as long as the entity is there.
   [[nodiscard]] Lumen::Ptr<Brio::Entity> getEntity(const Lumen::String& path) const;
-  // The entity at `path`, made with its type's initial value if there is none. Throws VaultError if the
-  // path holds an entity of another type, or nobody registered `typeName`.
+  // The entity at `path`, made with its type's initial value if there is none. Throws VaultError if
+  // the path holds an entity of another type, or nobody registered `typeName`.
   Lumen::Ptr<Brio::Entity> entityIs(const Lumen::String& path, const Lumen::String& typeName);
   template <class T>
   Lumen::Ptr<T> entityIs(const Lumen::String& path) {

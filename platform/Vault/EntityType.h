@@ -25,8 +25,8 @@ void entityTypeIs(const EntityType& type);
 
 }  // namespace Impl
 
-// Makes a type known by its name for the life of the process. Make it a static of the type's own source
-// file.
+// Makes a type known by its name for the life of the process. Make it a static of the type's own
+// source file.
 template <class T>
 struct EntityTypeRegistrar {
   EntityTypeRegistrar() {

@@ -112,8 +112,9 @@ Store::~Store() = default;
 
 void Store::open() {
   if (file_ != kInMemory) {
-    // Made here and not by SQLite, for the mode; the files beside it take the same. A file that is there
-    // is not opened: closing it again would drop the locks that SQLite holds for this process.
+    // Made here and not by SQLite, for the mode; the files beside it take the same. A file that is
+    // there is not opened: closing it again would drop the locks that SQLite holds for this
+    // process.
     const int made = ::open(file_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0640);
     if (made < 0 && errno != EEXIST) {
       throw VaultError(fmt::format("{}: cannot make the state database: {}; {}", file_,
@@ -137,10 +138,11 @@ void Store::open() {
     Transaction transaction(*this);
     const int version = schemaVersion();
     if (version > kSchemaVersion) {
-      throw VaultError(fmt::format(
-          "{}: the state database has layout {}, this program knows layout {}; use the program that "
-          "wrote it, or move the file aside",
-          file_, version, kSchemaVersion));
+      throw VaultError(
+          fmt::format("{}: the state database has layout {}, this program knows layout {}; use the "
+                      "program that "
+                      "wrote it, or move the file aside",
+                      file_, version, kSchemaVersion));
     }
     execute(
         "CREATE TABLE IF NOT EXISTS entity (path TEXT PRIMARY KEY NOT NULL, type TEXT NOT NULL, "
@@ -151,11 +153,12 @@ void Store::open() {
 }
 
 void Store::writeAheadLogIs() const {
-  // The change of mode does not wait for other processes by itself, and two that start at once meet here.
+  // The change of mode does not wait for other processes by itself, and two that start at once meet
+  // here.
   constexpr useconds_t kPauseMicroseconds = 2000;
   for (int waited = 0;; waited += kPauseMicroseconds) {
-    const int code = sqlite3_exec(database_.get(), "PRAGMA journal_mode = WAL", nullptr, nullptr,
-                                  nullptr);
+    const int code =
+        sqlite3_exec(database_.get(), "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
     if (code == SQLITE_OK) {
       return;
     }

@@ -159,8 +159,8 @@ TEST_F(Bells, NameTheFileThatStandsInTheWay) {
               HasSubstr("make the folder above it"));
 }
 
-// Two threads as the two halves: the ringer stores work now and then, the listener sleeps in between. The
-// pauses are drawn so that stores fall before, into and after the listener's arming.
+// Two threads as the two halves: the ringer stores work now and then, the listener sleeps in
+// between. The pauses are drawn so that stores fall before, into and after the listener's arming.
 TEST_F(Bells, LoseNoWakeUpBetweenTwoThreads) {
   constexpr std::uint64_t kWork = 20000;
   std::atomic<std::uint64_t> stored{0};
@@ -203,8 +203,9 @@ TEST_F(Bells, LoseNoWakeUpBetweenTwoThreads) {
   EXPECT_GT(ringer.wakeUps(), 1U);
 }
 
-// The one race that matters, over and over with both sides started at the same instant: the listener arms
-// and looks, the ringer stores and rings. Either the listener sees the work or it finds itself rung.
+// The one race that matters, over and over with both sides started at the same instant: the
+// listener arms and looks, the ringer stores and rings. Either the listener sees the work or it
+// finds itself rung.
 TEST_F(Bells, NeverMissEachOtherWhenArmingAndRingingMeet) {
   constexpr std::uint32_t kRounds = 200000;
   struct alignas(64) Line {
@@ -277,8 +278,8 @@ struct Shared {
 }
 
 TEST_F(Bells, SurviveTheKillOfEitherSide) {
-  void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-                      -1, 0);
+  void* memory =
+      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(memory, MAP_FAILED);
   auto& shared = *new (memory) Shared;
   const auto start = [&](auto body) {
@@ -319,7 +320,8 @@ TEST_F(Bells, SurviveTheKillOfEitherSide) {
     }
     ASSERT_TRUE(reaches(shared.stored + 3)) << "round " << round;
   }
-  // The last ringer dies in the middle of something; the next one's attaching heals what it left unsaid.
+  // The last ringer dies in the middle of something; the next one's attaching heals what it left
+  // unsaid.
   stop(ringer);
   const Bell healer(folder(), "up", Bell::Role::ringer);
   EXPECT_TRUE(reaches(shared.stored));

@@ -309,9 +309,9 @@ TEST_F(BriskTraces, TellAReaderThatALaterRunHasBegun) {
 TEST_F(BriskTraces, RefuseAFileThatIsBeingWritten) {
   const TraceFile first(path());
   const auto error = errorOf([&] { const TraceFile second(path()); });
-  EXPECT_THAT(error, testing::AllOf(HasSubstr(path()),
-                                    HasSubstr("process " + std::to_string(getpid())),
-                                    HasSubstr("stop it")));
+  EXPECT_THAT(error,
+              testing::AllOf(HasSubstr(path()), HasSubstr("process " + std::to_string(getpid())),
+                             HasSubstr("stop it")));
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_.path()), {}), 1);
 }
 
@@ -433,7 +433,8 @@ TEST_F(DamagedTraces, FlippedAnywhereInTheRingShowOnlyMessagesThatWereWritten) {
   constexpr std::size_t kSlots = 4;  // two of each kind of message
   constexpr std::size_t kFirst = BriskTrace::Layout::kRingOffset * 8;
   std::size_t lost = 0;
-  for (std::size_t bit = kFirst; bit < kFirst + kSlots * BriskTrace::Layout::kSlotBytes * 8; ++bit) {
+  for (std::size_t bit = kFirst; bit < kFirst + kSlots * BriskTrace::Layout::kSlotBytes * 8;
+       ++bit) {
     flip(bit / 8, 1 << (bit % 8));
     const auto found = readBack();
     flip(bit / 8, 1 << (bit % 8));

@@ -98,10 +98,10 @@ TEST(Log, WaitsLongerAfterEachIntervalThatHeldMessagesBack) {
   Brio::LogHandle handle(&kRecords[0], Duration::seconds(10), 2.0, 1, 0);
   EXPECT_TRUE(handle.admit(Duration::seconds(0)).admitted);
   EXPECT_FALSE(handle.admit(Duration::seconds(5)).admitted);
-  EXPECT_TRUE(handle.admit(Duration::seconds(10)).admitted);   // now 20 seconds
+  EXPECT_TRUE(handle.admit(Duration::seconds(10)).admitted);  // now 20 seconds
   EXPECT_FALSE(handle.admit(Duration::seconds(25)).admitted);
-  EXPECT_TRUE(handle.admit(Duration::seconds(30)).admitted);   // now 40 seconds
-  EXPECT_TRUE(handle.admit(Duration::seconds(70)).admitted);   // quiet: 10 seconds again
+  EXPECT_TRUE(handle.admit(Duration::seconds(30)).admitted);  // now 40 seconds
+  EXPECT_TRUE(handle.admit(Duration::seconds(70)).admitted);  // quiet: 10 seconds again
   EXPECT_TRUE(handle.admit(Duration::seconds(80)).admitted);
 }
 
@@ -118,8 +118,8 @@ TEST(Log, LetsNoMoreOutThanItsMost) {
 TEST(Log, SaysHowManyWereHeldBack) {
   const Collector collector;
   Brio::LogHandle handle(&kRecords[0], Duration::nanoseconds(1), 1.0, 1, 0);
-  // The window is shorter than two calls are apart, but a message given to the handle at the same instant
-  // is held back.
+  // The window is shorter than two calls are apart, but a message given to the handle at the same
+  // instant is held back.
   const auto far = Duration::nanoseconds(1);
   EXPECT_TRUE(handle.admit(far).admitted);
   EXPECT_FALSE(handle.admit(far).admitted);
@@ -146,9 +146,8 @@ TEST(Log, ListsTheRecordsOfItsSections) {
     });
     EXPECT_EQ(all, 2U);
   }
-  Brio::LogSection::forEach([&](std::string_view library, const Brio::LogDescriptor&) {
-    EXPECT_NE(library, "passing");
-  });
+  Brio::LogSection::forEach(
+      [&](std::string_view library, const Brio::LogDescriptor&) { EXPECT_NE(library, "passing"); });
 }
 
 TEST(LogDeathTest, AHandleNeedsADescriptor) {

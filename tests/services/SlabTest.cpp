@@ -141,8 +141,9 @@ TEST(Slab, CountsOfAClassReturnToWhereTheyWere) {
   EXPECT_EQ(Boulder::tracker().liveBytes(), 0U);
 }
 
-// Turns threads on for the rest of the process, so it runs last of all: gtest runs "death" suites first
-// and the others in the order of the sources, and a filter of the test runner starts a process per test.
+// Turns threads on for the rest of the process, so it runs last of all: gtest runs "death" suites
+// first and the others in the order of the sources, and a filter of the test runner starts a
+// process per test.
 TEST(SlabThreads, KeepTheListsOfAProcessThatTurnedThreadsOnLate) {
   std::vector<void*> early;
   for (int i = 0; i < 100; ++i) {

@@ -157,8 +157,8 @@ TEST_F(Traces, AreListedByTheirHandles) {
   EXPECT_THAT(names, testing::IsSupersetOf({"Isem1TagKelpEntryLog", "Isem2TagKelpEntryLog"}));
 }
 
-// The variable is read once in a process, so the tests below run this program again, which then says what
-// it made of the variable and ends.
+// The variable is read once in a process, so the tests below run this program again, which then
+// says what it made of the variable and ends.
 constexpr const char* kChildMark = "KELP_TEST_TRACE_CHILD";
 const bool isChild = [] {
   if (std::getenv(kChildMark) != nullptr) {

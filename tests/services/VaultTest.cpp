@@ -106,8 +106,9 @@ TEST_F(Vaults, KeepAnEntityThatIsMadeAgain) {
 TEST_F(Vaults, AreReadableByAnyTool) {
   manager()->entityIs<Asic::GenId>(kPath)->majorIdInc(41);
   const auto vault = manager();
-  EXPECT_EQ(outsideQuery(file(), "SELECT type || ' ' || value FROM entity WHERE path = '" + kPath + "'"),
-            "Asic::GenId 41");
+  EXPECT_EQ(
+      outsideQuery(file(), "SELECT type || ' ' || value FROM entity WHERE path = '" + kPath + "'"),
+      "Asic::GenId 41");
 }
 
 TEST_F(Vaults, SeeWhatAnotherProcessWrote) {
@@ -250,9 +251,8 @@ TEST_F(Vaults, RefuseTheLayoutOfANewerProgram) {
 
 TEST_F(Vaults, RefuseANameThatIsNoFolderName) {
   for (const char* name : {"", ".", "..", "a/b"}) {
-    EXPECT_THAT(
-        errorOf([&] { const Vault::EntityManager made(name, false, folder_.path()); }),
-        HasSubstr("one path component"));
+    EXPECT_THAT(errorOf([&] { const Vault::EntityManager made(name, false, folder_.path()); }),
+                HasSubstr("one path component"));
   }
 }
 
