@@ -2,18 +2,21 @@
 
 #include <bit>
 #include <cstdint>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include "Brio/HashMap2018Generic.h"
 #include "Brio/HashMap2018NodeExternalKey.h"
 #include "Brio/HashMap2018NodeInternalKey.h"
+#include "Brio/HashMap2018Sizing.h"
 #include "Brio/StdIterator.h"
 
 namespace Brio {
 
 // A keyed collection of nodes of type NodeT, which is or derives from Hm2018NE or Hm2018NI. Made for one
-// thread. An empty one allocates nothing. Lookups stand here, inline; everything that changes the
-// collection goes to the type-blind engine (HashMap2018Generic.h).
+// thread. An empty one allocates nothing. Lookups stand here, inline, and so do insertions and deletions
+// that change a bucket in place; all else goes to the type-blind engine (HashMap2018Generic.h).
 //
 // A pointer to a node is valid until the next change of the collection. Iterators survive every change.
 // Who writes a value through find() while an iterator stands on that bucket changes what the iterator
@@ -57,7 +60,35 @@ class HashMap2018 {
 
   // Inserts; the key must be that of the node, and absent.
   Node& newMember(HashHelper::KeyAndRhashSeedArg keyAndHash, Node&& node) {
-    return static_cast<Node&>(*generic_.newMemberG(&vtable(), keyAndHash, std::move(node)));
+    return emplaceMember(keyAndHash, std::move(node));
+  }
+  // The same with the node made in its place, which saves a large one a copy. The arguments may not
+  // refer to the collection's nodes.
+  template <class... Args>
+  Node& emplaceMember(HashHelper::KeyAndRhashSeedArg keyAndHash, Args&&... args) {
+    const std::uint32_t hash = keyAndHash.hash;
+    HashMap2018DirectoryEntry& in = generic_.entryWithRoom(&vtable(), hash);
+    HashMap2018BucketHdr& bucket = *in.bucket;
+    unsigned slot = bucket.used();
+    if (slot >= HashMap2018DirectoryEntry::kTags) [[unlikely]] {
+      return static_cast<Node&>(
+          *generic_.newMemberG(&vtable(), keyAndHash, Node(std::forward<Args>(args)...)));
+    }
+    Node* slots = nodes(&bucket);
+    for (; slot != 0 && bucket.hash(slot - 1) >= hash; --slot) {
+      if (bucket.hash(slot - 1) == hash &&
+          Impl::compareOrLruUnlink(keyAndHash.key, nullptr, &slots[slot - 1]) != 1) [[unlikely]] {
+        break;
+      }
+      bucket.hashIs(slot, bucket.hash(slot - 1));
+      Impl::relocate(&slots[slot], &slots[slot - 1]);
+    }
+    ::new (static_cast<void*>(&slots[slot])) Node(std::forward<Args>(args)...);
+    bucket.hashIs(slot, hash);
+    bucket.usedIs(bucket.used() + 1);
+    in.tagInsert(slot, hash);
+    generic_.countInsert();
+    return slots[slot];
   }
 
   // True if the key was there. The removed node is moved to *out if `out` is not null. Both the node
@@ -67,16 +98,15 @@ class HashMap2018 {
     if (node == nullptr) {
       return false;
     }
-    HashMap2018BucketHdr* bucket = generic_.entry(keyAndHash.hash).bucket;
-    const auto slot = static_cast<unsigned>(node - reinterpret_cast<Node*>(bucket->slots()));
-    if constexpr (HashMap2018VTable::Impl<Node, Key>::kPlainValue) {
+    if constexpr (Impl::kPlainValue) {
       if (out != nullptr) {
         *out = *node;
       }
-      generic_.memberErase(&vtable(), keyAndHash.hash, slot);
+      erase(keyAndHash.hash, node);
     } else {
-      Node removed = bucket->shared() ? Node(std::as_const(*node)) : Node(std::move(*node));
-      generic_.memberErase(&vtable(), keyAndHash.hash, slot);
+      const bool shared = generic_.entry(keyAndHash.hash).bucket->shared();
+      Node removed = shared ? Node(std::as_const(*node)) : Node(std::move(*node));
+      erase(keyAndHash.hash, node);
       if (out != nullptr) {
         *out = std::move(removed);
       }
@@ -103,10 +133,12 @@ class HashMap2018 {
 
   [[nodiscard]] const HashMap2018Generic& generic() const noexcept { return generic_; }
   [[nodiscard]] static const HashMap2018VTable& vtable() noexcept {
-    return HashMap2018VTable::Impl<Node, Key>::record;
+    return Impl::record;
   }
 
  private:
+  using Impl = HashMap2018VTable::Impl<Node, Key>;
+
   // A key in the slot that is no longer than two stored hashes is compared at once: its comparison costs
   // less than that of the stored hash, after the tag has matched.
   static constexpr bool kStoredHashFirst = !Node::kStoresKey || sizeof(Key) > 8;
@@ -119,7 +151,7 @@ class HashMap2018 {
       if (kStoredHashFirst && entry.bucket->hash(slot) != keyAndHash.hash) {
         continue;
       }
-      Node* node = reinterpret_cast<Node*>(entry.bucket->slots()) + slot;
+      Node* node = nodes(entry.bucket) + slot;
       if (HashHelper::keyIsEq<Key>(key, node->key())) [[likely]] {
         return node;
       }
@@ -129,6 +161,32 @@ class HashMap2018 {
           HashMap2018Generic::lookupBeyondTags(&vtable(), entry.bucket, keyAndHash));
     }
     return nullptr;
+  }
+
+  // Removes the member whose node has been moved away, or copied if its bucket is shared.
+  void erase(std::uint32_t hash, Node* node) {
+    HashMap2018DirectoryEntry& in = generic_.entryOf(hash);
+    HashMap2018BucketHdr& bucket = *in.bucket;
+    Node* slots = nodes(&bucket);
+    const auto slot = static_cast<unsigned>(node - slots);
+    const unsigned left = bucket.used() - 1;
+    if (left == 0 || left >= HashMap2018DirectoryEntry::kTags || bucket.shared() ||
+        HashMap2018Sizing::wasteful(sizeof(Node), bucket.capacity(), left)) [[unlikely]] {
+      generic_.memberErase(&vtable(), hash, slot);
+      return;
+    }
+    std::destroy_at(node);
+    for (unsigned i = slot; i < left; ++i) {
+      bucket.hashIs(i, bucket.hash(i + 1));
+      Impl::relocate(&slots[i], &slots[i + 1]);
+    }
+    bucket.usedIs(left);
+    in.tagErase(slot);
+    generic_.countErase(&vtable());
+  }
+
+  [[nodiscard]] static Node* nodes(HashMap2018BucketHdr* bucket) noexcept {
+    return reinterpret_cast<Node*>(bucket->slots());
   }
 
   HashMap2018Generic generic_;

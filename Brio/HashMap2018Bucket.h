@@ -18,7 +18,8 @@ struct HashMap2018LinkNodeBase {};
 // them. Slots [0, used) hold nodes, the others are raw memory.
 //
 // A bucket is reference-counted, on the one thread that owns its collection. With more than one
-// reference it does not change any more, but for the values of its nodes.
+// reference it does not change any more, but for the values of its nodes and the mark that its
+// collection has dropped it.
 class alignas(8) HashMap2018BucketHdr {
  public:
   // The width of the capacity and of the used count.
@@ -36,6 +37,17 @@ class alignas(8) HashMap2018BucketHdr {
   void usedIs(unsigned used) noexcept {
     word_ = (word_ & ((1U << kUsedShift) - 1)) | used << kUsedShift;
   }
+
+  // No reference but the collection's, and a slot to spare.
+  [[nodiscard]] bool takesOneMore() const noexcept { return used() < capacity() && !shared(); }
+  // A slot behind `slot` is in use, in a bucket that its collection still has.
+  [[nodiscard]] bool goesOnBehind(unsigned slot) const noexcept {
+    return slot + 1 < used() && !detached();
+  }
+
+  // The collection has replaced or dropped the bucket.
+  [[nodiscard]] bool detached() const noexcept { return (word_ & kDetached) != 0; }
+  void detach() noexcept { word_ |= kDetached; }
 
   [[nodiscard]] bool shared() const noexcept { return references_ > 1; }
   void bktHdrRefInc() const noexcept { ++references_; }
@@ -76,10 +88,11 @@ class alignas(8) HashMap2018BucketHdr {
   }
 
  private:
+  static constexpr std::uint32_t kDetached = 1;
   static constexpr unsigned kCapacityShift = 4;
   static constexpr unsigned kUsedShift = 18;
 
-  // Capacity from bit 4, used slots from bit 18; 14 bits each.
+  // kDetached in bit 0, the capacity from bit 4, the used slots from bit 18; 14 bits each.
   std::uint32_t word_;
   mutable std::uint32_t references_ = 1;
 };

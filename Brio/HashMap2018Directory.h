@@ -45,17 +45,23 @@ struct HashMap2018DirectoryEntry {
 #endif
   }
 
+  // A member has come into `slot`; those from there on have moved up.
   void tagInsert(unsigned slot, std::uint32_t hash) noexcept {
     if (slot < kTags) {
-      std::memmove(tags + slot + 1, tags + slot, kTags - 1 - slot);
-      tags[slot] = tagOf(hash);
+      const Tags all = load();
+      const Tags before = (Tags{1} << 8 * slot) - 1;
+      store((all & before) | static_cast<Tags>(tagOf(hash)) << 8 * slot | (all & ~before) << 8);
     }
   }
-  // To be called when the slot is gone from the bucket.
+  // The member in `slot` has gone from the bucket; those behind it have moved down.
   void tagErase(unsigned slot) noexcept {
     if (slot < kTags) {
-      std::memmove(tags + slot, tags + slot + 1, kTags - 1 - slot);
-      tags[kTags - 1] = bucket->used() >= kTags ? tagOf(bucket->hash(kTags - 1)) : std::uint8_t{0};
+      const Tags all = load();
+      const Tags before = (Tags{1} << 8 * slot) - 1;
+      store((all & before) | (all >> 8 & ~before));
+      if (bucket->used() >= kTags) [[unlikely]] {
+        tags[kTags - 1] = tagOf(bucket->hash(kTags - 1));
+      }
     }
   }
   void bucketIs(HashMap2018BucketHdr* to) noexcept {
@@ -65,6 +71,39 @@ struct HashMap2018DirectoryEntry {
       tags[i] = i < used ? tagOf(to->hash(i)) : std::uint8_t{0};
     }
   }
+  // Leads to `to`, which has got the slots of the entry `from` from `first` on.
+  void bucketIs(HashMap2018BucketHdr* to, const HashMap2018DirectoryEntry& from,
+                unsigned first) noexcept {
+    const unsigned used = to->used();
+    if (first + used > kTags) [[unlikely]] {
+      bucketIs(to);
+      return;
+    }
+    bucket = to;
+    const Tags kept = used == kTags ? ~Tags{0} : (Tags{1} << 8 * used) - 1;
+    store(from.load() >> 8 * first & kept);
+  }
+
+ private:
+  // All tags in one register, that of slot 0 in the low byte.
+  __extension__ using Tags = unsigned __int128;
+
+  [[nodiscard]] Tags load() const noexcept {
+    Tags all;
+    std::memcpy(&all, tags, kTags);
+    return all;
+  }
+  void store(Tags all) noexcept {
+#if defined(__SSE2__)
+    // One store, so that a lookup that follows at once finds it whole in the store buffer.
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(tags),
+                     _mm_set_epi64x(static_cast<long long>(all >> 64), static_cast<long long>(all)));
+#else
+    std::memcpy(tags, &all, kTags);
+#endif
+  }
 };
+static_assert(std::endian::native == std::endian::little);
+static_assert(sizeof(HashMap2018DirectoryEntry) == 24);
 
 }  // namespace Brio

@@ -6,60 +6,34 @@
 #include <memory>
 #include <new>
 
+#include "Brio/HashMap2018Sizing.h"
 #include "Lumen/Assert.h"
 #include "Lumen/SlabAlloc.h"
 
 namespace Brio {
+
+using HashMap2018Sizing::membersMax;
+
 namespace {
 
 // The directory reaches no further than this only to part the members of one overfull bucket.
 constexpr unsigned kLog2ForOneBucket = 20;
-// Blocks of buckets are filled up to multiples of this.
-constexpr std::size_t kBlockStep = 32;
+// How far ahead a pass over the directory asks for buckets.
+constexpr std::size_t kEntriesAhead = 4;
 // A bucket up to here is searched hash by hash, without branches.
 constexpr unsigned kLinearSearch = 24;
 
-// Mean members per directory entry at which the directory doubles: large nodes cost much to shift and to
-// copy, small ones cost little beside the entry.
-unsigned loadMax(std::size_t nodeSize) noexcept {
-  return nodeSize <= 24 ? 9 : nodeSize <= 40 ? 8 : nodeSize <= 64 ? 6 : nodeSize <= 128 ? 3
-         : nodeSize <= 256 ? 2 : 1;
-}
-
-// Members that a directory of 2^log2 entries takes before it grows. One bucket alone is filled for as
-// long as tags tell its members apart.
-std::uint64_t membersMax(std::size_t nodeSize, unsigned log2) noexcept {
-  if (log2 == 0) {
-    return std::clamp<std::size_t>(480 / (nodeSize + 4), 2, HashMap2018DirectoryEntry::kTags);
-  }
-  return static_cast<std::uint64_t>(loadMax(nodeSize)) << log2;
-}
-
-// Slots of a bucket for `used` members: as many as fill its block up to the next step.
 unsigned capacityFor(const HashMap2018VTable* vtable, unsigned used) noexcept {
-  const std::size_t size = vtable->nodeSize();
-  const std::size_t alignment = vtable->nodeAlignment();
-  const std::size_t bytes =
-      (HashMap2018BucketHdr::blockBytes(used, size, alignment) + kBlockStep - 1) / kBlockStep *
-      kBlockStep;
-  auto capacity = static_cast<unsigned>(
-      static_cast<std::uint32_t>(bytes - sizeof(HashMap2018BucketHdr)) /
-      static_cast<std::uint32_t>(size + sizeof(std::uint32_t)));
-  while (capacity > used && HashMap2018BucketHdr::blockBytes(capacity, size, alignment) > bytes) {
-    --capacity;
-  }
-  return std::min(capacity, HashMap2018BucketHdr::kCapacityMax);
+  return HashMap2018Sizing::capacityFor(vtable->nodeSize(), used);
 }
 
 }  // namespace
 
-// Where the nodes of a new bucket come from: a run of slots of another bucket, or one loose node.
+// Where the nodes of a new bucket come from: a run of slots of another bucket.
 struct HashMap2018Generic::Piece {
   HashMap2018BucketHdr* bucket;
   unsigned first;
   unsigned count;
-  HashMap2018LinkNodeBase* node = nullptr;
-  std::uint32_t hash = 0;
 };
 
 HashMap2018Generic::HashMap2018Generic(const HashMap2018VTable* vtable,
@@ -69,6 +43,7 @@ HashMap2018Generic::HashMap2018Generic(const HashMap2018VTable* vtable,
   while (membersMax(vtable->nodeSize(), minLog2_) < minSize.value()) {
     ++minLog2_;
   }
+  startEpoch(vtable);
 }
 
 HashMap2018Generic::~HashMap2018Generic() {
@@ -143,32 +118,18 @@ HashMap2018LinkNodeBase* HashMap2018Generic::newMemberG(const HashMap2018VTable*
                                                         HashHelper::KeyAndRhashSeedArg keyAndHash,
                                                         HashMap2018LinkNodeBase&& node) {
   const std::uint32_t hash = keyAndHash.hash;
-  makeRoom(vtable, hash);
-  Entry& in = entryOf(hash);
+  Entry& in = entryWithRoom(vtable, hash);
   HashMap2018BucketHdr* bucket = in.bucket;
-  ++members_;
-  if (bucket == nullptr) {
-    const Piece pieces[] = {{nullptr, 0, 1, &node, hash}};
-    in.bucketIs(assemble(vtable, capacityFor(vtable, 1), pieces, 1));
-    return in.bucket->node(0, vtable->nodeSize());
-  }
   const unsigned used = bucket->used();
   const unsigned slot = lowerBound(vtable, bucket, hash, keyAndHash.key, nullptr);
-  if (!bucket->shared() && used < bucket->capacity()) {
-    const unsigned behind = used - slot;
-    std::memmove(bucket->hashRange(slot + 1, behind), bucket->hashRange(slot, behind),
-                 behind * sizeof(std::uint32_t));
-    bucket->hashIs(slot, hash);
-    bucket->usedIs(used + 1);
-    vtable->shift(vtable, bucket->node(0, 0), &node, slot, used, 1);
-  } else {
-    const Piece pieces[] = {
-        {bucket, 0, slot}, {nullptr, 0, 1, &node, hash}, {bucket, slot, used - slot}};
-    in.bucket = assemble(vtable, capacityFor(vtable, used + 1), pieces, 3);
-    release(vtable, bucket);
-  }
+  std::memmove(bucket->hashRange(slot + 1, used - slot), bucket->hashRange(slot, used - slot),
+               (used - slot) * sizeof(std::uint32_t));
+  bucket->hashIs(slot, hash);
+  vtable->shift(vtable, bucket->node(0, 0), &node, slot, used, 1);
+  bucket->usedIs(used + 1);
   in.tagInsert(slot, hash);
-  return in.bucket->node(slot, vtable->nodeSize());
+  countInsert();
+  return bucket->node(slot, vtable->nodeSize());
 }
 
 bool HashMap2018Generic::deleteMemberG(const HashMap2018VTable* vtable,
@@ -186,7 +147,7 @@ bool HashMap2018Generic::deleteMemberG(const HashMap2018VTable* vtable,
     vtable->place(vtable, out, node, bucket->shared() ? MoveOrCopy::copy : MoveOrCopy::move);
   } else if (!bucket->shared()) {
     // The node is destroyed when all is done: it waits in a bucket of its own.
-    const Piece pieces[] = {{nullptr, 0, 1, node, keyAndHash.hash}};
+    const Piece pieces[] = {{bucket, slot, 1}};
     parked = assemble(vtable, 1, pieces, 1);
   }
   memberErase(vtable, keyAndHash.hash, slot);
@@ -207,11 +168,8 @@ void HashMap2018Generic::memberErase(const HashMap2018VTable* vtable, std::uint3
     countErase(vtable);
     return;
   }
-  const std::size_t size = vtable->nodeSize();
-  // Room for one more is kept, so that a key that comes and goes costs no allocation.
-  const bool wasteful =
-      (bucket->capacity() - left - 1) * (size + sizeof(std::uint32_t)) >= 2 * kBlockStep;
-  if (bucket->shared() || wasteful) {
+  if (bucket->shared() ||
+      HashMap2018Sizing::wasteful(vtable->nodeSize(), bucket->capacity(), left)) {
     const Piece pieces[] = {{bucket, 0, slot}, {bucket, slot + 1, left - slot}};
     in.bucket = assemble(vtable, capacityFor(vtable, left), pieces, 2);
     in.tagErase(slot);
@@ -260,16 +218,10 @@ HashMap2018BucketHdr* HashMap2018Generic::assemble(const HashMap2018VTable* vtab
   unsigned used = 0;
   for (unsigned i = 0; i < numPieces; ++i) {
     const Piece& piece = pieces[i];
-    if (piece.bucket == nullptr) {
-      bucket->hashIs(used, piece.hash);
-      ranges[i] = {piece.node, 1, MoveOrCopy::move};
-    } else {
-      std::memcpy(bucket->hashRange(used, piece.count),
-                  piece.bucket->hashRange(piece.first, piece.count),
-                  piece.count * sizeof(std::uint32_t));
-      ranges[i] = {piece.bucket->node(piece.first, vtable->nodeSize()), piece.count,
-                   piece.bucket->shared() ? MoveOrCopy::copy : MoveOrCopy::move};
-    }
+    std::memcpy(bucket->hashRange(used, piece.count), piece.bucket->hashRange(piece.first, piece.count),
+                piece.count * sizeof(std::uint32_t));
+    ranges[i] = {piece.bucket->node(piece.first, vtable->nodeSize()), piece.count,
+                 piece.bucket->shared() ? MoveOrCopy::copy : MoveOrCopy::move};
     used += piece.count;
   }
   bucket->usedIs(vtable->newBucketAssemble(vtable, capacity, bucket->slots(), ranges, numPieces));
@@ -280,40 +232,42 @@ HashMap2018BucketHdr* HashMap2018Generic::assemble(const HashMap2018VTable* vtab
 void HashMap2018Generic::release(const HashMap2018VTable* vtable,
                                  HashMap2018BucketHdr* bucket) noexcept {
   slots_ -= bucket->capacity();
+  bucket->detach();
   vtable->bktHdrRefDec(bucket);
 }
 
-// Sees to it that one more member with this hash finds room.
-void HashMap2018Generic::makeRoom(const HashMap2018VTable* vtable, std::uint32_t hash) {
-  unsigned log2 = directoryLog2();
-  if (members_ >= membersMax(vtable->nodeSize(), log2) || log2 < minLog2_) [[unlikely]] {
+HashMap2018DirectoryEntry& HashMap2018Generic::makeRoom(const HashMap2018VTable* vtable,
+                                                        std::uint32_t hash) {
+  if (members_ >= growAt_) {
     // From one bucket to four: two would be full again at once.
-    log2 = std::max<unsigned>(minLog2_, log2 == 0 ? 2 : log2 + 1);
-    directoryLog2Is(vtable, log2);
+    const unsigned log2 = directoryLog2();
+    directoryLog2Is(vtable, std::max<unsigned>(minLog2_, log2 == 0 ? 2 : log2 + 1));
   }
-  for (const HashMap2018BucketHdr* bucket = entry(hash).bucket;
-       bucket != nullptr && bucket->used() == HashMap2018BucketHdr::kCapacityMax;
-       bucket = entry(hash).bucket) {
-    Lumen::assertThat(++log2 <= kLog2ForOneBucket,
+  // Only keys that were chosen for it fill a bucket to its limit. A larger directory may part them.
+  while (entry(hash).bucket != nullptr &&
+         entry(hash).bucket->used() == HashMap2018BucketHdr::kCapacityMax) {
+    Lumen::assertThat(directoryLog2() < kLog2ForOneBucket,
                       "a bucket of HashMap2018 is full: more than 16383 keys have one hash");
-    directoryLog2Is(vtable, log2);
+    directoryLog2Is(vtable, directoryLog2() + 1);
   }
+  Entry& in = entryOf(hash);
+  HashMap2018BucketHdr* bucket = in.bucket;
+  if (bucket == nullptr) {
+    in.bucket = assemble(vtable, capacityFor(vtable, 1), nullptr, 0);
+  } else if (!bucket->takesOneMore()) {
+    const Piece pieces[] = {{bucket, 0, bucket->used()}};
+    in.bucket = assemble(vtable, capacityFor(vtable, bucket->used() + 1), pieces, 1);
+    release(vtable, bucket);
+  }
+  return in;
 }
 
-// Books one member less. The directory shrinks when it has been at least eight times too large for the
-// length of an epoch of erasures, so that a collection that is filled and drained again and again keeps
-// the one it needs.
-void HashMap2018Generic::countErase(const HashMap2018VTable* vtable) {
-  peak_ = std::max(peak_, members_--);
-  unsigned log2 = directoryLog2();
-  if (log2 <= minLog2_) {
-    return;
-  }
+// The directory shrinks when it was at least eight times too large for the length of an epoch, so that a
+// collection that is filled and drained again and again keeps the one it needs.
+void HashMap2018Generic::endOfEpoch(const HashMap2018VTable* vtable) {
   const std::size_t size = vtable->nodeSize();
-  if (++erasures_ < 2 * membersMax(size, log2)) [[likely]] {
-    return;
-  }
-  if (8ULL * peak_ < membersMax(size, log2) && !keepDirectory_) {
+  unsigned log2 = directoryLog2();
+  if (!keepDirectory_ && 8ULL * peak_ < membersMax(size, log2)) {
     while (log2 > minLog2_ && 4ULL * peak_ < membersMax(size, log2)) {
       --log2;
     }
@@ -321,8 +275,18 @@ void HashMap2018Generic::countErase(const HashMap2018VTable* vtable) {
       directoryLog2Is(vtable, directoryLog2() - 1);
     }
   }
-  erasures_ = 0;
+  startEpoch(vtable);
+}
+
+void HashMap2018Generic::startEpoch(const HashMap2018VTable* vtable) noexcept {
+  constexpr std::uint64_t kMost = ~0U;
+  const std::size_t size = vtable->nodeSize();
+  const unsigned log2 = directoryLog2();
   peak_ = members_;
+  // A directory that is not there yet is made with the first member.
+  growAt_ = static_cast<unsigned>(log2 < minLog2_ ? 0 : std::min(kMost, membersMax(size, log2)));
+  erasuresLeft_ = static_cast<unsigned>(
+      log2 <= minLog2_ ? kMost : std::min(kMost, HashMap2018Sizing::erasuresOfEpoch(size, log2)));
 }
 
 void HashMap2018Generic::directoryLog2Is(const HashMap2018VTable* vtable, unsigned log2) {
@@ -343,7 +307,7 @@ void HashMap2018Generic::directoryLog2Is(const HashMap2018VTable* vtable, unsign
   Entry* old = directory_;
   directory_ = to;
   shift_ = static_cast<std::uint8_t>(32 - log2);
-  erasures_ = 0;
+  startEpoch(vtable);
   if (old == &single_) {
     single_ = Entry();
   } else {
@@ -357,6 +321,9 @@ void HashMap2018Generic::split(const HashMap2018VTable* vtable, Entry* to, unsig
     return static_cast<std::size_t>(static_cast<std::uint64_t>(hash) >> (32 - log2));
   };
   for (std::size_t i = 0; i < directorySize(); ++i) {
+    if (i + kEntriesAhead < directorySize()) {
+      __builtin_prefetch(directory_[i + kEntriesAhead].bucket);
+    }
     HashMap2018BucketHdr* bucket = directory_[i].bucket;
     if (bucket == nullptr) {
       continue;
@@ -373,7 +340,8 @@ void HashMap2018Generic::split(const HashMap2018VTable* vtable, Entry* to, unsig
         ++end;
       }
       const Piece pieces[] = {{bucket, first, end - first}};
-      to[index].bucketIs(assemble(vtable, capacityFor(vtable, end - first), pieces, 1));
+      to[index].bucketIs(assemble(vtable, capacityFor(vtable, end - first), pieces, 1), directory_[i],
+                         first);
       first = end;
     }
     release(vtable, bucket);

@@ -20,13 +20,15 @@
 // Invariants:
 //   1. Slots of a bucket ascend by (hash, key), and all their hashes have the entry's index as top bits.
 //   2. tag[i] of an entry is tagOf(hash of slot i) for i < min(used, 16), else 0; tagOf is never 0.
-//   3. No bucket is empty: an entry without members has no bucket.
+//   3. No bucket is empty: an entry without members has no bucket. (An entryWithRoom() may, until its
+//      caller adds the member.)
 //   4. A bucket with more than one reference is never changed, but replaced by a copy; values of nodes
-//      are the one exception, they belong to the caller.
+//      are the one exception, they belong to the caller. A bucket that the directory does not lead to
+//      any more and that somebody else holds is marked as detached.
 //
 // Why iteration survives. An iterator holds a reference on its bucket and a slot in it, and by invariant
-// 4 both stay readable. To advance, it asks whether the directory still leads to its bucket. If so, the
-// next slot is next. If not, it looks for the successor of (hash, key) in the present directory, which
+// 4 both stay readable. To advance, it looks whether its bucket is detached. If not, the next slot is
+// next. If so, it looks for the successor of (hash, key) in the present directory, which
 // by the order above is the same whatever was done in between. A member that is there during the whole
 // walk is passed exactly once, and one that comes or goes during it at most once.
 //
@@ -103,19 +105,41 @@ class HashMap2018Generic {
   // moved the node's contents away.
   void memberErase(const HashMap2018VTable* vtable, std::uint32_t hash, unsigned slot);
 
+  // For typed insertions and erasures, which do the common case in place. The entry under `hash`, with a
+  // bucket of its own that takes one more; the caller adds the member and calls countInsert().
+  [[nodiscard]] HashMap2018DirectoryEntry& entryWithRoom(const HashMap2018VTable* vtable,
+                                                         std::uint32_t hash) {
+    Entry& in = entryOf(hash);
+    if (members_ < growAt_ && in.bucket != nullptr && in.bucket->takesOneMore()) [[likely]] {
+      return in;
+    }
+    return makeRoom(vtable, hash);
+  }
+  [[nodiscard]] HashMap2018DirectoryEntry& entryOf(std::uint32_t hash) noexcept {
+    return directory_[entryIndex(hash)];
+  }
+  void countInsert() noexcept { ++members_; }
+  void countErase(const HashMap2018VTable* vtable) {
+    peak_ = peak_ > members_ ? peak_ : members_;
+    --members_;
+    if (--erasuresLeft_ == 0) [[unlikely]] {
+      endOfEpoch(vtable);
+    }
+  }
+
  private:
   using Entry = HashMap2018DirectoryEntry;
   struct Piece;
-  static constexpr unsigned kPiecesMax = 3;
+  static constexpr unsigned kPiecesMax = 2;
 
   [[nodiscard]] unsigned directoryLog2() const noexcept { return 32U - shift_; }
-  [[nodiscard]] Entry& entryOf(std::uint32_t hash) noexcept { return directory_[entryIndex(hash)]; }
 
   HashMap2018BucketHdr* assemble(const HashMap2018VTable* vtable, unsigned capacity,
                                  const Piece* pieces, unsigned numPieces);
   void release(const HashMap2018VTable* vtable, HashMap2018BucketHdr* bucket) noexcept;
-  void makeRoom(const HashMap2018VTable* vtable, std::uint32_t hash);
-  void countErase(const HashMap2018VTable* vtable);
+  Entry& makeRoom(const HashMap2018VTable* vtable, std::uint32_t hash);
+  void endOfEpoch(const HashMap2018VTable* vtable);
+  void startEpoch(const HashMap2018VTable* vtable) noexcept;
   // Makes the directory larger by any factor, or half as large; any size if there is no member.
   void directoryLog2Is(const HashMap2018VTable* vtable, unsigned log2);
   void split(const HashMap2018VTable* vtable, Entry* to, unsigned log2);
@@ -127,9 +151,11 @@ class HashMap2018Generic {
   std::uint8_t shift_ = 32;
   std::uint8_t minLog2_ = 0;
   bool keepDirectory_;
-  // When the directory may shrink: the most members seen since the count of erasures began.
+  unsigned growAt_;  // members at which the directory doubles
+  // An epoch of erasures, at whose end the directory may shrink: the most members seen in it, and the
+  // erasures to come.
   unsigned peak_ = 0;
-  unsigned erasures_ = 0;
+  unsigned erasuresLeft_;
   Entry single_;
 };
 

@@ -41,11 +41,11 @@ const HashMap2018LinkNodeBase* HashMap2018IteratorGeneric::currNodeNonStale() co
     return nullptr;
   }
   const HashMap2018LinkNodeBase* seen = currNodeMaybeStale();
-  const std::uint32_t hash = bucket_->hash(slot_);
-  const HashMap2018BucketHdr* present = collection_->entry(hash).bucket;
-  if (present == bucket_) {
+  if (!bucket_->detached()) {
     return seen;
   }
+  const std::uint32_t hash = bucket_->hash(slot_);
+  const HashMap2018BucketHdr* present = collection_->entry(hash).bucket;
   if (present == nullptr) {
     return nullptr;
   }
@@ -57,14 +57,12 @@ const HashMap2018LinkNodeBase* HashMap2018IteratorGeneric::currNodeNonStale() co
   return vtable_->compareOrLruUnlink(nullptr, seen, node) == 0 ? node : nullptr;
 }
 
-void HashMap2018IteratorGeneric::advanceToOtherBucket() {
-  const HashMap2018BucketHdr* left = bucket_;
+void HashMap2018IteratorGeneric::findSuccessor() {
   const HashMap2018LinkNodeBase* seen = currNodeMaybeStale();
-  const std::uint32_t hash = left->hash(slot_);
+  const std::uint32_t hash = bucket_->hash(slot_);
   const std::size_t index = collection_->entryIndex(hash);
   const HashMap2018BucketHdr* present = collection_->entryAt(index).bucket;
-  bucket_ = nullptr;
-  if (present != left && present != nullptr) {
+  if (present != nullptr) {
     unsigned slot = HashMap2018Generic::lowerBound(vtable_, present, hash, nullptr, seen);
     if (slot < present->used() && present->hash(slot) == hash &&
         vtable_->compareOrLruUnlink(nullptr, seen, present->node(slot, vtable_->nodeSize())) == 0) {
@@ -72,22 +70,10 @@ void HashMap2018IteratorGeneric::advanceToOtherBucket() {
     }
     if (slot < present->used()) {
       standAt(present, slot);
-    }
-  }
-  if (bucket_ == nullptr) {
-    standFrom(index + 1);
-  }
-  // Last, since the nodes that go with it may call anything.
-  vtable_->bktHdrRefDec(left);
-}
-
-void HashMap2018IteratorGeneric::standFrom(std::size_t index) noexcept {
-  for (const std::size_t end = collection_->directorySize(); index < end; ++index) {
-    if (const HashMap2018BucketHdr* bucket = collection_->entryAt(index).bucket; bucket != nullptr) {
-      standAt(bucket, 0);
       return;
     }
   }
+  standFrom(index + 1);
 }
 
 }  // namespace Brio

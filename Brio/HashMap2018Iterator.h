@@ -45,7 +45,7 @@ class HashMap2018IteratorGeneric {
   }
   ~HashMap2018IteratorGeneric() {
     if (bucket_ != nullptr) {
-      vtable_->bktHdrRefDec(bucket_);
+      drop(bucket_);
     }
   }
 
@@ -57,12 +57,18 @@ class HashMap2018IteratorGeneric {
     if (bucket_ == nullptr) {
       return;
     }
-    if (collection_->entry(bucket_->hash(slot_)).bucket == bucket_ && slot_ + 1 < bucket_->used())
-        [[likely]] {
+    if (bucket_->goesOnBehind(slot_)) [[likely]] {
       ++slot_;
       return;
     }
-    advanceToOtherBucket();
+    const HashMap2018BucketHdr* left = bucket_;
+    if (left->detached()) [[unlikely]] {
+      findSuccessor();
+    } else {
+      standFrom(collection_->entryIndex(left->hash(slot_)) + 1);
+    }
+    // Last, since the nodes that go with it may call anything.
+    drop(left);
   }
 
   [[nodiscard]] bool hasCollection() const noexcept { return collection_ != nullptr; }
@@ -83,14 +89,44 @@ class HashMap2018IteratorGeneric {
   [[nodiscard]] unsigned slot() const noexcept { return slot_; }
 
  private:
-  void advanceToOtherBucket();
-  // To the first slot of the first bucket from the directory entry `index` on.
-  void standFrom(std::size_t index) noexcept;
+  // To the first node behind the one that it stands on, whose bucket is detached.
+  void findSuccessor();
+  void drop(const HashMap2018BucketHdr* bucket) const {
+    // The vtable's function is needed for the last reference only.
+    if (bucket->shared()) [[likely]] {
+      static_cast<void>(bucket->bktHdrRefDecHelper());
+    } else {
+      vtable_->bktHdrRefDec(bucket);
+    }
+  }
+  // To the first slot of the first bucket from the directory entry `index` on, or to the end.
+  void standFrom(std::size_t index) noexcept {
+    const std::size_t end = collection_->directorySize();
+    for (; index < end; ++index) {
+      const HashMap2018BucketHdr* bucket = collection_->entryAt(index).bucket;
+      if (bucket != nullptr) {
+        prefetch(index + kEntriesAhead < end ? index + kEntriesAhead : end - 1);
+        standAt(bucket, 0);
+        return;
+      }
+    }
+    bucket_ = nullptr;
+  }
+  // Asks for the bucket of an entry ahead, and for the far end of its first node: a walk meets buckets in
+  // no order of memory.
+  void prefetch(std::size_t index) const noexcept {
+    const HashMap2018BucketHdr* bucket = collection_->entryAt(index).bucket;
+    __builtin_prefetch(bucket);
+    __builtin_prefetch(
+        reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(bucket) + vtable_->nodeSize()));
+  }
   void standAt(const HashMap2018BucketHdr* bucket, unsigned slot) noexcept {
     bucket_ = bucket;
     slot_ = slot;
     bucket_->bktHdrRefInc();
   }
+
+  static constexpr std::size_t kEntriesAhead = 6;
 
   const HashMap2018Generic* collection_ = nullptr;
   const HashMap2018VTable* vtable_ = nullptr;

@@ -58,13 +58,16 @@ struct HashMap2018VTable {
   [[nodiscard]] std::size_t nodeSize() const noexcept { return sizeWord >> 16; }
   [[nodiscard]] std::size_t nodeAlignment() const noexcept { return sizeWord & 0xff; }
 
-  // For nodes that are plain values.
+  // For nodes that are plain values of `nodeSize` bytes, which is known here so that small ones are
+  // copied without a call.
+  template <std::size_t nodeSize>
   static void trivialPlace(const HashMap2018VTable* vtable, void* slot, HashMap2018LinkNodeBase* node,
                            MoveOrCopy moveOrCopy);
+  template <std::size_t nodeSize>
   static void trivialShift(const HashMap2018VTable* vtable, HashMap2018LinkNodeBase* nodes,
                            HashMap2018LinkNodeBase* node, unsigned first, unsigned end,
                            int slotsToShift);
-  template <Lumen::MemTrack& tracker>
+  template <std::size_t nodeSize, Lumen::MemTrack& tracker>
   static unsigned trivialNewBucketAssemble(const HashMap2018VTable* vtable, unsigned capacity,
                                            void* dest, const HashMap2018NodeRange* sources,
                                            unsigned numSources);
@@ -117,6 +120,12 @@ class HashMap2018VTable::Impl {
     }
   }
 
+  // Moves a node to raw memory and leaves raw memory behind.
+  static void relocate(Node* to, Node* from) noexcept {
+    ::new (static_cast<void*>(to)) Node(std::move(*from));
+    std::destroy_at(from);
+  }
+
   static void shift(const HashMap2018VTable*, HashMap2018LinkNodeBase* nodes,
                     HashMap2018LinkNodeBase* node, unsigned first, unsigned end, int slotsToShift) {
     Node* slots = asNode(nodes);
@@ -131,15 +140,10 @@ class HashMap2018VTable::Impl {
       return;
     }
     Lumen::assertThat(slotsToShift == 1, "slotsToShift == 1");
-    if (first == end) {
-      ::new (&slots[end]) Node(std::move(*asNode(node)));
-      return;
+    for (unsigned i = end; i > first; --i) {
+      relocate(&slots[i], &slots[i - 1]);
     }
-    ::new (&slots[end]) Node(std::move(slots[end - 1]));
-    for (unsigned i = end - 1; i > first; --i) {
-      slots[i] = std::move(slots[i - 1]);
-    }
-    slots[first] = std::move(*asNode(node));
+    ::new (&slots[first]) Node(std::move(*asNode(node)));
   }
 
   static unsigned newBucketAssemble(const HashMap2018VTable* vtable, unsigned capacity, void* dest,
@@ -191,8 +195,12 @@ class HashMap2018VTable::Impl {
   static constexpr HashMap2018VTable makeRecord() noexcept {
     constexpr std::uint32_t kSizeWord = sizeof(Node) << 16 | kStoredHashes | alignof(Node);
     if constexpr (kPlainValue) {
-      return {kSizeWord,    &bktHdrRefDec, &keyEqualsNode,
-              &trivialPlace, &trivialShift, &trivialNewBucketAssemble<nodeTracker_>,
+      return {kSizeWord,
+              &bktHdrRefDec,
+              &keyEqualsNode,
+              &trivialPlace<sizeof(Node)>,
+              &trivialShift<sizeof(Node)>,
+              &trivialNewBucketAssemble<sizeof(Node), nodeTracker_>,
               &compareOrLruUnlink};
     } else {
       return {kSizeWord, &bktHdrRefDec, &keyEqualsNode,     &place,
@@ -204,22 +212,40 @@ class HashMap2018VTable::Impl {
   static constexpr HashMap2018VTable record = makeRecord();
 };
 
-template <Lumen::MemTrack& tracker>
-unsigned HashMap2018VTable::trivialNewBucketAssemble(const HashMap2018VTable* vtable,
-                                                     unsigned capacity, void* dest,
+template <std::size_t nodeSize>
+void HashMap2018VTable::trivialPlace(const HashMap2018VTable*, void* slot,
+                                     HashMap2018LinkNodeBase* node, MoveOrCopy) {
+  std::memcpy(slot, static_cast<const void*>(node), nodeSize);
+}
+
+template <std::size_t nodeSize>
+void HashMap2018VTable::trivialShift(const HashMap2018VTable*, HashMap2018LinkNodeBase* nodes,
+                                     HashMap2018LinkNodeBase* node, unsigned first, unsigned end,
+                                     int slotsToShift) {
+  char* from = reinterpret_cast<char*>(nodes) + first * nodeSize;
+  std::memmove(from + slotsToShift * static_cast<std::ptrdiff_t>(nodeSize), from,
+               (end - first) * nodeSize);
+  if (slotsToShift > 0) {
+    Lumen::assertThat(slotsToShift == 1, "slotsToShift == 1");
+    std::memcpy(from, static_cast<const void*>(node), nodeSize);
+  }
+}
+
+template <std::size_t nodeSize, Lumen::MemTrack& tracker>
+unsigned HashMap2018VTable::trivialNewBucketAssemble(const HashMap2018VTable*, unsigned capacity,
+                                                     void* dest,
                                                      const HashMap2018NodeRange* sources,
                                                      unsigned numSources) {
-  const std::size_t nodeSize = vtable->nodeSize();
   bucketTracker_.allocated(1, sizeof(HashMap2018BucketHdr));
   tracker.allocated(capacity, capacity * (nodeSize + sizeof(std::uint32_t)));
   auto* slot = static_cast<char*>(dest);
-  unsigned placed = 0;
   for (const auto* source = sources; source != sources + numSources; ++source) {
-    std::memcpy(slot, static_cast<const void*>(source->nodes), source->count * nodeSize);
-    slot += source->count * nodeSize;
-    placed += source->count;
+    const auto* node = reinterpret_cast<const char*>(source->nodes);
+    for (unsigned i = 0; i < source->count; ++i, slot += nodeSize, node += nodeSize) {
+      std::memcpy(slot, node, nodeSize);
+    }
   }
-  return placed;
+  return static_cast<unsigned>(static_cast<std::size_t>(slot - static_cast<char*>(dest)) / nodeSize);
 }
 
 }  // namespace Brio
