@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "Quilt/Crc32c.h"
 #include "Quilt/KeyWords.h"
@@ -24,21 +25,27 @@ class Chains {
   using Words = KeyWords<Key>;
   using RecordSlot = Slot<Traits::kWords>;
 
+ private:
+  static constexpr std::size_t kMostSmallWords = 16;
+
   struct RecordWords {
     std::uint64_t words[Traits::kWords];
-
-    [[nodiscard]] static RecordWords of(const Record& record) noexcept {
-      RecordWords made;
-      if constexpr (sizeof(Record) % 8 != 0) {
-        made.words[Traits::kWords - 1] = 0;
-      }
-      std::memcpy(made.words, &record, sizeof(Record));
-      return made;
-    }
-    void copyTo(Record& record) const noexcept {
-      std::memcpy(static_cast<void*>(&record), words, sizeof(Record));
-    }
   };
+  [[nodiscard]] static constexpr std::size_t bytesOf(std::size_t i) noexcept {
+    return sizeof(Record) - 8 * i < 8 ? sizeof(Record) - 8 * i : 8;
+  }
+
+ public:
+
+  // Word `i` of a record, zero beyond its end; and the other way round.
+  [[nodiscard]] static std::uint64_t wordOf(const Record& record, std::size_t i) noexcept {
+    std::uint64_t word = 0;
+    std::memcpy(&word, reinterpret_cast<const unsigned char*>(&record) + 8 * i, bytesOf(i));
+    return word;
+  }
+  static void wordIs(Record& record, std::size_t i, std::uint64_t word) noexcept {
+    std::memcpy(reinterpret_cast<unsigned char*>(&record) + 8 * i, &word, bytesOf(i));
+  }
 
   explicit Chains(const StoreFile& file) noexcept
       : heads_(static_cast<Word64*>(file.at(Geometry::kHeadsOffset))),
@@ -99,18 +106,48 @@ class Chains {
   [[nodiscard]] static const Record& recordIn(const RecordSlot& slot) noexcept {
     return *std::launder(static_cast<const Record*>(static_cast<const void*>(slot.words)));
   }
-  static void load(const RecordSlot& slot, RecordWords& out) noexcept {
-    for (std::size_t i = 0; i < Traits::kWords; ++i) {
-      out.words[i] = slot.words[i].load(std::memory_order_acquire);
+  // Calls load(i) for each word of a record in order, hands it to take(i, word), and gives the checksum
+  // of all. For small records nothing goes through memory.
+  template <class Load, class Take>
+  [[nodiscard]] static std::uint32_t checksumOver(std::uint32_t generation, Load&& load,
+                                                  Take&& take) noexcept {
+    if constexpr (Traits::kWords <= kMostSmallWords) {
+      if (Crc32c::kHasInstruction) [[likely]] {
+        std::uint32_t crc = ~generation;
+        const auto one = [&](std::size_t i) {
+          const std::uint64_t word = load(i);
+          take(i, word);
+          crc = Crc32c::stepByInstruction(crc, word);
+        };
+        [&]<std::size_t... I>(std::index_sequence<I...>) {
+          (one(I), ...);
+        }(std::make_index_sequence<Traits::kWords>());
+        return crc;
+      }
     }
+    RecordWords record;
+    for (std::size_t i = 0; i < Traits::kWords; ++i) {
+      record.words[i] = load(i);
+      take(i, record.words[i]);
+    }
+    return checksumOf(record, generation);
+  }
+  // The checksum that the record in a slot should have. Its words are read in acquire order.
+  template <class Take>
+  [[nodiscard]] static std::uint32_t checksumIn(const RecordSlot& slot, std::uint32_t generation,
+                                                Take&& take) noexcept {
+    return checksumOver(
+        generation, [&](std::size_t i) { return slot.words[i].load(std::memory_order_acquire); },
+        take);
   }
 
+ private:
   // CRC-32C of the record, the key with it, begun with the generation. Large records are cut into
   // four parts, whose checksums the processor computes side by side, and a checksum over those.
   [[nodiscard]] static std::uint32_t checksumOf(const RecordWords& record,
                                                 std::uint32_t generation) noexcept {
     constexpr std::size_t kCount = Traits::kWords;
-    if constexpr (kCount <= 16) {
+    if constexpr (kCount <= kMostSmallWords) {
       return Crc32c::extend(~generation, record.words, kCount);
     } else {
       constexpr std::size_t kPart = kCount / 4;
@@ -124,7 +161,6 @@ class Chains {
     }
   }
 
- private:
   Word64* heads_;
   RecordSlot* slots_;
   Word64* headsUsed_;

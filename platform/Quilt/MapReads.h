@@ -35,7 +35,6 @@ class MapReads : public QuiltMapBase {
   using Traits = RecordTraits<Record>;
   using Words = KeyWords<Key>;
   using RecordSlot = typename Chains<Record>::RecordSlot;
-  using RecordWords = typename Chains<Record>::RecordWords;
 
   explicit MapReads(Lumen::Ptr<StoreFile> file) : QuiltMapBase(std::move(file)), chains_(*file_) {}
   ~MapReads() = default;
@@ -124,16 +123,16 @@ inline bool MapReads<Record>::seek(std::uint32_t bucket, const Words& wanted, bo
 template <class Record>
 inline bool MapReads<Record>::copyOut(const RecordSlot& slot, std::uint64_t link,
                                       Record& out) const {
-  RecordWords words;
-  Chains<Record>::load(slot, words);
+  const std::uint32_t wanted = Chains<Record>::checksumIn(
+      slot, Link::generation(link),
+      [&](std::size_t i, std::uint64_t word) { Chains<Record>::wordIs(out, i, word); });
   const std::uint32_t checksum = slot.checksum.load(std::memory_order_acquire);
   if (slot.generation.load(std::memory_order_acquire) != Link::generation(link)) [[unlikely]] {
     return false;
   }
-  if (checksum != Chains<Record>::checksumOf(words, Link::generation(link))) [[unlikely]] {
+  if (checksum != wanted) [[unlikely]] {
     corrupt("a record does not fit its checksum", link);
   }
-  words.copyTo(out);
   return true;
 }
 
@@ -152,10 +151,9 @@ inline const Record& MapReads<Record>::find(const Key& key, bool& found) const {
         return AllocBase<Record>::defaultRecord();
       }
       if (!readOnly_) {
-        RecordWords words;
-        Chains<Record>::load(*landing.slot, words);
         if (landing.slot->checksum.load(std::memory_order_relaxed) !=
-            Chains<Record>::checksumOf(words, Link::generation(landing.link))) [[unlikely]] {
+            Chains<Record>::checksumIn(*landing.slot, Link::generation(landing.link),
+                                       [](std::size_t, std::uint64_t) {})) [[unlikely]] {
           corrupt("a record does not fit its checksum", landing.link);
         }
         found = true;
@@ -325,7 +323,11 @@ inline bool MapReads<Record>::next(const Key& after, Record& out, IterHint& hint
       }
       corrupt("a link leads to a slot of another generation", at.nextLink);
     }
-    const std::uint32_t bucket = chains_.bucketOf(wanted);
+    // A reader's walk need not compute the bucket again where the slot still has the key; it searches
+    // the bucket all the same.
+    const bool known = at.map == serial_ && Link::slot(at.link) < slotBound_ &&
+                       Chains<Record>::keyOf(chains_.slot(Link::slot(at.link))) == wanted;
+    const std::uint32_t bucket = known ? at.bucket : chains_.bucketOf(wanted);
     if (chains_.headsUsed(bucket)) {
       for (Restarts restarts;;) {
         Landing landing;

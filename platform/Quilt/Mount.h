@@ -54,7 +54,7 @@ template <class Record>
 ScanResult passOver(StoreFile& file) {
   const std::uint32_t bound = confirmUse<Record>(file);
   return scan(Chains<Record>(file), bound, ScanMode::look,
-              [](const typename Chains<Record>::RecordWords&) {});
+              [](const Record&) {});
 }
 
 // A new file with every whole record of `old`, if there is one, and its words. `lost` says whether
@@ -69,9 +69,7 @@ Mounted makeAnew(const FilePlace& place, const Shape& shape, StoreFile* old, boo
   QuiltMap<Record> map(made.file, made.found);
   const std::uint32_t bound = confirmUse<Record>(*old);
   scan(Chains<Record>(*old), bound, ScanMode::look,
-       [&](const typename Chains<Record>::RecordWords& words) {
-         Record record;
-         words.copyTo(record);
+       [&](const Record& record) {
          if (map.hasRoomFor(record.quiltKey())) {
            map.recordIs(record);
          } else {

@@ -55,7 +55,6 @@ class QuiltMap final : public MapReads<Record> {
   using Base::records_;
   using Base::slotBound_;
   using typename Base::RecordSlot;
-  using typename Base::RecordWords;
   using typename Base::Traits;
   using typename Base::Words;
 
@@ -187,7 +186,7 @@ template <class Record>
 void QuiltMap<Record>::cutAt(Word64& at) {
   Seam::store(at, std::uint64_t{0}, std::memory_order_release);
   this->reportCut();
-  takeStock(scan(chains_, slotBound_, ScanMode::cut, [](const RecordWords&) {}));
+  takeStock(scan(chains_, slotBound_, ScanMode::cut, [](const Record&) {}));
 }
 
 // Finds where the record of `wanted` lies or belongs. False if the chain had to be cut on the way.
@@ -274,7 +273,6 @@ inline void QuiltMap<Record>::boundsExclude(std::uint64_t key) {
 template <class Record>
 inline void QuiltMap<Record>::recordIs(const Record& record) {
   this->assertWritable();
-  const RecordWords words = RecordWords::of(record);
   const Words key = Words::of(record.quiltKey());
   const std::uint32_t bucket = chains_.bucketOf(key);
   if (!headsReady(bucket)) [[unlikely]] {
@@ -296,11 +294,12 @@ inline void QuiltMap<Record>::recordIs(const Record& record) {
   std::uint32_t generation = slot.generation.load(std::memory_order_relaxed) + 1;
   generation += generation == 0 ? 1 : 0;
   Seam::store(slot.generation, generation, std::memory_order_release);
-  for (std::size_t i = 0; i < Traits::kWords; ++i) {
-    Seam::store(slot.words[i], words.words[i], std::memory_order_release);
-  }
-  Seam::store(slot.checksum, Chains<Record>::checksumOf(words, generation),
-              std::memory_order_release);
+  const std::uint32_t checksum = Chains<Record>::checksumOver(
+      generation, [&](std::size_t i) { return Chains<Record>::wordOf(record, i); },
+      [&](std::size_t i, std::uint64_t word) {
+        Seam::store(slot.words[i], word, std::memory_order_release);
+      });
+  Seam::store(slot.checksum, checksum, std::memory_order_release);
   Seam::store(slot.next,
               place.equal ? place.slot->next.load(std::memory_order_relaxed) : place.link,
               std::memory_order_release);

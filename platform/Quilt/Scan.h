@@ -31,7 +31,7 @@ enum class ScanMode {
   cut,   // the same, and takes what is damaged out of its chain
 };
 
-// Goes along every chain of the collection and calls visit(RecordWords) for each whole record: one
+// Goes along every chain of the collection and calls visit(record) for each whole record: one
 // whose link leads to an existing slot of the right generation, whose key belongs to the bucket and
 // follows the key before it, and whose checksum holds. `slotBound`: slots that may be touched. Only
 // the writer, or somebody who works on a file that nobody writes, may scan. Ends on any bytes
@@ -81,11 +81,12 @@ ScanResult scan(const Chains<Record>& chains, std::uint32_t slotBound, ScanMode 
           break;
         }
         auto& slot = chains.slot(index);
-        typename Chains<Record>::RecordWords record;
-        Chains<Record>::load(slot, record);
+        Record record;
+        const std::uint32_t checksum = Chains<Record>::checksumIn(
+            slot, Link::generation(link),
+            [&](std::size_t i, std::uint64_t word) { Chains<Record>::wordIs(record, i, word); });
         const Words key = Chains<Record>::keyOf(slot);
-        const bool sound = slot.checksum.load(std::memory_order_acquire) ==
-                           Chains<Record>::checksumOf(record, Link::generation(link));
+        const bool sound = slot.checksum.load(std::memory_order_acquire) == checksum;
         const bool atHome = chains.bucketOf(key) == bucket && (!any || previous < key);
         if (sound && !atHome) {
           // The link went astray: the record is another chain's, and so is what lies behind it.
