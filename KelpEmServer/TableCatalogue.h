@@ -2,6 +2,7 @@
 
 #include "Asic/SwTableId.h"
 #include "Brio/FixedString.h"
+#include "KelpEmServer/Export.h"
 #include "KelpEmServer/TableSpec.h"
 #include "KelpEmServer/WrapperResources.h"
 #include "KelpTunnelNiLib/TableQuilts.h"
@@ -17,7 +18,7 @@ inline constexpr const char* kAgentName = "KelpTunnelNi";
 inline constexpr const char* kTableNamespace = "KelpEmServer";
 
 // Egress encapsulation by forwarding object.
-struct EsemFodo {
+struct KELP_EM_EXPORT EsemFodo {
   static constexpr Brio::FixedString name{"EsemFodo"};
   static constexpr Asic::SwTableId tableId{0x29080401};
   static constexpr CollectionSalts salts{1904530516, 2512209022, 2229673195,
@@ -30,7 +31,7 @@ struct EsemFodo {
 };
 
 // Egress encapsulation by forwarding object and VLAN domain.
-struct EsemFodoVd {
+struct KELP_EM_EXPORT EsemFodoVd {
   static constexpr Brio::FixedString name{"EsemFodoVd"};
   static constexpr Asic::SwTableId tableId{0x29080402};
   static constexpr CollectionSalts salts{914509270,  3055446949, 597283485,
@@ -43,7 +44,7 @@ struct EsemFodoVd {
 };
 
 // Ingress classification of frames with one VLAN tag.
-struct Isem1Tag {
+struct KELP_EM_EXPORT Isem1Tag {
   static constexpr Brio::FixedString name{"Isem1Tag"};
   static constexpr Asic::SwTableId tableId{0x29080403};
   static constexpr CollectionSalts salts{1931543687, 3747430163, 1564697678,
@@ -56,7 +57,7 @@ struct Isem1Tag {
 };
 
 // Ingress classification of frames with two VLAN tags.
-struct Isem2Tag {
+struct KELP_EM_EXPORT Isem2Tag {
   static constexpr Brio::FixedString name{"Isem2Tag"};
   static constexpr Asic::SwTableId tableId{0x29080404};
   static constexpr CollectionSalts salts{934281991,  3842031071, 2005819766,
@@ -69,7 +70,7 @@ struct Isem2Tag {
 };
 
 // Ingress classification of frames inside a tunnel.
-struct IsemInnerEth {
+struct KELP_EM_EXPORT IsemInnerEth {
   static constexpr Brio::FixedString name{"IsemInnerEth"};
   static constexpr Asic::SwTableId tableId{0x29080405};
   static constexpr CollectionSalts salts{673162997,  2503627092, 2823120889,
@@ -82,7 +83,7 @@ struct IsemInnerEth {
 };
 
 // Ingress classification of frames with an MPLS label.
-struct IsemMpls {
+struct KELP_EM_EXPORT IsemMpls {
   static constexpr Brio::FixedString name{"IsemMpls"};
   static constexpr Asic::SwTableId tableId{0x29080406};
   static constexpr CollectionSalts salts{1284431779, 229840857,  499133991,
@@ -95,7 +96,7 @@ struct IsemMpls {
 };
 
 // Ingress classification of frames without a VLAN tag.
-struct IsemUntagged {
+struct KELP_EM_EXPORT IsemUntagged {
   static constexpr Brio::FixedString name{"IsemUntagged"};
   static constexpr Asic::SwTableId tableId{0x29080407};
   static constexpr CollectionSalts salts{3896821602, 3361312978, 1723950311,
@@ -108,7 +109,7 @@ struct IsemUntagged {
 };
 
 // Cross-connect of an attachment circuit.
-struct LemVpwsAc {
+struct KELP_EM_EXPORT LemVpwsAc {
   static constexpr Brio::FixedString name{"LemVpwsAc"};
   static constexpr Asic::SwTableId tableId{0x29080408};
   static constexpr CollectionSalts salts{2962828239, 1576466455, 1583104374,

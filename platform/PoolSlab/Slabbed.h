@@ -12,7 +12,7 @@ namespace PoolSlab {
 // constexpr member or function `className()` that yields its name. A class below another slabbed
 // class says `using PoolSlab::Slabbed<T>::operator new` (and delete) to choose its own.
 template <class T>
-class Slabbed {
+class __attribute__((visibility("default"))) Slabbed {
  public:
   static void* operator new(std::size_t bytes) {
     static_assert(alignof(T) <= kSizeStep, "slab blocks are not aligned for this class");
