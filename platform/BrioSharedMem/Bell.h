@@ -22,13 +22,11 @@
 // No wake-up is lost. L1 and R2 exchange the same word, so one comes first in its modification
 // order:
 // - R2 first. Every store to the word is an exchange, so L1 reads from R2 or from an exchange that
-// goes back
-//   to it, and so acquires what R2 released, R1 among it: L2 sees the work.
+//   goes back to it, and so acquires what R2 released, R1 among it: L2 sees the work.
 // - L1 first. R2 reads 1, unless another exchange has cleared the word in between: the listener's
-// own L4,
-//   after which it looks for work again before it sleeps (the case above, with its next L1); or
-//   another ringer's R2, which then writes the byte itself, and the listener that wakes looks for
-//   all work.
+//   own L4, after which it looks for work again before it sleeps (the case above, with its next
+//   L1); or another ringer's R2, which then writes the byte itself, and the listener that wakes
+//   looks for all work.
 // A plain load at R2 would be cheaper and wrong: with R1 a mere release store it may be answered
 // before R1 is visible, and both sides would miss each other. No free-standing fence is needed with
 // the exchange.

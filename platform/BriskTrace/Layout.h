@@ -8,16 +8,17 @@
 // the file is a pointer, and a reader believes nothing in it that a checksum or a bound does not
 // confirm.
 //
-//   offset 0        Header          one page
-//   offset 4096     descriptors     kDescriptorBytes: one block per call site, appended, never
-//   changed offset 4096 + kDescriptorBytes  ring: ringSlots slots of 64 bytes; ringSlots is a power
-//   of two
+//   offset 0                        Header: one page
+//   offset 4096                     descriptors: kDescriptorBytes; one block for each call site,
+//                                   appended, never changed
+//   offset 4096 + kDescriptorBytes  ring: ringSlots (a power of two) slots of 64 bytes
 //
 //   descriptor = { u32 bytes of the whole block, a multiple of 8; u32 checksum of what follows;
-//                  i32 id; i32 line; u16 lengths of file, class, function, format, letters; u16 0,
-//                  0, 0; those five texts, without a terminator; zeroes up to a multiple of 8 }
-//   slot       = { u64 number; u64 ticks; u64 id | argument bytes << 32 | check << 40; 5 u64
-//   arguments }
+//                  i32 id; i32 line;
+//                  u16 lengths of file, class, function, format, letters; u16 0, 0, 0;
+//                  those five texts, without a terminator; zeroes up to a multiple of 8 }
+//   slot       = { u64 number; u64 ticks; u64 id | argument bytes << 32 | check << 40;
+//                  u64 arguments[5] }
 //
 // Message n (from 1) lies in slot (n - 1) % ringSlots. Arguments are packed without padding, each
 // as many bytes as its letter says. The check covers every word of the slot that the message uses.
