@@ -36,7 +36,6 @@ class Chains {
   }
 
  public:
-
   // Word `i` of a record, zero beyond its end; and the other way round.
   [[nodiscard]] static std::uint64_t wordOf(const Record& record, std::size_t i) noexcept {
     std::uint64_t word = 0;
@@ -106,8 +105,8 @@ class Chains {
   [[nodiscard]] static const Record& recordIn(const RecordSlot& slot) noexcept {
     return *std::launder(static_cast<const Record*>(static_cast<const void*>(slot.words)));
   }
-  // Calls load(i) for each word of a record in order, hands it to take(i, word), and gives the checksum
-  // of all. For small records nothing goes through memory.
+  // Calls load(i) for each word of a record in order, hands it to take(i, word), and gives the
+  // checksum of all. For small records nothing goes through memory.
   template <class Load, class Take>
   [[nodiscard]] static std::uint32_t checksumOver(std::uint32_t generation, Load&& load,
                                                   Take&& take) noexcept {
@@ -119,9 +118,8 @@ class Chains {
           take(i, word);
           crc = Crc32c::stepByInstruction(crc, word);
         };
-        [&]<std::size_t... I>(std::index_sequence<I...>) {
-          (one(I), ...);
-        }(std::make_index_sequence<Traits::kWords>());
+        [&]<std::size_t... I>(std::index_sequence<I...>) { (one(I), ...); }
+        (std::make_index_sequence<Traits::kWords>());
         return crc;
       }
     }

@@ -323,8 +323,8 @@ inline bool MapReads<Record>::next(const Key& after, Record& out, IterHint& hint
       }
       corrupt("a link leads to a slot of another generation", at.nextLink);
     }
-    // A reader's walk need not compute the bucket again where the slot still has the key; it searches
-    // the bucket all the same.
+    // A reader's walk need not compute the bucket again where the slot still has the key; it
+    // searches the bucket all the same.
     const bool known = at.map == serial_ && Link::slot(at.link) < slotBound_ &&
                        Chains<Record>::keyOf(chains_.slot(Link::slot(at.link))) == wanted;
     const std::uint32_t bucket = known ? at.bucket : chains_.bucketOf(wanted);

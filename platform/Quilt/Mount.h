@@ -53,8 +53,7 @@ std::uint32_t confirmUse(StoreFile& file) {
 template <class Record>
 ScanResult passOver(StoreFile& file) {
   const std::uint32_t bound = confirmUse<Record>(file);
-  return scan(Chains<Record>(file), bound, ScanMode::look,
-              [](const Record&) {});
+  return scan(Chains<Record>(file), bound, ScanMode::look, [](const Record&) {});
 }
 
 // A new file with every whole record of `old`, if there is one, and its words. `lost` says whether
@@ -68,14 +67,13 @@ Mounted makeAnew(const FilePlace& place, const Shape& shape, StoreFile* old, boo
   }
   QuiltMap<Record> map(made.file, made.found);
   const std::uint32_t bound = confirmUse<Record>(*old);
-  scan(Chains<Record>(*old), bound, ScanMode::look,
-       [&](const Record& record) {
-         if (map.hasRoomFor(record.quiltKey())) {
-           map.recordIs(record);
-         } else {
-           lost = true;
-         }
-       });
+  scan(Chains<Record>(*old), bound, ScanMode::look, [&](const Record& record) {
+    if (map.hasRoomFor(record.quiltKey())) {
+      map.recordIs(record);
+    } else {
+      lost = true;
+    }
+  });
   Header& from = old->header();
   Header& to = made.file->header();
   for (Word64 Header::*word : {&Header::scratchpad, &Header::announced, &Header::published}) {

@@ -10,7 +10,6 @@
 #include "Quilt/Scan.h"
 #include "Quilt/Seam.h"
 
-
 namespace Quilt {
 
 // A collection of records in shared memory, by key. See the essay at the top of this file.
@@ -73,6 +72,7 @@ class QuiltMap final : public MapReads<Record> {
   void countIs(std::uint64_t records);
   [[nodiscard]] bool slotsReady(std::uint32_t count);
   [[nodiscard]] bool headsReady(std::uint32_t bucket);
+  [[nodiscard]] bool placeForNewKey();
   void boundsInclude(std::uint64_t key);
   void boundsExclude(std::uint64_t key);
 
@@ -80,6 +80,7 @@ class QuiltMap final : public MapReads<Record> {
   // to slotsReserved_ have never been taken since the mount.
   std::uint32_t slotsReserved_ = 0;
   std::uint32_t freeCount_ = 0;
+  std::uint64_t clearedAt_ = 0;  // the change at which damaged records were last taken out
   std::unique_ptr<std::uint32_t[]>
       freeSlots_;  // a stack: the slot freed last is warm, and taken first
 };
@@ -167,6 +168,17 @@ inline bool QuiltMap<Record>::headsReady(std::uint32_t bucket) {
   return true;
 }
 
+// True if the collection is not full. One that is known to be damaged may be full of records that
+// nobody can find, whose keys are no longer theirs: they are taken out before it says no.
+template <class Record>
+bool QuiltMap<Record>::placeForNewKey() {
+  if (records_ >= this->limit() && this->damaged() && clearedAt_ != changes_) {
+    takeStock(scan(chains_, slotBound_, ScanMode::cut, [](const Record&) {}));
+    clearedAt_ = changes_;
+  }
+  return records_ < this->limit();
+}
+
 template <class Record>
 bool QuiltMap<Record>::hasRoomFor(const Key& key) {
   this->assertWritable();
@@ -175,7 +187,7 @@ bool QuiltMap<Record>::hasRoomFor(const Key& key) {
   if (chains_.headsUsed(bucket) && locate(bucket, wanted).equal) {
     return slotsReady(1);
   }
-  return records_ < this->limit() && slotsReady(2) && headsReady(bucket);
+  return placeForNewKey() && slotsReady(2) && headsReady(bucket);
 }
 
 // ---- changing
@@ -278,9 +290,12 @@ inline void QuiltMap<Record>::recordIs(const Record& record) {
   if (!headsReady(bucket)) [[unlikely]] {
     this->noRoom("the file system gives no space");
   }
-  const Place place = locate(bucket, key);
+  Place place = locate(bucket, key);
   if (!place.equal && records_ >= this->limit()) [[unlikely]] {
-    this->noRoom("the collection is full");
+    if (!placeForNewKey()) {
+      this->noRoom("the collection is full");
+    }
+    place = locate(bucket, key);
   }
   // A new record leaves a slot for the overwrite that may come next.
   if (!slotsReady(place.equal ? 1 : 2)) [[unlikely]] {

@@ -1,11 +1,10 @@
 #include "Quilt/QuiltMapBase.h"
 
 #include <fmt/format.h>
-#include <syslog.h>
 
 #include <algorithm>
-#include <cstdio>
 
+#include "Brio/Log.h"
 #include "Lumen/Assert.h"
 #include "Lumen/Exception.h"
 #include "Quilt/Seam.h"
@@ -15,6 +14,19 @@ namespace {
 
 // A reader that meets a changing bucket this often in a row is not unlucky.
 constexpr std::uint32_t kMostTries = 1'000'000;
+
+constexpr Brio::LogDescriptor kMessages[] = {
+    {"QUILT_CORRUPTION_DETECTED", "%s",
+     "Bytes of a shared-memory collection do not add up. Work goes on without the records "
+     "concerned.",
+     "Restart the process that writes the collection: it saves what is whole.", 3}};
+const Brio::LogSection section("Quilt", kMessages);
+
+// Never destroyed: collections may be read while statics are torn down.
+Brio::LogHandle& corruptionLog() {
+  static auto* const made = new Brio::LogHandle(&kMessages[0], Lumen::Duration(), 1.0, 0, 0);
+  return *made;
+}
 
 std::uint64_t nextSerial() {
   static std::atomic<std::uint64_t> last{0};
@@ -45,8 +57,7 @@ void QuiltMapBase::doCorruptionDetected(const Lumen::String& text) const {
   if (reported_.exchange(true, std::memory_order_relaxed)) {
     return;
   }
-  std::fprintf(stderr, "%s\n", text.c_str());
-  ::syslog(LOG_ERR, "%s", text.c_str());
+  Brio::log(corruptionLog(), text);
 }
 
 void QuiltMapBase::corrupt(const char* what, std::uint64_t link) const {

@@ -65,6 +65,13 @@ Register::Register(Lumen::String fileName, const Lumen::String& path)
     if (reason != EWOULDBLOCK) {
       throw fileError(path, "lock the register", fileName_, reason);
     }
+    if (holder == ::getpid()) {
+      throw BrioSharedMem::StoreError(
+          fmt::format("{}: this process ({}) still writes this collection through a mount that it "
+                      "has given up; "
+                      "let go of every pointer to the former entity and to its control block first",
+                      path, holder));
+    }
     throw BrioSharedMem::StoreError(fmt::format(
         "{}: process {} writes this collection already (it holds {}); stop that process "
         "first, or open the collection as a reader",
