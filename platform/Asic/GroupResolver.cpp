@@ -40,6 +40,9 @@ void GroupResolver::forget(TableQueue& queue) noexcept {
     std::make_heap(candidates_.begin(), candidates_.end(), frontIsLater);
   }
   queue.resolver_ = nullptr;
+  if (asking_ == &queue) {
+    asking_ = nullptr;
+  }
 }
 
 void GroupResolver::resolverQueueEnq(const Lumen::Ptr<ResolverEntry>& entry) {
@@ -96,9 +99,14 @@ bool GroupResolver::askFirst(TableQueue& queue, std::uint64_t end, std::uint64_t
       std::erase(active_, &queue);
     }
     ++committed;
+    // A response handler may drop the table, and its queue with it.
+    asking_ = queue.front_ ? &queue : nullptr;
     entry->commitEntry(entry);
     // Somebody may have waited for this one.
     updateGenId();
+    if (asking_ == nullptr) {
+      return false;
+    }
   }
   return false;
 }
@@ -131,11 +139,13 @@ std::size_t GroupResolver::runPass() {
       std::push_heap(candidates_.begin(), candidates_.end(), frontIsLater);
     }
   }
-  // With nothing committed, everybody has answered no to this generation; otherwise an answer may
-  // have changed since it was given, and another pass is worth running.
-  passGenId_ = committed == 0 ? genAtStart : genAtStart - 1;
+  // Another pass is worth running if an answer was given before the last commit, or not at all.
+  const bool more = std::any_of(active_.begin(), active_.end(), [&](const TableQueue* queue) {
+    return queue->refusedAt_ != genId_;
+  });
+  passGenId_ = more ? genId_ - 1 : genId_;
   inPass_ = false;
-  if (committed != 0) {
+  if (committed != 0 || nextArrival_ != end) {
     maybeUpdateSuspend();
   }
   return committed;

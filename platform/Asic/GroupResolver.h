@@ -38,9 +38,9 @@ class GroupResolver final : public Lumen::Node {
   [[nodiscard]] std::uint64_t genId() const noexcept { return genId_; }
 
   // Tells the owner of the loop, through the wake-up, that a pass is worth running. At most one
-  // call between two passes.
+  // call between two passes, and none while a pass runs: it looks for itself when it ends.
   void maybeUpdateSuspend() {
-    if (!awake_ && passWorthRunning()) {
+    if (!awake_ && !inPass_ && passWorthRunning()) {
       wake();
     }
   }
@@ -65,10 +65,11 @@ class GroupResolver final : public Lumen::Node {
 
   std::vector<TableQueue*> active_;      // the tables with something queued
   std::vector<TableQueue*> candidates_;  // of the pass that runs: a heap, earliest front on top
+  const TableQueue* asking_ = nullptr;   // the table whose operation commits; null once it is gone
   std::size_t size_ = 0;
   std::uint64_t nextArrival_ = 1;
   mutable std::uint64_t genId_ = 1;
-  std::uint64_t passGenId_ = 0;  // the generation at which the last pass found nothing more to do
+  std::uint64_t passGenId_ = 0;  // the generation in which every front has answered no
   bool inPass_ = false;
   bool awake_ = false;
   std::function<void()> wakeUp_;
