@@ -9,10 +9,16 @@ names=$("$nm" -DC --defined-only "$library" | sed -E 's/^[0-9a-f]* +[A-Za-z] //'
 prefix='((construction )?vtable for |VTT for |typeinfo (name )?for |guard variable for '
 prefix+='|(non-)?virtual thunk to )?'
 # The allocation tracker of a class is the one thing of another namespace that has to be shared.
-own="^$prefix(KelpEmServer::|PoolSlab::Slabbed<KelpEmServer::)|^_[A-Za-z0-9]+_[0-9a-f]+_brioModule$"
+own="^$prefix(KelpEmServer::|PoolSlab::Slabbed<)|^_[A-Za-z0-9]+_[0-9a-f]+_brioModule$"
 failed=0
 if foreign=$(grep -Ev "$own" <<<"$names"); then
   printf 'shown, but not of namespace KelpEmServer; exports.map lets it through:\n%s\n' "$foreign"
+  failed=1
+fi
+
+# A tracker that stays inside would count what others never see, and miss what they count.
+if hidden=$("$nm" -C --defined-only "$library" | grep -E ' [a-tv-z] PoolSlab::Slabbed<.*Tracker_$'); then
+  printf 'counted apart from the rest of the process:\n%s\n' "$hidden"
   failed=1
 fi
 

@@ -1,12 +1,17 @@
 #include <cstdio>
 
-#include "Brio/TraceHandle.h"
-#include "Lumen/Node.h"
-#include "Lumen/Ptr.h"
+#include "KelpEmServer/Isem1TagKelpInterface.h"
 
+// The shortest agent: one table on one chip unit, in private memory, with one entry in flight.
 int main() {
-  const auto node = Lumen::makeNode<Lumen::Node>();
-  const Brio::TraceHandle trace("Consumer", false);
-  std::printf("%s, trace handle %s\n", node->refCount() == 1 ? "one node" : "no node",
-              trace.name().c_str());
+  const auto agent = Lumen::makeNode<Asic::OrderedTableInterface>(
+      Lumen::makeNode<Vault::EntityManager>("Consumer", true));
+  const auto interface = KelpEmServer::Isem1TagKelpInterface::getIntf(agent);
+  const auto table = interface->makeSwTable(Asic::UnitId{0}, nullptr, false);
+
+  KelpTunnelNiLib::Isem1TagEntry entry;
+  entry.logEntry.key = {1, 100};
+  entry.logEntry.inLif0Index = 7;
+  const auto handle = table->entryWrite(entry.logEntry.key, entry, nullptr);
+  std::printf("index %u\n", table->entryRead(entry.logEntry.key).logEntry.inLif0Index);
 }
