@@ -17,6 +17,7 @@ _FLOORS = (
     ("platform/", 1),
     ("OrderedTable/", 2),
     ("KelpEmServer/", 3),
+    ("common/", 4),
     ("agent/", 4),
     ("chip/", 4),
     ("kelp/", 4),
@@ -57,6 +58,9 @@ class IncludeGraph:
         return self._stamped.get(name) or self._tree.root / name
 
     def text(self, name):
+        """The file's text; nothing for a header that is not stamped yet."""
+        if name not in self._known:
+            return ""
         if name in self._stamped:
             return self._stamped[name].read_text()
         return self._tree.text(name) or ""
