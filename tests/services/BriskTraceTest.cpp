@@ -359,24 +359,33 @@ TEST_F(BriskTraces, GoOnWithoutADescriptorThatFindsNoRoom) {
 
 TEST_F(BriskTraces, ComeFromManyThreadsThroughAMultiThreadedHandle) {
   constexpr unsigned kThreads = 4;
+  constexpr unsigned kSites = 100;
   constexpr unsigned kMessages = 2000;
   const Default trace(path(), {16384, 2, true});
   EXPECT_TRUE(BriskTrace::defaultBriskTraceHandle->multiThreaded());
+  std::vector<BriskTrace::Site> sites(kSites);
+  std::atomic<unsigned> waiting{kThreads};
   std::vector<std::thread> threads;
   for (unsigned id = 0; id < kThreads; ++id) {
-    threads.emplace_back([id] {
-      static BriskTrace::Site site;
+    threads.emplace_back([id, &sites, &waiting] {
+      --waiting;
+      while (waiting != 0) {
+        std::this_thread::yield();
+      }
+      // All threads meet every site for the first time together.
       for (unsigned i = 0; i < kMessages; ++i) {
-        BriskTrace::report(site, "Class", "function", "{} {}", id, i);
+        BriskTrace::report(sites[i * kSites / kMessages], "Class", "function", "{} {}", id, i);
       }
     });
   }
   for (std::thread& thread : threads) {
     thread.join();
   }
-  EXPECT_EQ(BriskTrace::defaultBriskTraceHandle->mtTraceFile().descriptors(), 1U);
+  EXPECT_EQ(BriskTrace::defaultBriskTraceHandle->mtTraceFile().descriptors(), kSites);
   std::vector<std::uint64_t> next(kThreads, 0);
-  const auto messages = Reader(path()).newMessages();
+  Reader reader(path());
+  const auto messages = reader.newMessages();
+  EXPECT_EQ(reader.descriptors(), kSites);
   ASSERT_EQ(messages.size(), std::size_t{kThreads} * kMessages);
   for (const Message& message : messages) {
     ASSERT_EQ(message.arguments.size(), 2U);

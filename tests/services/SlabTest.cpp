@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -156,10 +157,15 @@ TEST(SlabThreads, KeepTheListsOfAProcessThatTurnedThreadsOnLate) {
   const bool before = Lumen::ThreadControl::threaded();
   Lumen::ThreadControl::threadedIs(true);
   constexpr int kThreads = 4;
-  constexpr int kRounds = 20000;
+  constexpr int kRounds = 200000;
+  std::atomic<int> waiting{kThreads};
   std::vector<std::thread> threads;
   for (int id = 0; id < kThreads; ++id) {
-    threads.emplace_back([id] {
+    threads.emplace_back([id, &waiting] {
+      --waiting;
+      while (waiting != 0) {
+        std::this_thread::yield();
+      }
       std::vector<std::uint64_t*> mine;
       for (int round = 0; round < kRounds; ++round) {
         auto* memory = static_cast<std::uint64_t*>(slabAllocOrStdMalloc(80));
