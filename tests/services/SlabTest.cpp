@@ -157,7 +157,7 @@ TEST(SlabThreads, KeepTheListsOfAProcessThatTurnedThreadsOnLate) {
   const bool before = Lumen::ThreadControl::threaded();
   Lumen::ThreadControl::threadedIs(true);
   constexpr int kThreads = 4;
-  constexpr int kRounds = 200000;
+  constexpr int kRounds = 1000000;
   std::atomic<int> waiting{kThreads};
   std::vector<std::thread> threads;
   for (int id = 0; id < kThreads; ++id) {
