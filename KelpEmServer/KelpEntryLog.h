@@ -1,12 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "Asic/EntryLogBase.h"
 #include "Asic/NeededEntry.h"
 #include "Asic/SwTableStats.h"
 #include "Brio/Attributes.h"
 #include "Brio/HashMap2018.h"
+#include "BrioQuilt/MountInfo.h"
 #include "KelpEmServer/Forward.h"
 #include "KelpEmServer/KelpConstants.h"
 #include "KelpEmServer/TypeModule.h"
@@ -143,12 +145,17 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
 
  private:
   void handleInitialized();
+  static void declareConfig(BrioQuilt::MountInfo& info);
   [[nodiscard]] ConfigQuilt* unitQuilt(Asic::UnitId unitId) const;
   // The version of the identical record that makes a write needless; 0 if it has to go ahead.
   [[nodiscard]] Asic::LogVersion identicalVersion(ConfigQuilt& configQuilt,
                                                   const LogEntry& logEntry,
                                                   const ResourceKeys& rsrcKeys,
                                                   Asic::SwTableStats& stats) const;
+  // Takes a change that a dying process cut off to its end. See KelpEntryLogRecovery.h.
+  void finishCutOffChange();
+  [[nodiscard]] std::vector<Asic::LogVersion> completeChange(Asic::LogVersion announced);
+  [[nodiscard]] Lumen::Ptr<Asic::NeededEntry> everythingPublished() const;
   // The last three steps of every change.
   void finishChange(const LogRecord& record,
                     const Lumen::Ptr<const Asic::NeededEntry>& neededEntry);

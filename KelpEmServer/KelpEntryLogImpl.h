@@ -66,10 +66,16 @@ void KelpEntryLog<T>::mountQuiltChangeLog() {
       [](Lumen::Ptr<EntryLogQuilt>& quilt) { return quilt->collectionControl(); },
       [] { reportWiped<T>("entryLog"); });
   this->changeLogControlIs(tableEntryLog_->collectionControl());
-  this->tableVersionIs(Asic::LogVersion{this->changeLogControl()->scratchpad()});
   this->groupInterface()->entryLogMounted(this->tableId(), this->changeLogControl());
+  finishCutOffChange();
+  this->tableVersionIs(Asic::LogVersion{this->changeLogControl()->scratchpad()});
   LUMEN_TRACE(entryLogTraceHandle<T>(), 2, className(), " Mounted entryLog: {}, tableVersion: {}",
               path, this->tableVersion());
+}
+
+template <TableSpec T>
+void KelpEntryLog<T>::declareConfig(BrioQuilt::MountInfo& info) {
+  info.collectionInfoIs(BrioQuilt::CollectionInfo("swTableEntries", kConfigCapacity, false));
 }
 
 template <TableSpec T>
@@ -80,9 +86,7 @@ void KelpEntryLog<T>::mountQuiltConfig(Asic::UnitId unitId, Asic::LogVersion log
   const Lumen::Ptr<ConfigQuilt> cfgQuilt = checkAndwriteMountQuilt<ConfigQuilt>(
       this->entityManager(), kTextOfTable<T, "KelpTunnelNiLib::", "ConfigQuilt">.c_str(), path,
       this->agentName(),
-      [](BrioQuilt::MountInfo& info) {
-        info.collectionInfoIs(BrioQuilt::CollectionInfo("swTableEntries", kConfigCapacity, false));
-      },
+      [](BrioQuilt::MountInfo& info) { declareConfig(info); },
       [](Lumen::Ptr<ConfigQuilt>& quilt) { return quilt->collectionControl(); },
       [] { reportWiped<T>("entryCfg"); });
   Lumen::assertThat(cfgQuilt != nullptr, "cfgQuilt");

@@ -18,6 +18,20 @@ namespace KelpEmServer {
   return "hardware/tinsel/agent/relaunch/config/" + agentName;
 }
 
+// Mounts a collection of the manager for writing, or finds it mounted. Null if the entity is not a T.
+// Throws BrioSharedMem::StoreError if it can't be mounted.
+template <class T>
+[[nodiscard]] Lumen::Ptr<T> mountQuilt(
+    const Lumen::Ptr<BrioSharedMem::EntityManager>& manager, const Lumen::String& typeName,
+    const Lumen::String& path, const std::function<void(BrioQuilt::MountInfo&)>& mountInfoFiller) {
+  const auto mountGroup = manager->getMountGroup();
+  BrioQuilt::MountInfo mountInfo(BrioQuilt::BrioQuiltType::collection);
+  mountInfoFiller(mountInfo);
+  (void)mountGroup->mount(path, typeName, mountInfo);
+  mountGroup->doClose();
+  return Lumen::dynamicPtrCast<T>(manager->getEntity(path));
+}
+
 // Mounts a collection for writing. `mountInfoFiller` declares it, `controlGetter` yields the
 // control block of the mounted entity. A collection whose former content was lost is reported
 // through `wipedHandler`, and raises the agent's relaunch generation by one. Null if the entity is
@@ -29,13 +43,8 @@ template <class T>
     const std::function<void(BrioQuilt::MountInfo&)>& mountInfoFiller,
     const std::function<Lumen::Ptr<BrioQuilt::CollectionControl>(Lumen::Ptr<T>&)>& controlGetter,
     const std::function<void()>& wipedHandler) {
-  const auto manager = Asic::writableSharedMemory(*entityManager);
-  const auto mountGroup = manager->getMountGroup();
-  BrioQuilt::MountInfo mountInfo(BrioQuilt::BrioQuiltType::collection);
-  mountInfoFiller(mountInfo);
-  (void)mountGroup->mount(path, typeName, mountInfo);
-  mountGroup->doClose();
-  Lumen::Ptr<T> quilt = Lumen::dynamicPtrCast<T>(manager->getEntity(path));
+  Lumen::Ptr<T> quilt = mountQuilt<T>(Asic::writableSharedMemory(*entityManager), typeName, path,
+                                      mountInfoFiller);
   if (!quilt) {
     return quilt;
   }

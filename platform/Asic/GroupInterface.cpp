@@ -118,7 +118,8 @@ void GroupInterface::storeNeeded(TableLog& log, LogVersion version, const Needed
   NeededQuiltEntry record;
   record.version = version;
   for (const TableVersion& one : needed.versions()) {
-    if (one.tableId == log.tableId || one.version.value == 0 || tableLog(one.tableId) == nullptr) {
+    const bool reported = one.tableId.agentAndGroupId() == agentAndGroupId_;
+    if (one.tableId == log.tableId || one.version.value == 0 || !reported) {
       continue;
     }
     Lumen::assertThat(record.count < NeededQuiltEntry::kMost, "record.count < kMost");

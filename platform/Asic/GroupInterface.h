@@ -58,8 +58,8 @@ class GroupInterface final : public Lumen::Node {
 
   // The table has a change at `version`, which must wait for `needed` (null: for nothing). From
   // here on the hardware side may see it: the dependencies are stored first, then the table's
-  // published version. Dependencies on the table itself are met by order, those on tables that the
-  // hardware side does not report can't be waited for; neither is stored.
+  // published version. Dependencies on the table itself are met by order, those on tables of
+  // other groups, which the hardware side does not report, can't be waited for; neither is stored.
   void addLogEntry(SwTableId tableId, LogVersion version,
                    const Lumen::Ptr<const NeededEntry>& needed);
 
