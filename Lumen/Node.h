@@ -30,14 +30,14 @@ class Node {
   [[nodiscard]] virtual Publisher* publisher() const;
   [[nodiscard]] virtual const TypeData& typeData() const;
 
-  void refInc() const noexcept {
+  [[gnu::always_inline]] void refInc() const noexcept {
     if (ThreadControl::threaded()) [[unlikely]] {
       word_.fetch_add(1, std::memory_order_relaxed);
     } else {
       word_.store(word_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
   }
-  void refDec() const noexcept {
+  [[gnu::always_inline]] void refDec() const noexcept {
     std::uint32_t after;
     if (ThreadControl::threaded()) [[unlikely]] {
       after = word_.fetch_sub(1, std::memory_order_acq_rel) - 1;

@@ -21,6 +21,9 @@ endif()
 # kelp_test(NAME LIBRARIES... ): every *.cpp of the current folder as one GoogleTest program.
 function(kelp_test name)
   file(GLOB sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cpp")
+  if(NOT sources)
+    return()
+  endif()
   add_executable(${name} ${sources})
   target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}/tests/support")
   # The tests themselves need no speed, and there are many instantiations to compile.

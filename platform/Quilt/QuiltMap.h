@@ -184,10 +184,11 @@ bool QuiltMap<Record>::hasRoomFor(const Key& key) {
   this->assertWritable();
   const Words wanted = Words::of(key);
   const std::uint32_t bucket = chains_.bucketOf(wanted);
-  if (chains_.headsUsed(bucket) && locate(bucket, wanted).equal) {
-    return slotsReady(1);
+  // Where a new key would have room, a present one has, too; only a full collection needs a search.
+  if (placeForNewKey() && slotsReady(2) && headsReady(bucket)) [[likely]] {
+    return true;
   }
-  return placeForNewKey() && slotsReady(2) && headsReady(bucket);
+  return chains_.headsUsed(bucket) && locate(bucket, wanted).equal && slotsReady(1);
 }
 
 // ---- changing
