@@ -26,10 +26,12 @@ concept ComparesItself = requires(const Key& key) {
 
 template <class Key>
 concept HashMap2018Key =
-    std::copy_constructible<Key> && std::three_way_comparable<Key, std::weak_ordering> &&
+    std::copy_constructible<Key> && (ComparesItself<Key> || std::equality_comparable<Key>) &&
     (HashesItself<Key> || std::same_as<Key, Lumen::String> || requires(const Key& key) {
       hashSingleAttr(0, key);
-    });
+    }) && requires(const Key& a, const Key& b) {
+      { (a <=> b) < 0 } -> std::convertible_to<bool>;
+    };
 
 namespace HashHelper {
 

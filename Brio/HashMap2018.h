@@ -69,26 +69,17 @@ class HashMap2018 {
     const std::uint32_t hash = keyAndHash.hash;
     HashMap2018DirectoryEntry& in = generic_.entryWithRoom(&vtable(), hash);
     HashMap2018BucketHdr& bucket = *in.bucket;
-    unsigned slot = bucket.used();
+    const unsigned slot = bucket.used();
     if (slot >= HashMap2018DirectoryEntry::kTags) [[unlikely]] {
       return static_cast<Node&>(
           *generic_.newMemberG(&vtable(), keyAndHash, Node(std::forward<Args>(args)...)));
     }
-    Node* slots = nodes(&bucket);
-    for (; slot != 0 && bucket.hash(slot - 1) >= hash; --slot) {
-      if (bucket.hash(slot - 1) == hash &&
-          Impl::compareOrLruUnlink(keyAndHash.key, nullptr, &slots[slot - 1]) != 1) [[unlikely]] {
-        break;
-      }
-      bucket.hashIs(slot, bucket.hash(slot - 1));
-      Impl::relocate(&slots[slot], &slots[slot - 1]);
-    }
-    ::new (static_cast<void*>(&slots[slot])) Node(std::forward<Args>(args)...);
+    Node* made = ::new (static_cast<void*>(nodes(&bucket) + slot)) Node(std::forward<Args>(args)...);
     bucket.hashIs(slot, hash);
-    bucket.usedIs(bucket.used() + 1);
-    in.tagInsert(slot, hash);
+    bucket.usedIs(slot + 1);
+    in.tagAppend(slot, hash);
     generic_.countInsert();
-    return slots[slot];
+    return *made;
   }
 
   // True if the key was there. The removed node is moved to *out if `out` is not null. Both the node
@@ -176,12 +167,12 @@ class HashMap2018 {
       return;
     }
     std::destroy_at(node);
-    for (unsigned i = slot; i < left; ++i) {
-      bucket.hashIs(i, bucket.hash(i + 1));
-      Impl::relocate(&slots[i], &slots[i + 1]);
+    if (slot != left) {
+      Impl::relocate(node, &slots[left]);
+      bucket.hashIs(slot, bucket.hash(left));
     }
     bucket.usedIs(left);
-    in.tagErase(slot);
+    in.tagReplace(slot, left);
     generic_.countErase(&vtable());
   }
 

@@ -24,6 +24,8 @@ class alignas(8) HashMap2018BucketHdr {
  public:
   // The width of the capacity and of the used count.
   static constexpr unsigned kCapacityMax = (1U << 14) - 1;
+  // There is room for a multiple of so many hashes.
+  static constexpr unsigned kHashGroup = 4;
 
   explicit HashMap2018BucketHdr(unsigned capacity) noexcept
       : word_(capacity << kCapacityShift) {}
@@ -40,11 +42,6 @@ class alignas(8) HashMap2018BucketHdr {
 
   // No reference but the collection's, and a slot to spare.
   [[nodiscard]] bool takesOneMore() const noexcept { return used() < capacity() && !shared(); }
-  // A slot behind `slot` is in use, in a bucket that its collection still has.
-  [[nodiscard]] bool goesOnBehind(unsigned slot) const noexcept {
-    return slot + 1 < used() && !detached();
-  }
-
   // The collection has replaced or dropped the bucket.
   [[nodiscard]] bool detached() const noexcept { return (word_ & kDetached) != 0; }
   void detach() noexcept { word_ |= kDetached; }
@@ -63,6 +60,11 @@ class alignas(8) HashMap2018BucketHdr {
   // Stored hashes of the `count` slots from `slot` on, in memory order: the last slot's first.
   [[nodiscard]] std::uint32_t* hashRange(unsigned slot, unsigned count) noexcept {
     return reinterpret_cast<std::uint32_t*>(this) - slot - count;
+  }
+
+  // The four hashes from `slot` on, the highest slot's first. A group that begins in use can be read whole.
+  [[nodiscard]] const std::uint32_t* hashGroup(unsigned slot) const noexcept {
+    return reinterpret_cast<const std::uint32_t*>(this) - slot - kHashGroup;
   }
 
   [[nodiscard]] char* slots() noexcept { return reinterpret_cast<char*>(this + 1); }
@@ -100,8 +102,9 @@ static_assert(sizeof(HashMap2018BucketHdr) == 8);
 
 constexpr std::size_t HashMap2018BucketHdr::slotsOffset(unsigned capacity,
                                                         std::size_t alignment) noexcept {
+  const std::size_t hashes = (capacity + kHashGroup - 1) / kHashGroup * kHashGroup;
   const std::size_t step = alignment < 8 ? 8 : alignment;
-  return (capacity * sizeof(std::uint32_t) + sizeof(HashMap2018BucketHdr) + step - 1) / step * step;
+  return (hashes * sizeof(std::uint32_t) + sizeof(HashMap2018BucketHdr) + step - 1) / step * step;
 }
 
 }  // namespace Brio

@@ -45,24 +45,15 @@ struct HashMap2018DirectoryEntry {
 #endif
   }
 
-  // A member has come into `slot`; those from there on have moved up.
-  void tagInsert(unsigned slot, std::uint32_t hash) noexcept {
-    if (slot < kTags) {
-      const Tags all = load();
-      const Tags before = (Tags{1} << 8 * slot) - 1;
-      store((all & before) | static_cast<Tags>(tagOf(hash)) << 8 * slot | (all & ~before) << 8);
-    }
+  // A member has come into `slot`, the first that was not in use.
+  void tagAppend(unsigned slot, std::uint32_t hash) noexcept {
+    store(load() | static_cast<Tags>(tagOf(hash)) << 8 * slot);
   }
-  // The member in `slot` has gone from the bucket; those behind it have moved down.
-  void tagErase(unsigned slot) noexcept {
-    if (slot < kTags) {
-      const Tags all = load();
-      const Tags before = (Tags{1} << 8 * slot) - 1;
-      store((all & before) | (all >> 8 & ~before));
-      if (bucket->used() >= kTags) [[unlikely]] {
-        tags[kTags - 1] = tagOf(bucket->hash(kTags - 1));
-      }
-    }
+  // The member in `slot` has gone, and the one in `last`, the last in use, has taken its place.
+  void tagReplace(unsigned slot, unsigned last) noexcept {
+    const Tags all = load();
+    const Tags moved = (all >> 8 * last ^ all >> 8 * slot) & 0xff;
+    store((all ^ moved << 8 * slot) & ((Tags{1} << 8 * last) - 1));
   }
   void bucketIs(HashMap2018BucketHdr* to) noexcept {
     bucket = to;
@@ -70,18 +61,6 @@ struct HashMap2018DirectoryEntry {
     for (unsigned i = 0; i < kTags; ++i) {
       tags[i] = i < used ? tagOf(to->hash(i)) : std::uint8_t{0};
     }
-  }
-  // Leads to `to`, which has got the slots of the entry `from` from `first` on.
-  void bucketIs(HashMap2018BucketHdr* to, const HashMap2018DirectoryEntry& from,
-                unsigned first) noexcept {
-    const unsigned used = to->used();
-    if (first + used > kTags) [[unlikely]] {
-      bucketIs(to);
-      return;
-    }
-    bucket = to;
-    const Tags kept = used == kTags ? ~Tags{0} : (Tags{1} << 8 * used) - 1;
-    store(from.load() >> 8 * first & kept);
   }
 
  private:

@@ -20,8 +20,10 @@ namespace {
 constexpr unsigned kLog2ForOneBucket = 20;
 // How far ahead a pass over the directory asks for buckets.
 constexpr std::size_t kEntriesAhead = 4;
-// A bucket up to here is searched hash by hash, without branches.
-constexpr unsigned kLinearSearch = 24;
+
+std::size_t indexOf(std::uint32_t hash, unsigned log2) noexcept {
+  return static_cast<std::size_t>(static_cast<std::uint64_t>(hash) >> (32 - log2));
+}
 
 unsigned capacityFor(const HashMap2018VTable* vtable, unsigned used) noexcept {
   return HashMap2018Sizing::capacityFor(vtable->nodeSize(), used);
@@ -84,34 +86,48 @@ HashMap2018LinkNodeBase* HashMap2018Generic::lookupBeyondTags(
 unsigned HashMap2018Generic::lowerBound(const HashMap2018VTable* vtable,
                                         const HashMap2018BucketHdr* bucket, std::uint32_t hash,
                                         const void* key, const HashMap2018LinkNodeBase* node) {
-  const unsigned used = bucket->used();
-  unsigned first = 0;
-  unsigned end = 0;  // of the slots with this very hash
-  if (used <= kLinearSearch) {
-    for (unsigned i = 0; i < used; ++i) {
-      first += bucket->hash(i) < hash;
+  const auto slotsUpTo = [&](auto before) {
+    unsigned low = 0;
+    for (unsigned high = bucket->used(); low < high;) {
+      const unsigned middle = (low + high) / 2;
+      before(bucket->hash(middle)) ? low = middle + 1 : high = middle;
     }
-    for (end = first; end < used && bucket->hash(end) == hash;) {
-      ++end;
-    }
-  } else {
-    const auto slotsUpTo = [&](auto before) {
-      unsigned low = 0;
-      for (unsigned high = used; low < high;) {
-        const unsigned middle = (low + high) / 2;
-        before(bucket->hash(middle)) ? low = middle + 1 : high = middle;
-      }
-      return low;
-    };
-    first = slotsUpTo([hash](std::uint32_t other) { return other < hash; });
-    end = slotsUpTo([hash](std::uint32_t other) { return other <= hash; });
-  }
+    return low;
+  };
+  // Between them, the slots with this very hash.
+  unsigned first = slotsUpTo([hash](std::uint32_t other) { return other < hash; });
+  unsigned end = slotsUpTo([hash](std::uint32_t other) { return other <= hash; });
   while (first < end) {
     const unsigned middle = (first + end) / 2;
     const auto* there = bucket->node(middle, vtable->nodeSize());
     vtable->compareOrLruUnlink(key, node, there) == 2 ? first = middle + 1 : end = middle;
   }
   return first;
+}
+
+std::uint64_t HashMap2018Generic::slotOrderByKeys(const HashMap2018VTable* vtable,
+                                                  const HashMap2018BucketHdr* bucket) {
+  const unsigned used = bucket->used();
+  unsigned char slots[Entry::kTags];
+  for (unsigned slot = 0; slot < used; ++slot) {
+    const auto* node = bucket->node(slot, vtable->nodeSize());
+    unsigned place = slot;
+    for (; place != 0; --place) {
+      const unsigned other = slots[place - 1];
+      if (bucket->hash(other) < bucket->hash(slot) ||
+          (bucket->hash(other) == bucket->hash(slot) &&
+           vtable->compareOrLruUnlink(nullptr, node, bucket->node(other, vtable->nodeSize())) != 1)) {
+        break;
+      }
+      slots[place] = slots[place - 1];
+    }
+    slots[place] = static_cast<unsigned char>(slot);
+  }
+  std::uint64_t order = 0;
+  for (unsigned i = 0; i < used; ++i) {
+    order |= static_cast<std::uint64_t>(slots[i]) << 4 * i;
+  }
+  return order;
 }
 
 HashMap2018LinkNodeBase* HashMap2018Generic::newMemberG(const HashMap2018VTable* vtable,
@@ -121,14 +137,28 @@ HashMap2018LinkNodeBase* HashMap2018Generic::newMemberG(const HashMap2018VTable*
   Entry& in = entryWithRoom(vtable, hash);
   HashMap2018BucketHdr* bucket = in.bucket;
   const unsigned used = bucket->used();
+  countInsert();
+  if (used < Entry::kTags) {
+    vtable->place(vtable, bucket->node(used, vtable->nodeSize()), &node, MoveOrCopy::move);
+    bucket->hashIs(used, hash);
+    bucket->usedIs(used + 1);
+    in.tagAppend(used, hash);
+    return bucket->node(used, vtable->nodeSize());
+  }
+  if (used == Entry::kTags) {
+    Piece pieces[kPiecesMax];
+    const unsigned numPieces = piecesInOrder(vtable, bucket, pieces);
+    in.bucket = assemble(vtable, capacityFor(vtable, used + 1), pieces, numPieces);
+    release(vtable, bucket);
+    bucket = in.bucket;
+  }
   const unsigned slot = lowerBound(vtable, bucket, hash, keyAndHash.key, nullptr);
   std::memmove(bucket->hashRange(slot + 1, used - slot), bucket->hashRange(slot, used - slot),
                (used - slot) * sizeof(std::uint32_t));
   bucket->hashIs(slot, hash);
   vtable->shift(vtable, bucket->node(0, 0), &node, slot, used, 1);
   bucket->usedIs(used + 1);
-  in.tagInsert(slot, hash);
-  countInsert();
+  in.bucketIs(bucket);
   return bucket->node(slot, vtable->nodeSize());
 }
 
@@ -171,8 +201,7 @@ void HashMap2018Generic::memberErase(const HashMap2018VTable* vtable, std::uint3
   if (bucket->shared() ||
       HashMap2018Sizing::wasteful(vtable->nodeSize(), bucket->capacity(), left)) {
     const Piece pieces[] = {{bucket, 0, slot}, {bucket, slot + 1, left - slot}};
-    in.bucket = assemble(vtable, capacityFor(vtable, left), pieces, 2);
-    in.tagErase(slot);
+    in.bucketIs(assemble(vtable, capacityFor(vtable, left), pieces, 2));
     release(vtable, bucket);
   } else {
     const unsigned behind = left - slot;
@@ -180,7 +209,7 @@ void HashMap2018Generic::memberErase(const HashMap2018VTable* vtable, std::uint3
                  behind * sizeof(std::uint32_t));
     vtable->shift(vtable, bucket->node(0, 0), nullptr, slot + 1, left + 1, -1);
     bucket->usedIs(left);
-    in.tagErase(slot);
+    in.bucketIs(bucket);
   }
   countErase(vtable);
 }
@@ -317,9 +346,6 @@ void HashMap2018Generic::directoryLog2Is(const HashMap2018VTable* vtable, unsign
 
 // Fills the larger, empty directory `to` from the present one.
 void HashMap2018Generic::split(const HashMap2018VTable* vtable, Entry* to, unsigned log2) {
-  const auto indexOf = [log2](std::uint32_t hash) {
-    return static_cast<std::size_t>(static_cast<std::uint64_t>(hash) >> (32 - log2));
-  };
   for (std::size_t i = 0; i < directorySize(); ++i) {
     if (i + kEntriesAhead < directorySize()) {
       __builtin_prefetch(directory_[i + kEntriesAhead].bucket);
@@ -328,24 +354,57 @@ void HashMap2018Generic::split(const HashMap2018VTable* vtable, Entry* to, unsig
     if (bucket == nullptr) {
       continue;
     }
-    const unsigned used = bucket->used();
-    if (indexOf(bucket->hash(0)) == indexOf(bucket->hash(used - 1))) {
-      to[indexOf(bucket->hash(0))] = directory_[i];
+    if (ordered(bucket)) {
+      splitOrdered(vtable, bucket, to, log2);
       continue;
     }
-    for (unsigned first = 0; first < used;) {
-      const std::size_t index = indexOf(bucket->hash(first));
-      unsigned end = first + 1;
-      while (end < used && indexOf(bucket->hash(end)) == index) {
-        ++end;
+    const unsigned used = bucket->used();
+    const unsigned all = (1U << used) - 1;
+    for (unsigned left = all; left != 0;) {
+      // All slots that go where the first one goes.
+      const std::size_t index = indexOf(bucket->hash(std::countr_zero(left)), log2);
+      unsigned together = 0;
+      for (unsigned slot = 0; slot < used; ++slot) {
+        together |= static_cast<unsigned>(indexOf(bucket->hash(slot), log2) == index) << slot;
       }
-      const Piece pieces[] = {{bucket, first, end - first}};
-      to[index].bucketIs(assemble(vtable, capacityFor(vtable, end - first), pieces, 1), directory_[i],
-                         first);
-      first = end;
+      if (together == all) {
+        to[index] = directory_[i];
+        bucket = nullptr;
+        break;
+      }
+      left &= ~together;
+      Piece pieces[Entry::kTags];
+      unsigned numPieces = 0;
+      for (; together != 0; together &= together - 1) {
+        pieces[numPieces++] = {bucket, static_cast<unsigned>(std::countr_zero(together)), 1};
+      }
+      to[index].bucketIs(assemble(vtable, capacityFor(vtable, numPieces), pieces, numPieces));
     }
-    release(vtable, bucket);
+    if (bucket != nullptr) {
+      release(vtable, bucket);
+    }
   }
+}
+
+void HashMap2018Generic::splitOrdered(const HashMap2018VTable* vtable, HashMap2018BucketHdr* bucket,
+                                      Entry* to, unsigned log2) {
+  const unsigned used = bucket->used();
+  if (const std::size_t index = indexOf(bucket->hash(0), log2);
+      index == indexOf(bucket->hash(used - 1), log2)) {
+    to[index].bucketIs(bucket);
+    return;
+  }
+  for (unsigned first = 0; first < used;) {
+    const std::size_t index = indexOf(bucket->hash(first), log2);
+    unsigned end = first + 1;
+    while (end < used && indexOf(bucket->hash(end), log2) == index) {
+      ++end;
+    }
+    const Piece pieces[] = {{bucket, first, end - first}};
+    to[index].bucketIs(assemble(vtable, capacityFor(vtable, end - first), pieces, 1));
+    first = end;
+  }
+  release(vtable, bucket);
 }
 
 // Fills the directory `to`, of half the size and empty, from the present one.
@@ -357,12 +416,29 @@ void HashMap2018Generic::merge(const HashMap2018VTable* vtable, Entry* to, unsig
       to[i] = low.bucket == nullptr ? high : low;
       continue;
     }
-    const Piece pieces[] = {{low.bucket, 0, low.bucket->used()}, {high.bucket, 0, high.bucket->used()}};
+    // All of the low one's hashes are below those of the high one.
+    Piece pieces[kPiecesMax];
+    unsigned numPieces = piecesInOrder(vtable, low.bucket, pieces);
+    numPieces += piecesInOrder(vtable, high.bucket, pieces + numPieces);
     const unsigned used = low.bucket->used() + high.bucket->used();
-    to[i].bucketIs(assemble(vtable, capacityFor(vtable, used), pieces, 2));
+    to[i].bucketIs(assemble(vtable, capacityFor(vtable, used), pieces, numPieces));
     release(vtable, low.bucket);
     release(vtable, high.bucket);
   }
+}
+
+// Writes the slots of `bucket` to `pieces`, in order; at most one for each tag. Yields how many.
+unsigned HashMap2018Generic::piecesInOrder(const HashMap2018VTable* vtable,
+                                           HashMap2018BucketHdr* bucket, Piece* pieces) {
+  if (ordered(bucket)) {
+    pieces[0] = {bucket, 0, bucket->used()};
+    return 1;
+  }
+  std::uint64_t order = slotOrder(vtable, bucket);
+  for (unsigned i = 0; i < bucket->used(); ++i, order >>= 4) {
+    pieces[i] = {bucket, static_cast<unsigned>(order & 0xf), 1};
+  }
+  return bucket->used();
 }
 
 }  // namespace Brio

@@ -14,23 +14,27 @@
 // be scanned, shifted and copied at little cost. Members of equal hashes can't be told apart by any
 // directory: their bucket grows up to the width of its capacity.
 //
-// Order. Slots are ordered by (hash, key); entries are ordered by the top bits of the hash. So the whole
-// collection has one order that no insertion, deletion, growth or shrinking changes.
+// Order. Members have a total order that nothing changes: by hash, and by key where hashes are equal.
+// Directory entries follow it, having the top bits of the hash as index. Inside a bucket it is made up when
+// somebody asks: slots that have a tag are filled and vacated in no order, so that neither costs a search
+// or a shift, and a walk ranks them when it comes to the bucket. A bucket of more slots is kept in order.
 //
 // Invariants:
-//   1. Slots of a bucket ascend by (hash, key), and all their hashes have the entry's index as top bits.
+//   1. All hashes of a bucket have the entry's index as top bits.
 //   2. tag[i] of an entry is tagOf(hash of slot i) for i < min(used, 16), else 0; tagOf is never 0.
 //   3. No bucket is empty: an entry without members has no bucket. (An entryWithRoom() may, until its
 //      caller adds the member.)
 //   4. A bucket with more than one reference is never changed, but replaced by a copy; values of nodes
 //      are the one exception, they belong to the caller. A bucket that the directory does not lead to
 //      any more and that somebody else holds is marked as detached.
+//   5. A bucket of more than 16 used slots ascends by (hash, key).
 //
-// Why iteration survives. An iterator holds a reference on its bucket and a slot in it, and by invariant
-// 4 both stay readable. To advance, it looks whether its bucket is detached. If not, the next slot is
-// next. If so, it looks for the successor of (hash, key) in the present directory, which
-// by the order above is the same whatever was done in between. A member that is there during the whole
-// walk is passed exactly once, and one that comes or goes during it at most once.
+// Why iteration survives. An iterator holds a reference on its bucket and a place in its order, and by
+// invariant 4 both stay readable. To advance, it looks whether its bucket is detached. If not, the next
+// place is next. If so, it looks for the successor of (hash, key) in the present directory, which by the
+// total order is the same whatever was done in between. A member that is there during the whole walk is
+// passed exactly once, and one that comes or goes during it at most once. The same holds for a walk that
+// remembers a key instead of an iterator.
 //
 // Re-entrancy. A node's destructor may call back into the collection. The engine destroys nodes of the
 // caller's only as the last step of an operation, when the collection is whole again.
@@ -40,6 +44,7 @@
 
 #include "Brio/HashKey.h"
 #include "Brio/HashMap2018Directory.h"
+#include "Brio/HashMap2018SlotOrder.h"
 #include "Brio/HashMap2018VTable.h"
 #include "Brio/TypeSafeIndex.h"
 
@@ -92,15 +97,29 @@ class HashMap2018Generic {
   [[nodiscard]] const HashMap2018DirectoryEntry& entryAt(std::size_t index) const noexcept {
     return directory_[index];
   }
-  // The node of the key among the slots of `bucket` that have no tag; null if absent.
+  // The node of the key in a bucket that reaches beyond the tags, where the tags have found nothing.
   [[nodiscard]] static HashMap2018LinkNodeBase* lookupBeyondTags(
       const HashMap2018VTable* vtable, HashMap2018BucketHdr* bucket,
       HashHelper::KeyAndRhashSeedArg keyAndHash);
-  // First slot of `bucket` that is not before (hash, key); the key is that of `node`, or `key` if
-  // `node` is null.
+  // First slot of an ordered bucket that is not before (hash, key); the key is that of `node`, or `key`
+  // if `node` is null.
   [[nodiscard]] static unsigned lowerBound(const HashMap2018VTable* vtable,
                                            const HashMap2018BucketHdr* bucket, std::uint32_t hash,
                                            const void* key, const HashMap2018LinkNodeBase* node);
+  // The slots of a bucket that has a tag for each, in the collection's order: four bits for each slot, the
+  // first lowest.
+  [[nodiscard]] static std::uint64_t slotOrder(const HashMap2018VTable* vtable,
+                                               const HashMap2018BucketHdr* bucket) {
+    std::uint64_t order;
+    if (HashMap2018SlotOrder::byHash(bucket, order)) [[likely]] {
+      return order;
+    }
+    return slotOrderByKeys(vtable, bucket);
+  }
+  // Slots of `bucket` are kept in order.
+  [[nodiscard]] static bool ordered(const HashMap2018BucketHdr* bucket) noexcept {
+    return bucket->used() > HashMap2018DirectoryEntry::kTags;
+  }
   // Removes the member in `slot` of the bucket under `hash`. Unless the bucket is shared, the caller has
   // moved the node's contents away.
   void memberErase(const HashMap2018VTable* vtable, std::uint32_t hash, unsigned slot);
@@ -130,19 +149,25 @@ class HashMap2018Generic {
  private:
   using Entry = HashMap2018DirectoryEntry;
   struct Piece;
-  static constexpr unsigned kPiecesMax = 2;
+  static constexpr unsigned kPiecesMax = 2 * Entry::kTags;
 
   [[nodiscard]] unsigned directoryLog2() const noexcept { return 32U - shift_; }
+  [[nodiscard]] static std::uint64_t slotOrderByKeys(const HashMap2018VTable* vtable,
+                                                     const HashMap2018BucketHdr* bucket);
 
   HashMap2018BucketHdr* assemble(const HashMap2018VTable* vtable, unsigned capacity,
                                  const Piece* pieces, unsigned numPieces);
   void release(const HashMap2018VTable* vtable, HashMap2018BucketHdr* bucket) noexcept;
+  [[nodiscard]] static unsigned piecesInOrder(const HashMap2018VTable* vtable,
+                                              HashMap2018BucketHdr* bucket, Piece* pieces);
   Entry& makeRoom(const HashMap2018VTable* vtable, std::uint32_t hash);
   void endOfEpoch(const HashMap2018VTable* vtable);
   void startEpoch(const HashMap2018VTable* vtable) noexcept;
   // Makes the directory larger by any factor, or half as large; any size if there is no member.
   void directoryLog2Is(const HashMap2018VTable* vtable, unsigned log2);
   void split(const HashMap2018VTable* vtable, Entry* to, unsigned log2);
+  void splitOrdered(const HashMap2018VTable* vtable, HashMap2018BucketHdr* bucket, Entry* to,
+                    unsigned log2);
   void merge(const HashMap2018VTable* vtable, Entry* to, unsigned log2);
 
   Entry* directory_;

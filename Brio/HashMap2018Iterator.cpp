@@ -1,5 +1,7 @@
 #include "Brio/HashMap2018Iterator.h"
 
+#include <bit>
+
 namespace Brio {
 
 HashMap2018IteratorGeneric::HashMap2018IteratorGeneric(const HashMap2018Generic& collection,
@@ -19,8 +21,16 @@ HashMap2018IteratorGeneric::HashMap2018IteratorGeneric(const HashMap2018Generic&
     return;
   }
   const HashMap2018BucketHdr* bucket = collection.entry(keyAndHash.hash).bucket;
-  const auto offset = reinterpret_cast<const char*>(node) - bucket->slots();
-  standAt(bucket, static_cast<unsigned>(static_cast<std::size_t>(offset) / vtable->nodeSize()));
+  const auto offset = static_cast<std::size_t>(reinterpret_cast<const char*>(node) - bucket->slots());
+  const auto slot = static_cast<unsigned>(offset / vtable->nodeSize());
+  if (HashMap2018Generic::ordered(bucket)) {
+    standAt(bucket, slot);
+    return;
+  }
+  standAt(bucket, 0);
+  while (slot_ != slot) {
+    advance();
+  }
 }
 
 bool HashMap2018IteratorGeneric::operator==(const HashMap2018IteratorGeneric& other) const {
@@ -45,16 +55,30 @@ const HashMap2018LinkNodeBase* HashMap2018IteratorGeneric::currNodeNonStale() co
     return seen;
   }
   const std::uint32_t hash = bucket_->hash(slot_);
-  const HashMap2018BucketHdr* present = collection_->entry(hash).bucket;
-  if (present == nullptr) {
-    return nullptr;
+  unsigned slot = 0;
+  return findPresent(hash, seen, slot)
+             ? collection_->entry(hash).bucket->node(slot, vtable_->nodeSize())
+             : nullptr;
+}
+
+bool HashMap2018IteratorGeneric::findPresent(std::uint32_t hash, const HashMap2018LinkNodeBase* node,
+                                             unsigned& slot) const {
+  const HashMap2018DirectoryEntry& in = collection_->entry(hash);
+  const auto isNode = [&](unsigned candidate) {
+    slot = candidate;
+    return in.bucket->hash(slot) == hash &&
+           vtable_->compareOrLruUnlink(nullptr, node, in.bucket->node(slot, vtable_->nodeSize())) == 0;
+  };
+  if (in.bucket != nullptr && HashMap2018Generic::ordered(in.bucket)) {
+    const unsigned bound = HashMap2018Generic::lowerBound(vtable_, in.bucket, hash, nullptr, node);
+    return bound < in.bucket->used() && isNode(bound);
   }
-  const unsigned slot = HashMap2018Generic::lowerBound(vtable_, present, hash, nullptr, seen);
-  if (slot == present->used() || present->hash(slot) != hash) {
-    return nullptr;
+  for (unsigned matches = in.matches(hash); matches != 0; matches &= matches - 1) {
+    if (isNode(static_cast<unsigned>(std::countr_zero(matches)))) {
+      return true;
+    }
   }
-  const HashMap2018LinkNodeBase* node = present->node(slot, vtable_->nodeSize());
-  return vtable_->compareOrLruUnlink(nullptr, seen, node) == 0 ? node : nullptr;
+  return false;
 }
 
 void HashMap2018IteratorGeneric::findSuccessor() {
@@ -62,14 +86,28 @@ void HashMap2018IteratorGeneric::findSuccessor() {
   const std::uint32_t hash = bucket_->hash(slot_);
   const std::size_t index = collection_->entryIndex(hash);
   const HashMap2018BucketHdr* present = collection_->entryAt(index).bucket;
+  const auto comesBehind = [&](unsigned slot) {
+    return present->hash(slot) > hash ||
+           (present->hash(slot) == hash &&
+            vtable_->compareOrLruUnlink(nullptr, seen, present->node(slot, vtable_->nodeSize())) == 1);
+  };
   if (present != nullptr) {
-    unsigned slot = HashMap2018Generic::lowerBound(vtable_, present, hash, nullptr, seen);
-    if (slot < present->used() && present->hash(slot) == hash &&
-        vtable_->compareOrLruUnlink(nullptr, seen, present->node(slot, vtable_->nodeSize())) == 0) {
-      ++slot;
+    const unsigned used = present->used();
+    unsigned place = 0;
+    if (HashMap2018Generic::ordered(present)) {
+      place = HashMap2018Generic::lowerBound(vtable_, present, hash, nullptr, seen);
+      if (place < used && !comesBehind(place)) {
+        ++place;
+      }
+    } else {
+      std::uint64_t order = HashMap2018Generic::slotOrder(vtable_, present);
+      while (place < used && !comesBehind(static_cast<unsigned>(order & 0xf))) {
+        ++place;
+        order >>= 4;
+      }
     }
-    if (slot < present->used()) {
-      standAt(present, slot);
+    if (place < used) {
+      standAt(present, place);
       return;
     }
   }

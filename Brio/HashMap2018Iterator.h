@@ -26,7 +26,9 @@ class HashMap2018IteratorGeneric {
       : collection_(other.collection_),
         vtable_(other.vtable_),
         bucket_(other.bucket_),
-        slot_(other.slot_) {
+        order_(other.order_),
+        slot_(other.slot_),
+        behind_(other.behind_) {
     if (bucket_ != nullptr) {
       bucket_->bktHdrRefInc();
     }
@@ -35,12 +37,16 @@ class HashMap2018IteratorGeneric {
       : collection_(other.collection_),
         vtable_(other.vtable_),
         bucket_(std::exchange(other.bucket_, nullptr)),
-        slot_(other.slot_) {}
+        order_(other.order_),
+        slot_(other.slot_),
+        behind_(other.behind_) {}
   HashMap2018IteratorGeneric& operator=(HashMap2018IteratorGeneric other) noexcept {
     std::swap(collection_, other.collection_);
     std::swap(vtable_, other.vtable_);
     std::swap(bucket_, other.bucket_);
+    std::swap(order_, other.order_);
     std::swap(slot_, other.slot_);
+    std::swap(behind_, other.behind_);
     return *this;
   }
   ~HashMap2018IteratorGeneric() {
@@ -57,8 +63,14 @@ class HashMap2018IteratorGeneric {
     if (bucket_ == nullptr) {
       return;
     }
-    if (bucket_->goesOnBehind(slot_)) [[likely]] {
-      ++slot_;
+    if (behind_ != 0 && !bucket_->detached()) [[likely]] {
+      --behind_;
+      if (HashMap2018Generic::ordered(bucket_)) [[unlikely]] {
+        ++slot_;
+      } else {
+        slot_ = static_cast<unsigned>(order_ & 0xf);
+        order_ >>= 4;
+      }
       return;
     }
     const HashMap2018BucketHdr* left = bucket_;
@@ -99,7 +111,7 @@ class HashMap2018IteratorGeneric {
       vtable_->bktHdrRefDec(bucket);
     }
   }
-  // To the first slot of the first bucket from the directory entry `index` on, or to the end.
+  // To the first node of the first bucket from the directory entry `index` on, or to the end.
   void standFrom(std::size_t index) noexcept {
     const std::size_t end = collection_->directorySize();
     for (; index < end; ++index) {
@@ -120,18 +132,30 @@ class HashMap2018IteratorGeneric {
     __builtin_prefetch(
         reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(bucket) + vtable_->nodeSize()));
   }
-  void standAt(const HashMap2018BucketHdr* bucket, unsigned slot) noexcept {
+  // To the place `place` in the order of `bucket`.
+  void standAt(const HashMap2018BucketHdr* bucket, unsigned place) noexcept {
+    bucket->bktHdrRefInc();
     bucket_ = bucket;
-    slot_ = slot;
-    bucket_->bktHdrRefInc();
+    slot_ = place;
+    behind_ = bucket->used() - place - 1;
+    if (!HashMap2018Generic::ordered(bucket)) [[likely]] {
+      order_ = HashMap2018Generic::slotOrder(vtable_, bucket) >> 4 * place;
+      slot_ = static_cast<unsigned>(order_ & 0xf);
+      order_ >>= 4;
+    }
   }
+  // The slot of the present entry for `hash` that has the key of `node`; false if there is none.
+  [[nodiscard]] bool findPresent(std::uint32_t hash, const HashMap2018LinkNodeBase* node,
+                                 unsigned& slot) const;
 
   static constexpr std::size_t kEntriesAhead = 6;
 
   const HashMap2018Generic* collection_ = nullptr;
   const HashMap2018VTable* vtable_ = nullptr;
   const HashMap2018BucketHdr* bucket_ = nullptr;
+  std::uint64_t order_ = 0;  // of the slots behind the current one, if the bucket is not an ordered one
   unsigned slot_ = 0;
+  unsigned behind_ = 0;  // nodes of the bucket behind the current one
 };
 
 }  // namespace Brio
