@@ -1,0 +1,84 @@
+#include "common/AnyTable.h"
+
+#include "KelpEmServer/AllTables.h"
+#include "Lumen/Assert.h"
+
+namespace Common {
+namespace {
+
+template <KelpEmServer::TableSpec T>
+class TableOf final : public AnyTable {
+ public:
+  TableOf(const Lumen::Ptr<Asic::OrderedTableInterface>& agent, Asic::UnitId unit)
+      : AnyTable(tableNumber<T>(), unit),
+        swTable_(
+            KelpEmServer::KelpInterface<T>::getIntf(agent)->makeSwTable(unit, nullptr, false)) {}
+
+  Handle write(const AnyEntry& entry, const Dependency& dependency,
+               const ResponseHandler& handler) override {
+    const auto& of = own<EntryOf<T>>(entry);
+    return swTable_->entryWriteWithResponseHandler(of.entry.logEntry.key, of.entry, dependency,
+                                                   handler);
+  }
+  Handle remove(const AnyKey& key, const Dependency& dependency,
+                const ResponseHandler& handler) override {
+    return swTable_->entryRemoveWithResponseHandler(own<KeyOf<T>>(key).key, dependency, handler);
+  }
+  void removeAll(const Dependency& dependency, const ResponseHandler& handler) override {
+    swTable_->entryRemoveAllWithResponseHandler(dependency, handler);
+  }
+
+  [[nodiscard]] bool has(const AnyKey& key) const override {
+    return swTable_->entryHas(own<KeyOf<T>>(key).key);
+  }
+  [[nodiscard]] std::uint64_t removeAllsInFlight() const override {
+    const Asic::MajorVersion version = swTable_->transientRemoveAllVersion();
+    return version.valid() ? version.value + 1 : 0;
+  }
+  [[nodiscard]] std::uint64_t tableVersion() const override {
+    return swTable_->entryLog()->tableVersion().value;
+  }
+  [[nodiscard]] std::uint64_t lastCleanedVersion() const override {
+    return swTable_->entryLog()->lastCleanedVersion().value;
+  }
+  [[nodiscard]] TableFigures figures() const override {
+    TableFigures figures;
+    if (const auto& stats = swTable_->stats()) {
+      figures.written = stats->entryWriteCnt();
+      figures.removed = stats->entryRemoveCnt();
+      figures.suppressed = stats->suppressedWriteCnt();
+      figures.committed = stats->commitCnt();
+    }
+    figures.inLog = swTable_->entryLog()->tableEntryLog()->entryLogConfig().size();
+    figures.entries = swTable_->entrys();
+    figures.pending = swTable_->hasPendingHwWrites();
+    figures.tableVersion = tableVersion();
+    figures.lastCleanedVersion = lastCleanedVersion();
+    return figures;
+  }
+
+ private:
+  template <class Of, class Any>
+  static const Of& own(const Any& any) {
+    const Of* of = std::get_if<Of>(&any);
+    Lumen::assertThat(of != nullptr, "of != nullptr");
+    return *of;
+  }
+
+  Lumen::Ptr<KelpEmServer::KelpSwTable<T>> swTable_;
+};
+
+}  // namespace
+
+std::unique_ptr<AnyTable> AnyTable::make(std::size_t table,
+                                         const Lumen::Ptr<Asic::OrderedTableInterface>& agent,
+                                         Asic::UnitId unit) {
+  std::unique_ptr<AnyTable> made;
+  withTable(table, [&](auto tag) {
+    made = std::make_unique<TableOf<typename decltype(tag)::Table>>(agent, unit);
+  });
+  Lumen::assertThat(made != nullptr, "made != nullptr");
+  return made;
+}
+
+}  // namespace Common

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "Asic/DependencyEntryHandle.h"
+#include "Asic/OrderedSwTable.h"
+#include "Asic/OrderedTableInterface.h"
+#include "Asic/UnitId.h"
+#include "Lumen/Ptr.h"
+#include "common/Tables.h"
+
+namespace Common {
+
+// What one software table has done in this run, and where it stands.
+struct TableFigures {
+  std::uint64_t written = 0;             // writes accepted
+  std::uint64_t removed = 0;             // removes of one key accepted
+  std::uint64_t suppressed = 0;          // writes that the log dropped as identical
+  std::uint64_t committed = 0;           // operations that went through a commit, failed or not
+  std::uint64_t inLog = 0;               // records in the change log, which the units share
+  std::uint64_t entries = 0;             // entries in the reader's view
+  bool pending = false;                  // hasPendingHwWrites()
+  std::uint64_t tableVersion = 0;        // the last version of the log, and up to which one the
+  std::uint64_t lastCleanedVersion = 0;  // hardware side has taken it in; the units share both
+};
+
+// One of the tables on one chip unit, whichever it is: what an agent does with it, without its
+// types. The keys and entries given to it must be of its table, which is asserted.
+class AnyTable {
+ public:
+  using Handle = Lumen::Ptr<const Asic::OrderedSwTable::EntryHandle>;
+  using Dependency = Lumen::Ptr<const Asic::DependencyEntryHandle>;
+  using ResponseHandler = Asic::OrderedSwTable::ResponseHandler;
+
+  // Makes the software table of the unit, over the entries of an earlier run, and the table's
+  // interface before it at the first unit. Throws BrioSharedMem::StoreError.
+  [[nodiscard]] static std::unique_ptr<AnyTable> make(
+      std::size_t table, const Lumen::Ptr<Asic::OrderedTableInterface>& agent, Asic::UnitId unit);
+  virtual ~AnyTable() = default;
+  AnyTable(const AnyTable&) = delete;
+  AnyTable& operator=(const AnyTable&) = delete;
+
+  [[nodiscard]] std::size_t table() const noexcept { return table_; }
+  [[nodiscard]] std::string_view name() const { return tableName(table_); }
+  [[nodiscard]] Asic::UnitId unit() const noexcept { return unit_; }
+
+  // As the operations of a software table: the handler is called at the end of the operation; that
+  // of removeAll() only if the dependency fails. The handle is never null.
+  virtual Handle write(const AnyEntry& entry, const Dependency& dependency,
+                       const ResponseHandler& handler) = 0;
+  virtual Handle remove(const AnyKey& key, const Dependency& dependency,
+                        const ResponseHandler& handler) = 0;
+  virtual void removeAll(const Dependency& dependency, const ResponseHandler& handler) = 0;
+
+  // Whether the key is in the reader's view.
+  [[nodiscard]] virtual bool has(const AnyKey& key) const = 0;
+  // Remove-alls that are accepted and not committed. One that failed counts for good.
+  [[nodiscard]] virtual std::uint64_t removeAllsInFlight() const = 0;
+  // The last version of the table's log, and up to which one the hardware side has taken it in.
+  [[nodiscard]] virtual std::uint64_t tableVersion() const = 0;
+  [[nodiscard]] virtual std::uint64_t lastCleanedVersion() const = 0;
+  // Costs a walk of the table.
+  [[nodiscard]] virtual TableFigures figures() const = 0;
+
+ protected:
+  AnyTable(std::size_t table, Asic::UnitId unit) : table_(table), unit_(unit) {}
+
+ private:
+  std::size_t table_;
+  Asic::UnitId unit_;
+};
+
+}  // namespace Common
