@@ -46,19 +46,20 @@ Lumen::String printable(std::string_view text) {
   return result;
 }
 
-// A specification that makes little text of any number: flags and a width of two digits, one
+// A layout that makes little text of any number: flags and a width of two digits, one
 // letter.
-bool isPlainSpec(std::string_view spec) {
+bool isPlainLayout(std::string_view layout) {
   std::size_t at = 0;
   const auto skip = [&](std::string_view any, std::size_t most) {
-    for (; most != 0 && at < spec.size() && any.find(spec[at]) != std::string_view::npos; --most) {
+    for (; most != 0 && at < layout.size() && any.find(layout[at]) != std::string_view::npos;
+         --most) {
       ++at;
     }
   };
   skip("#", 1);
   skip("0123456789", 3);
   skip("dxXbo", 1);
-  return at == spec.size();
+  return at == layout.size();
 }
 
 Lumen::String number(std::string_view format, std::uint64_t argument) {
@@ -106,8 +107,8 @@ Lumen::String formatted(std::string_view format, const std::vector<std::uint64_t
       continue;
     }
     const std::string_view inside = format.substr(1, end - 1);
-    const bool hasSpec = !inside.empty() && inside[0] == ':';
-    if (inside.empty() || (hasSpec && isPlainSpec(inside.substr(1)))) {
+    const bool hasLayout = !inside.empty() && inside[0] == ':';
+    if (inside.empty() || (hasLayout && isPlainLayout(inside.substr(1)))) {
       const std::uint64_t argument = arguments[nextArgument++];
       text += number(format.substr(0, end + 1), argument);
     } else {

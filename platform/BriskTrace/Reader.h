@@ -96,7 +96,7 @@ class Reader {
 // "2024-06-11T08:15:30.123456Z"; the bare number for a time beyond the calendar.
 [[nodiscard]] Lumen::String timeText(std::int64_t nanoseconds);
 
-// `format` with each {} replaced by the next of `arguments`. A {:spec} is followed where it is a
+// `format` with each {} replaced by the next of `arguments`. A {:...} is followed where it is a
 // plain one for a number (such as :04x), and shown as it stands where it is not, or where no
 // argument is left.
 [[nodiscard]] Lumen::String formatted(std::string_view format,
