@@ -18,7 +18,6 @@ _FLOORS = (
     ("OrderedTable/", 2),
     ("KelpEmServer/", 3),
     ("common/", 4),
-    ("common/", 4),
     ("agent/", 4),
     ("chip/", 4),
     ("kelp/", 4),
