@@ -112,15 +112,15 @@ class Chains {
                                                   Take&& take) noexcept {
     if constexpr (Traits::kWords <= kMostSmallWords) {
       if (Crc32c::kHasInstruction) [[likely]] {
-        std::uint32_t crc = ~generation;
+        std::uint64_t state = ~generation;
         const auto one = [&](std::size_t i) {
           const std::uint64_t word = load(i);
           take(i, word);
-          crc = Crc32c::stepByInstruction(crc, word);
+          state = Crc32c::stepByInstruction(state, word);
         };
         [&]<std::size_t... I>(std::index_sequence<I...>) { (one(I), ...); }
         (std::make_index_sequence<Traits::kWords>());
-        return crc;
+        return static_cast<std::uint32_t>(state);
       }
     }
     RecordWords record;

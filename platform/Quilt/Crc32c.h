@@ -17,16 +17,16 @@ namespace Quilt::Crc32c {
 // Read before it is initialised it says no, which costs time and changes no result.
 inline const bool kHasInstruction = processorHasInstruction();
 
-// Carries `crc` on over one word, by the instruction: only where kHasInstruction holds.
-[[nodiscard]] inline std::uint32_t stepByInstruction(std::uint32_t crc,
+// Carries a checksum on over one word, by the instruction: only where kHasInstruction holds. The
+// state is the checksum in 64 bits, as the instruction has it.
+[[nodiscard]] inline std::uint64_t stepByInstruction(std::uint64_t state,
                                                      std::uint64_t word) noexcept {
 #if defined(__x86_64__)
   // As assembly, since an intrinsic would need the whole program built for processors that have it.
-  std::uint64_t state = crc;
   asm("crc32q %1, %0" : "+r"(state) : "r"(word));
-  return static_cast<std::uint32_t>(state);
+  return state;
 #else
-  return extendByTable(crc, &word, 1);
+  return extendByTable(static_cast<std::uint32_t>(state), &word, 1);
 #endif
 }
 
@@ -36,10 +36,11 @@ inline const bool kHasInstruction = processorHasInstruction();
   if (!kHasInstruction) [[unlikely]] {
     return extendByTable(crc, words, count);
   }
+  std::uint64_t state = crc;
   for (std::size_t i = 0; i < count; ++i) {
-    crc = stepByInstruction(crc, words[i]);
+    state = stepByInstruction(state, words[i]);
   }
-  return crc;
+  return static_cast<std::uint32_t>(state);
 }
 
 }  // namespace Quilt::Crc32c

@@ -1,6 +1,9 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <utility>
 
@@ -22,8 +25,8 @@ struct Mounted {
 
 namespace Impl {
 
-// Marks the chunks of heads that hold anything as in use: a bit of the header that says less than
-// the file is put right. Gives the number of slots that hold anything.
+// Goes by what the file system knows of the file: says in the header which chunks of heads hold
+// anything, whatever it said before, and gives the number of slots that may hold anything.
 template <class Record>
 std::uint32_t confirmUse(StoreFile& file) {
   const Geometry& geometry = file.geometry();
@@ -31,28 +34,58 @@ std::uint32_t confirmUse(StoreFile& file) {
   const std::uint64_t chunkBytes = chains.headChunkBuckets() * sizeof(Word64);
   const std::uint64_t headsEnd =
       Geometry::kHeadsOffset + std::uint64_t{geometry.buckets} * sizeof(Word64);
-  for (std::uint64_t at = Geometry::kHeadsOffset; at < headsEnd;) {
-    const std::uint64_t data = file.dataFrom(at);
-    if (data >= headsEnd) {
-      break;
+  std::array<std::uint64_t, kMostHeadChunks / 64> used{};
+  for (std::uint64_t at = file.dataFrom(Geometry::kHeadsOffset); at < headsEnd;) {
+    const std::uint64_t chunk = (at - Geometry::kHeadsOffset) / chunkBytes;
+    used[chunk / 64] |= std::uint64_t{1} << (chunk % 64);
+    at = file.dataFrom(Geometry::kHeadsOffset + (chunk + 1) * chunkBytes);
+  }
+  for (std::size_t i = 0; i < used.size(); ++i) {
+    Word64& word = file.header().headsUsed[i];
+    if (word.load(std::memory_order_relaxed) != used[i]) {
+      Seam::store(word, used[i], std::memory_order_release);
     }
-    const std::uint64_t chunk = (data - Geometry::kHeadsOffset) / chunkBytes;
-    const auto bucket = static_cast<std::uint32_t>(chunk * chains.headChunkBuckets());
-    if (!chains.headsUsed(bucket)) {
-      Word64& word = chains.headsUsedWord(bucket);
-      Seam::store(word, word.load(std::memory_order_relaxed) | chains.headsUsedBit(bucket),
-                  std::memory_order_release);
-    }
-    at = Geometry::kHeadsOffset + (chunk + 1) * chunkBytes;
   }
   return static_cast<std::uint32_t>(std::min<std::uint64_t>(
       geometry.slots,
       (file.dataEnd(geometry.slotsOffset) - geometry.slotsOffset) / geometry.slotBytes));
 }
 
+// Makes sure of the space of all that is in use: a file that was copied by hand may have lost it
+// while it kept its bytes. It fetches the page tables, too. Throws StoreError.
 template <class Record>
-ScanResult passOver(StoreFile& file) {
+void confirmSpace(StoreFile& file, const FilePlace& place, std::uint32_t slots) {
+  const Geometry& geometry = file.geometry();
+  const Chains<Record> chains(file);
+  const auto reserve = [&](std::uint64_t offset, std::uint64_t bytes) {
+    if (!file.reserve(offset, bytes)) {
+      throw fileError(place.path, "take space for", place.fileBase + kFileSuffix, file.lastError());
+    }
+  };
+  const std::uint64_t step = chains.headChunkBuckets();
+  for (std::uint64_t from = 0; from < geometry.buckets;) {
+    // Neighbouring chunks in one go.
+    std::uint64_t to = from;
+    while (to < geometry.buckets && chains.headsUsed(static_cast<std::uint32_t>(to))) {
+      to += step;
+    }
+    if (to == from) {
+      from += step;
+      continue;
+    }
+    reserve(Geometry::kHeadsOffset + from * sizeof(Word64),
+            (std::min<std::uint64_t>(to, geometry.buckets) - from) * sizeof(Word64));
+    from = to;
+  }
+  if (slots != 0) {
+    reserve(geometry.slotsOffset, std::uint64_t{slots} * geometry.slotBytes);
+  }
+}
+
+template <class Record>
+ScanResult passOver(StoreFile& file, const FilePlace& place) {
   const std::uint32_t bound = confirmUse<Record>(file);
+  confirmSpace<Record>(file, place, bound);
   return scan(Chains<Record>(file), bound, ScanMode::look, [](const Record&) {});
 }
 
@@ -67,19 +100,21 @@ Mounted makeAnew(const FilePlace& place, const Shape& shape, StoreFile* old, boo
   }
   QuiltMap<Record> map(made.file, made.found);
   const std::uint32_t bound = confirmUse<Record>(*old);
-  scan(Chains<Record>(*old), bound, ScanMode::look, [&](const Record& record) {
-    if (map.hasRoomFor(record.quiltKey())) {
-      map.recordIs(record);
-    } else {
-      lost = true;
-    }
-  });
+  const ScanResult seen =
+      scan(Chains<Record>(*old), bound, ScanMode::look, [&](const Record& record) {
+        if (map.hasRoomFor(record.quiltKey())) {
+          map.recordIs(record);
+        } else {
+          lost = true;
+        }
+      });
+  lost = lost || seen.damages != 0;
   Header& from = old->header();
   Header& to = made.file->header();
   for (Word64 Header::*word : {&Header::scratchpad, &Header::announced, &Header::published}) {
     Seam::store(to.*word, (from.*word).load(std::memory_order_acquire), std::memory_order_release);
   }
-  made.found = passOver<Record>(*made.file);
+  made.found = passOver<Record>(*made.file, place);
   return made;
 }
 
@@ -106,15 +141,8 @@ Mounted mountForWriting(const FilePlace& place, const Shape& shape) {
   StoreFile::Found existing = StoreFile::openExisting(place, shape);
   if (existing.verdict == Verdict::sound) {
     // 3. Its chains add up; otherwise it is damaged and nobody had noticed.
-    Mounted mounted{existing.file, Impl::passOver<Record>(*existing.file)};
+    Mounted mounted{existing.file, Impl::passOver<Record>(*existing.file, place)};
     if (mounted.found.damages == 0) {
-      const Geometry& geometry = mounted.file->geometry();
-      // A file that was copied by hand may have lost its space while it kept its bytes.
-      const std::uint64_t bytes = std::uint64_t{mounted.found.fresh} * geometry.slotBytes;
-      if (bytes != 0 && !mounted.file->reserve(geometry.slotsOffset, bytes)) {
-        throw fileError(place.path, "take space for", place.fileBase + kFileSuffix,
-                        mounted.file->lastError());
-      }
       held->madeIs();
       mounted.file->registerIs(std::move(held));
       return mounted;

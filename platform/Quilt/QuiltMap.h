@@ -67,12 +67,14 @@ class QuiltMap final : public MapReads<Record> {
 
   [[nodiscard]] Place locate(std::uint32_t bucket, const Words& wanted);
   [[nodiscard]] bool tryLocate(std::uint32_t bucket, const Words& wanted, Place& place);
-  void cutAt(Word64& at);
+  [[gnu::cold, gnu::noinline]] void cutAt(Word64& at);
   void takeStock(const ScanResult& found);
   void countIs(std::uint64_t records);
   [[nodiscard]] bool slotsReady(std::uint32_t count);
   [[nodiscard]] bool headsReady(std::uint32_t bucket);
-  [[nodiscard]] bool placeForNewKey();
+  [[gnu::cold, gnu::noinline, nodiscard]] bool slotsTaken(std::uint32_t count);
+  [[gnu::cold, gnu::noinline, nodiscard]] bool headsTaken(std::uint32_t bucket);
+  [[gnu::cold, gnu::noinline, nodiscard]] bool placeForNewKey();
   void boundsInclude(std::uint64_t key);
   void boundsExclude(std::uint64_t key);
 
@@ -131,30 +133,37 @@ inline void QuiltMap<Record>::countIs(std::uint64_t records) {
 // True if `count` slots can be taken without a question to the file system, now or after one.
 template <class Record>
 inline bool QuiltMap<Record>::slotsReady(std::uint32_t count) {
-  while (freeCount_ + (slotsReserved_ - slotBound_) < count) [[unlikely]] {
-      const Geometry& geometry = file_->geometry();
-      const std::uint64_t from =
-          geometry.slotsOffset + std::uint64_t{slotsReserved_} * sizeof(RecordSlot);
-      // To the end of the chunk in which at least one more slot ends.
-      const std::uint64_t to =
-          std::min(geometry.fileBytes,
-                   (from + sizeof(RecordSlot) + kSpaceChunk - 1) / kSpaceChunk * kSpaceChunk);
-      if (slotsReserved_ == geometry.slots || !file_->reserve(from, to - from)) {
-        return false;
-      }
-      slotsReserved_ = static_cast<std::uint32_t>(std::min<std::uint64_t>(
-          geometry.slots, (to - geometry.slotsOffset) / sizeof(RecordSlot)));
-      Seam::store(header_->slotsReserved, std::uint64_t{slotsReserved_}, std::memory_order_release);
+  return freeCount_ + (slotsReserved_ - slotBound_) >= count || slotsTaken(count);
+}
+
+template <class Record>
+bool QuiltMap<Record>::slotsTaken(std::uint32_t count) {
+  const Geometry& geometry = file_->geometry();
+  while (freeCount_ + (slotsReserved_ - slotBound_) < count) {
+    const std::uint64_t from =
+        geometry.slotsOffset + std::uint64_t{slotsReserved_} * sizeof(RecordSlot);
+    // To the end of the chunk in which at least one more slot ends.
+    const std::uint64_t to =
+        std::min(geometry.fileBytes,
+                 (from + sizeof(RecordSlot) + kSpaceChunk - 1) / kSpaceChunk * kSpaceChunk);
+    if (slotsReserved_ == geometry.slots || !file_->reserve(from, to - from)) {
+      return false;
     }
+    slotsReserved_ = static_cast<std::uint32_t>(
+        std::min<std::uint64_t>(geometry.slots, (to - geometry.slotsOffset) / sizeof(RecordSlot)));
+    Seam::store(header_->slotsReserved, std::uint64_t{slotsReserved_}, std::memory_order_release);
+  }
   return true;
 }
 
 // True if the chunk of heads that `bucket` is in may be touched, now or after it has got its space.
 template <class Record>
 inline bool QuiltMap<Record>::headsReady(std::uint32_t bucket) {
-  if (chains_.headsUsed(bucket)) [[likely]] {
-    return true;
-  }
+  return chains_.headsUsed(bucket) || headsTaken(bucket);
+}
+
+template <class Record>
+bool QuiltMap<Record>::headsTaken(std::uint32_t bucket) {
   const std::uint64_t first =
       std::uint64_t{chains_.headChunkOf(bucket)} * chains_.headChunkBuckets();
   const std::uint64_t buckets =

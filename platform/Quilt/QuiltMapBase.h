@@ -46,11 +46,11 @@ class QuiltMapBase {
   ~QuiltMapBase() = default;
 
   // Throws CorruptionDetectedException with `what`, the place and the collection.
-  [[noreturn]] void corrupt(const char* what, std::uint64_t link) const;
+  [[noreturn, gnu::cold]] void corrupt(const char* what, std::uint64_t link) const;
   // A change had to cut a chain: marks the collection and says so, once.
   void reportCut() const;
   // Ends the process: a record without room, a change through a read-only mapping.
-  [[noreturn]] void noRoom(const char* what) const;
+  [[noreturn, gnu::cold]] void noRoom(const char* what) const;
   void assertWritable() const noexcept {
     if (readOnly_) [[unlikely]] {
       noRoom("this process has it open as a reader");
@@ -63,7 +63,7 @@ class QuiltMapBase {
    public:
     // Counts an attempt that failed since `link` led to a slot of another generation. Throws
     // CorruptionDetectedException if that cannot be a writer's doing.
-    void again(const QuiltMapBase& map, std::uint64_t link);
+    [[gnu::cold]] void again(const QuiltMapBase& map, std::uint64_t link);
 
    private:
     std::uint64_t suspect_ = 0;

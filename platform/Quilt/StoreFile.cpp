@@ -179,6 +179,9 @@ Lumen::Ptr<StoreFile> StoreFile::openReader(const FilePlace& place, const Shape&
   const Lumen::String name = place.fileBase + kFileSuffix;
   Descriptor fd(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
   if (fd.get() < 0) {
+    if (errno == ENOENT) {
+      throw BrioSharedMem::AbsentError(fileError(place.path, "open", name, errno).what());
+    }
     throw fileError(place.path, "open", name, errno);
   }
   const std::uint64_t size = sizeOf(fd.get(), place.path, name);
@@ -198,7 +201,7 @@ Lumen::Ptr<StoreFile> StoreFile::openReader(const FilePlace& place, const Shape&
         place.path, name));
   }
   if (!sameLayout(*constants, shape)) {
-    throw BrioSharedMem::StoreError(
+    throw BrioSharedMem::OtherLayoutError(
         fmt::format("{}: {} has another layout (format {}, type {}, signature {:016x}) than this "
                     "program expects "
                     "(format {}, type {}, signature {:016x}); run this program in the version of "
