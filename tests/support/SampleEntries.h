@@ -16,8 +16,9 @@ void spread(Value& value, std::uint64_t number) {
   Brio::forEachField<Value>([&](const auto& field) {
     using Member = std::remove_reference_t<decltype(value.*field.member)>;
     if constexpr (std::is_integral_v<Member>) {
-      value.*field.member = static_cast<Member>(number % (field.most + 1));
-      number /= field.most + 1;
+      const std::uint64_t values = field.most + 1;  // 0 stands for all of 64 bits
+      value.*field.member = static_cast<Member>(values == 0 ? number : number % values);
+      number = values == 0 ? 0 : number / values;
     }
   });
 }
