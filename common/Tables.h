@@ -20,6 +20,8 @@ template <KelpEmServer::TableSpec T>
 struct KeyOf {
   using Table = T;
   typename T::Entry::Key key{};
+
+  friend bool operator==(const KeyOf&, const KeyOf&) = default;
 };
 template <KelpEmServer::TableSpec T>
 struct EntryOf {

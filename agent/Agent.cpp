@@ -1,0 +1,249 @@
+#include "agent/Agent.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <asio/post.hpp>
+#include <csignal>
+#include <numeric>
+
+#include "agent/Say.h"
+#include "agent/Summary.h"
+
+namespace Agent {
+namespace {
+
+constexpr std::chrono::milliseconds kTick{100};
+// A peer of ours that was killed between its work and its ring is heard after this time at the
+// latest.
+constexpr std::size_t kPendingShown = 10;
+
+std::unique_ptr<BriskTrace::TraceHandle> openBrisk(const std::string& path) {
+  if (path.empty()) {
+    return nullptr;
+  }
+  auto handle = std::make_unique<BriskTrace::TraceHandle>(path);
+  BriskTrace::defaultBriskTraceHandle = handle.get();
+  return handle;
+}
+
+}  // namespace
+
+Agent::Agent(const Options& options)
+    : options_(options),
+      brisk_(openBrisk(options.brisk)),
+      store_(options.name, options.root),
+      outcomes_(options.outcomes),
+      signals_(loop_, SIGTERM, SIGINT, SIGUSR1),
+      bell_(loop_),
+      tick_(loop_),
+      lastMove_(Clock::now()),
+      lastTold_(lastMove_) {
+  // A peer or a reader of ours that goes away is an error of the write.
+  std::signal(SIGPIPE, SIG_IGN);
+  intake_.emplace(store_.makeTables(options.units), options.units, options.inFlight);
+  files_.emplace(loop_, options.intents, *intake_, outcomes_, [this] { endIfDone(); });
+  if (!options.socket.empty()) {
+    socket_.emplace(loop_, options.socket, *intake_);
+  }
+  store_.group().groupResolver()->wakeUpIs([this] { asio::post(loop_, [this] { runPass(); }); });
+  bell_.assign(store_.ownBell().fd());
+}
+
+Agent::~Agent() {
+  bell_.release();
+  socket_.reset();
+  files_.reset();
+  intake_.reset();
+  BriskTrace::defaultBriskTraceHandle = nullptr;
+}
+
+int Agent::run() {
+  waitForSignal();
+  waitForTick();
+  handleBell();
+  if (socket_) {
+    socket_->start();
+  }
+  files_->start();
+  loop_.run();
+  outcomes_.flush();
+  tellProgress(true);
+  if (!options_.summary.empty()) {
+    tellSummary();
+  }
+  return exitStatus();
+}
+
+int Agent::exitStatus() const {
+  if (failedOtherwise_ || outcomes_.broken()) {
+    return kNotStarted;
+  }
+  if (gaveUp_) {
+    return kGaveUpWaiting;
+  }
+  if (files_->skipped() != 0) {
+    return kLinesSkipped;
+  }
+  return intake_->totals().failed == 0 ? kDone : kIntentsFailed;
+}
+
+void Agent::waitForSignal() {
+  signals_.async_wait([this](const asio::error_code& error, int signal) {
+    if (error) {
+      return;
+    }
+    if (signal == SIGUSR1) {
+      tellSummary();
+      waitForSignal();
+    } else {
+      loop_.stop();
+    }
+  });
+}
+
+void Agent::waitForBell() {
+  bell_.async_wait(asio::posix::stream_descriptor::wait_read,
+                   [this](const asio::error_code& error) {
+                     if (!error) {
+                       handleBell();
+                     }
+                   });
+}
+
+// Awake: take the wake-ups that have come, and look for work; then look once more after the bell is
+// armed again, or a ring in between would be lost.
+void Agent::handleBell() {
+  store_.ownBell().disarm();
+  lookAtStatus();
+  store_.ownBell().arm();
+  lookAtStatus();
+  waitForBell();
+}
+
+void Agent::waitForTick() {
+  tick_.expires_after(kTick);
+  tick_.async_wait([this](const asio::error_code& error) {
+    if (!error) {
+      handleTick();
+      waitForTick();
+    }
+  });
+}
+
+void Agent::handleTick() {
+  const auto now = Clock::now();
+  if (intake_->inFlight() != 0 || !intake_->logsTakenIn()) {
+    // A hardware side that was killed between its report and its ring has left us asleep.
+    lookAtStatus();
+  }
+  if (socket_) {
+    socket_->checkPeers(options_.peerTimeout);
+  }
+  outcomes_.flush();
+  tellProgress(false);
+  giveUpIfStuck(now);
+}
+
+void Agent::runPass() {
+  store_.group().groupResolver()->runPass();
+  afterNews();
+}
+
+void Agent::lookAtStatus() {
+  if (store_.group().pollStatus() != 0) {
+    afterNews();
+  }
+}
+
+// A pass was run, or the hardware side has reported.
+void Agent::afterNews() {
+  store_.ringIfPublished();
+  intake_->removeAllsSettle();
+  outcomes_.flush();
+  // Not at every place that falls free: a batch at a time.
+  if (intake_->inFlight() <= intake_->limit() / 4 * 3) {
+    files_->resume();
+    if (socket_) {
+      socket_->resume();
+    }
+  }
+  endIfDone();
+}
+
+void Agent::endIfDone() {
+  if (options_.exitWhenDone && files_->ended() && intake_->inFlight() == 0 &&
+      intake_->logsTakenIn()) {
+    loop_.stop();
+  }
+}
+
+void Agent::giveUpIfStuck(Clock::time_point now) {
+  if (!options_.timeout) {
+    return;
+  }
+  const Intake::Totals& totals = intake_->totals();
+  const std::uint64_t moves = std::accumulate(
+      intake_->tables().begin(), intake_->tables().end(),
+      totals.accepted + totals.succeeded + totals.failed,
+      [](std::uint64_t sum, const auto& table) { return sum + table->lastCleanedVersion(); });
+  const bool pending = intake_->inFlight() != 0 || !intake_->logsTakenIn();
+  if (moves != moves_ || !pending) {
+    moves_ = moves;
+    lastMove_ = now;
+  } else if (now - lastMove_ > *options_.timeout) {
+    giveUp();
+  }
+}
+
+void Agent::giveUp() {
+  gaveUp_ = true;
+  say("gave up: nothing has moved for {} s; is the hardware side running on --name {} --root {}?",
+      std::chrono::duration<double>(*options_.timeout).count(), options_.name, options_.root);
+  const auto pending = intake_->pending(kPendingShown);
+  for (const Intake::Pending& one : pending) {
+    say("pending: {}: {}", one.intent, one.reason);
+  }
+  if (intake_->inFlight() > pending.size()) {
+    say("pending: and {} intents more", intake_->inFlight() - pending.size());
+  }
+  for (const auto& table : intake_->tables()) {
+    if (table->unit().value == 0 && table->lastCleanedVersion() < table->tableVersion()) {
+      say("pending: table {}: its log is at version {}, the hardware side has reported {}",
+          table->name(), table->tableVersion(), table->lastCleanedVersion());
+    }
+  }
+  loop_.stop();
+}
+
+void Agent::tellProgress(bool last) {
+  if (!options_.progress) {
+    return;
+  }
+  static const bool onScreen = isatty(STDERR_FILENO) == 1;
+  const Intake::Totals& totals = intake_->totals();
+  std::string text = fmt::format("{} accepted, {} skipped, {} in flight, {} ended, {} failed",
+                                 totals.accepted, files_->skipped(), intake_->inFlight(),
+                                 totals.succeeded + totals.failed, totals.failed);
+  if (text == told_ && !(last && onScreen)) {
+    return;
+  }
+  told_ = text;
+  if (onScreen) {
+    text = fmt::format("\r\x1b[Kkelp-agent: {}{}", text, last ? "\n" : "");
+    (void)!write(STDERR_FILENO, text.data(), text.size());
+  } else {
+    say("{}", text);
+  }
+}
+
+void Agent::tellSummary() {
+  const std::string text = summaryText(options_, *intake_, files_->skipped());
+  if (options_.summary.empty()) {
+    sayText(text);
+  } else if (!writeSummary(options_.summary, text)) {
+    failedOtherwise_ = true;
+  }
+}
+
+}  // namespace Agent

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "BriskTrace/TraceHandle.h"
+#include "agent/FileReader.h"
+#include "agent/Intake.h"
+#include "agent/Options.h"
+#include "agent/OutcomeWriter.h"
+#include "agent/SocketServer.h"
+#include "agent/Store.h"
+
+namespace Agent {
+
+// The agent: one thread, one loop. Intents come in from files and peers of the socket, in bounded
+// portions; the resolver asks for a pass when one is worth running, and gets it at the next turn;
+// the hardware side rings when it has something to report. What a pass published is told to the
+// hardware side by its bell.
+class Agent {
+ public:
+  // Opens everything. Throws an exception that names what can't be opened and the remedy.
+  explicit Agent(const Options& options);
+  ~Agent();
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  // Runs until it is done, if it is to end then, or until a signal; gives the exit status.
+  [[nodiscard]] int run();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void waitForSignal();
+  void waitForBell();
+  void waitForTick();
+  void handleBell();
+  void handleTick();
+  void runPass();
+  void lookAtStatus();
+  void afterNews();
+  void endIfDone();
+  void giveUpIfStuck(Clock::time_point now);
+  void giveUp();
+  void tellProgress(bool last);
+  void tellSummary();
+  [[nodiscard]] int exitStatus() const;
+
+  const Options& options_;
+  asio::io_context loop_{1};
+  std::unique_ptr<BriskTrace::TraceHandle> brisk_;
+  Store store_;
+  OutcomeWriter outcomes_;
+  std::optional<Intake> intake_;
+  std::optional<FileReader> files_;
+  std::optional<SocketServer> socket_;
+  asio::signal_set signals_;
+  asio::posix::stream_descriptor bell_;
+  asio::steady_timer tick_;
+  Clock::time_point lastMove_;  // when an intent came or ended, or the hardware side went on
+  std::uint64_t moves_ = 0;
+  Clock::time_point lastTold_;
+  std::string told_;
+  bool failedOtherwise_ = false;
+  bool gaveUp_ = false;
+};
+
+}  // namespace Agent

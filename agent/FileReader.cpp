@@ -1,0 +1,172 @@
+#include "agent/FileReader.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <asio/post.hpp>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include "agent/Say.h"
+#include "common/Intent.h"
+
+namespace Agent {
+namespace {
+
+// Enough for a pass of the resolver to be worth its while, and short enough to hear others soon.
+constexpr unsigned kLinesAtATurn = 512;
+
+class FileSource final : public Source {
+ public:
+  FileSource(std::string name, OutcomeWriter& outcomes)
+      : Source(std::move(name)), outcomes_(outcomes) {}
+  void outcomeIs(std::string_view line) override { outcomes_.add(line); }
+
+ private:
+  OutcomeWriter& outcomes_;
+};
+
+[[noreturn]] void failOpen(const std::string& name, std::string_view why) {
+  throw std::runtime_error(
+      fmt::format("{}: cannot read intents: {}: name a readable file with --intents", name, why));
+}
+
+int openFile(const std::string& name) {
+  if (name != "-") {
+    return open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  }
+  // A description of our own: who shares the standard input need not be told that we never block.
+  const int own = open("/proc/self/fd/0", O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  return own >= 0 ? own : fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+}
+
+}  // namespace
+
+FileReader::FileReader(asio::io_context& loop, const std::vector<std::string>& files,
+                       Intake& intake, OutcomeWriter& outcomes, std::function<void()> ended)
+    : loop_(loop), intake_(intake), outcomes_(outcomes), ended_(std::move(ended)) {
+  for (const std::string& name : files) {
+    open(name);
+  }
+}
+
+void FileReader::open(const std::string& name) {
+  const int file = openFile(name);
+  if (file < 0) {
+    failOpen(name, std::strerror(errno));
+  }
+  struct stat status {};
+  fstat(file, &status);
+  File& opened = files_.emplace_back();
+  opened.source = std::make_shared<FileSource>(name == "-" ? "stdin" : name, outcomes_);
+  opened.descriptor = std::make_unique<asio::posix::stream_descriptor>(loop_, file);
+  opened.waitFirst = S_ISFIFO(status.st_mode);
+  if (S_ISDIR(status.st_mode)) {
+    failOpen(name, "it is a folder");
+  }
+}
+
+void FileReader::start() { stepLater(); }
+
+void FileReader::resume() {
+  if (std::exchange(paused_, false)) {
+    stepLater();
+  }
+}
+
+void FileReader::stepLater() {
+  asio::post(loop_, [this] { step(); });
+}
+
+void FileReader::wait() {
+  // A regular file never has to be waited for.
+  files_[current_].descriptor->async_wait(asio::posix::stream_descriptor::wait_read,
+                                          [this](const asio::error_code&) { step(); });
+}
+
+void FileReader::step() {
+  for (unsigned lines = 0; !ended(); ++lines) {
+    if (!intake_.hasRoom()) {
+      paused_ = true;
+      return;
+    }
+    if (lines == kLinesAtATurn) {
+      stepLater();
+      return;
+    }
+    File& file = files_[current_];
+    if (std::exchange(file.waitFirst, false)) {
+      wait();
+      return;
+    }
+    if (const auto line = file.lines.next()) {
+      takeLine(file, *line, false);
+      continue;
+    }
+    switch (readSome(file)) {
+      case Read::some:
+        break;
+      case Read::none:
+        wait();
+        return;
+      case Read::end:
+        endFile(file);
+        break;
+    }
+  }
+  ended_();
+}
+
+FileReader::Read FileReader::readSome(File& file) {
+  const int descriptor = file.descriptor->native_handle();
+  while (true) {
+    const ssize_t count = read(descriptor, chunk_.data(), chunk_.size());
+    if (count > 0) {
+      file.lines.append(std::string_view(chunk_.data(), static_cast<std::size_t>(count)));
+      return Read::some;
+    }
+    if (count == 0) {
+      return Read::end;
+    }
+    if (errno == EAGAIN) {
+      return Read::none;
+    }
+    if (errno != EINTR) {
+      say("{}: cannot read on: {}: the rest of it is left out", file.source->name(),
+          std::strerror(errno));
+      ++skipped_;
+      return Read::end;
+    }
+  }
+}
+
+void FileReader::takeLine(File& file, const LineBuffer::Line& line, bool unfinished) {
+  try {
+    if (line.tooLong) {
+      throw Common::InputError(
+          fmt::format("the line is longer than {} bytes: write one intent on a line",
+                      LineBuffer::kLongestLine));
+    }
+    if (!Common::isBlankOrComment(line.text)) {
+      intake_.take(Common::parseIntent(line.text), file.source, line.number);
+    }
+  } catch (const Common::InputError& error) {
+    ++skipped_;
+    say("{}:{}: {}{}", file.source->name(), line.number, error.what(),
+        unfinished ? " (the line has no end: has all of the file been written?)" : "");
+  }
+}
+
+void FileReader::endFile(File& file) {
+  if (const auto line = file.lines.last()) {
+    takeLine(file, *line, true);
+  }
+  file.descriptor.reset();
+  ++current_;
+}
+
+}  // namespace Agent

@@ -1,0 +1,232 @@
+#include "agent/Intake.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "Brio/Hash.h"
+
+namespace Agent {
+
+using Common::AnyKey;
+using Common::InputError;
+using Common::Intent;
+using Common::IntentOp;
+
+std::size_t Intake::HashKey::operator()(const AnyKey& key) const noexcept {
+  return std::visit(
+      [](const auto& of) -> std::size_t {
+        return Brio::hashSingleAttr(Brio::HashHelper::hashSeed32(), of.key);
+      },
+      key);
+}
+
+Intake::Intake(std::vector<std::unique_ptr<Common::AnyTable>> tables, unsigned units,
+               std::size_t limit)
+    : tables_(std::move(tables)), units_(units), limit_(limit), places_(tables_.size()) {}
+
+Intake::~Intake() = default;
+
+std::size_t Intake::placeOf(std::size_t table, Asic::UnitId unit) const {
+  if (unit.value >= units_) {
+    throw InputError(units_ == 1
+                         ? fmt::format("unit {} is not there: write 0, or start the agent with "
+                                       "more --units",
+                                       unit)
+                         : fmt::format("unit {} is not there: write 0 to {}, or start the agent "
+                                       "with more --units",
+                                       unit, units_ - 1));
+  }
+  return table * units_ + unit.value;
+}
+
+std::uint64_t Intake::failed(const Common::AnyTable& table) const {
+  return places_[placeOf(table.table(), table.unit())].failed;
+}
+
+Intake::Handle Intake::dependencyOf(const Intent& intent) const {
+  if (!intent.after) {
+    return nullptr;
+  }
+  const Common::EntryName& after = *intent.after;
+  const std::size_t place = placeOf(after.table(), after.unit);
+  const Newest& newest = places_[place].newest;
+  if (const auto found = newest.find(after.key); found != newest.end()) {
+    return found->second;
+  }
+  if (tables_[place]->has(after.key)) {
+    return nullptr;
+  }
+  std::string key;
+  Common::appendKey(key, after.key);
+  throw InputError(
+      fmt::format("after names an entry that nobody wrote, {} of {}, unit {}: write that entry on "
+                  "an earlier line, or leave `after` out",
+                  key, Common::tableName(after.table()), after.unit));
+}
+
+Intake::Slot& Intake::freeSlot() {
+  if (free_.empty()) {
+    return slots_.emplace_back();
+  }
+  Slot& slot = *free_.back();
+  free_.pop_back();
+  return slot;
+}
+
+void Intake::take(const Intent& intent, const std::shared_ptr<Source>& source, std::uint64_t line) {
+  const std::size_t at = placeOf(intent.table(), intent.unit);
+  const Handle dependency = dependencyOf(intent);
+  Common::AnyTable& table = *tables_[at];
+  Place& place = places_[at];
+
+  Slot& slot = freeSlot();
+  slot.source = source;
+  slot.line = line;
+  slot.number = nextNumber_++;
+  slot.op = intent.op;
+  slot.place = at;
+  source->inFlightInc();
+  ++totals_.accepted;
+
+  if (intent.op == IntentOp::removeAll) {
+    if (place.removeAlls.empty()) {
+      withRemoveAlls_.push_back(at);
+    }
+    place.removeAlls.push_back({&slot, false, 0});
+    table.removeAll(dependency, [this, &slot](const Handle&) { removeAllFailed(slot); });
+    return;
+  }
+  slot.key = Common::keyOf(intent.entry);
+  slot.newest = &place.newest[slot.key];
+  const auto handler = [this, &slot](const Handle& handle) { ended(slot, handle); };
+  slot.handle = intent.op == IntentOp::write ? table.write(intent.entry, dependency, handler)
+                                             : table.remove(slot.key, dependency, handler);
+  *slot.newest = slot.handle;
+}
+
+void Intake::ended(Slot& slot, const Handle& handle) {
+  const bool success = handle->entryState() == Asic::EntryState::entryStateSuccess;
+  if (success && *slot.newest == handle) {
+    *slot.newest = nullptr;
+  }
+  end(slot, success, handle->logVersion().value);
+}
+
+void Intake::removeAllFailed(Slot& slot) {
+  Place& place = places_[slot.place];
+  std::erase_if(place.removeAlls, [&](const RemoveAll& one) { return one.slot == &slot; });
+  ++place.removeAllsFailed;
+  if (place.removeAlls.empty()) {
+    std::erase(withRemoveAlls_, slot.place);
+  }
+  end(slot, false, 0);
+}
+
+void Intake::removeAllsSettle() {
+  for (std::size_t i = 0; i < withRemoveAlls_.size();) {
+    const std::size_t at = withRemoveAlls_[i];
+    Place& place = places_[at];
+    Common::AnyTable& table = *tables_[at];
+    // They commit in the order of their acceptance. One that failed is counted by the table for
+    // good.
+    std::uint64_t waiting = table.removeAllsInFlight() - place.removeAllsFailed;
+    for (auto one = place.removeAlls.rbegin(); one != place.removeAlls.rend(); ++one) {
+      if (waiting != 0) {
+        --waiting;
+      } else if (!one->committed) {
+        one->committed = true;
+        one->version = table.tableVersion();
+      }
+    }
+    while (!place.removeAlls.empty() && place.removeAlls.front().committed &&
+           place.removeAlls.front().version <= table.lastCleanedVersion()) {
+      Slot& slot = *place.removeAlls.front().slot;
+      place.removeAlls.pop_front();
+      end(slot, true, 0);
+    }
+    if (place.removeAlls.empty()) {
+      std::erase(withRemoveAlls_, at);
+    } else {
+      ++i;
+    }
+  }
+}
+
+void Intake::end(Slot& slot, bool success, std::uint64_t version) {
+  if (success) {
+    ++totals_.succeeded;
+  } else {
+    ++totals_.failed;
+    ++places_[slot.place].failed;
+  }
+  tell(slot, success, version);
+  slot.source->inFlightDec();
+  slot.source = nullptr;
+  slot.handle = nullptr;
+  slot.newest = nullptr;
+  free_.push_back(&slot);
+}
+
+void Intake::tell(const Slot& slot, bool success, std::uint64_t version) {
+  const Common::AnyTable& table = *tables_[slot.place];
+  text_.clear();
+  fmt::format_to(std::back_inserter(text_), R"({{"source":{},"line":{},"op":"{}","table":"{}")",
+                 slot.source->quotedName(), slot.line, name(slot.op), table.name());
+  fmt::format_to(std::back_inserter(text_), R"(,"unit":{})", table.unit().value);
+  if (slot.op != IntentOp::removeAll) {
+    text_ += ",\"key\":";
+    Common::appendKey(text_, slot.key);
+  }
+  text_ += success ? R"(,"outcome":"success")" : R"(,"outcome":"failed")";
+  if (slot.op != IntentOp::removeAll) {
+    fmt::format_to(std::back_inserter(text_), R"(,"version":{})", version);
+  }
+  text_ += "}\n";
+  slot.source->outcomeIs(text_);
+}
+
+bool Intake::logsTakenIn() const {
+  return std::all_of(tables_.begin(), tables_.end(), [](const auto& table) {
+    return table->lastCleanedVersion() >= table->tableVersion();
+  });
+}
+
+std::vector<Intake::Pending> Intake::pending(std::size_t most) const {
+  std::vector<const Slot*> oldest;
+  for (const Slot& slot : slots_) {
+    if (slot.source) {
+      oldest.push_back(&slot);
+    }
+  }
+  const auto end = oldest.begin() + static_cast<std::ptrdiff_t>(std::min(most, oldest.size()));
+  std::partial_sort(oldest.begin(), end, oldest.end(),
+                    [](const Slot* a, const Slot* b) { return a->number < b->number; });
+  std::vector<Pending> pending;
+  for (auto one = oldest.begin(); one != end; ++one) {
+    const Slot& slot = **one;
+    const Common::AnyTable& table = *tables_[slot.place];
+    Pending text;
+    text.intent = fmt::format("{}:{}: {} {}, unit {}", slot.source->name(), slot.line,
+                              name(slot.op), table.name(), table.unit());
+    if (slot.op != IntentOp::removeAll) {
+      text.intent += ", key ";
+      Common::appendKey(text.intent, slot.key);
+    }
+    const bool inLog =
+        slot.handle && slot.handle->entryState() == Asic::EntryState::entryStateInLog;
+    text.reason = inLog ? fmt::format("in the log at version {}, the hardware side has reported {}",
+                                      slot.handle->logVersion(), table.lastCleanedVersion())
+                        : std::string("not in the log yet");
+    if (slot.op == IntentOp::removeAll) {
+      text.reason = fmt::format("log at version {}, the hardware side has reported {}",
+                                table.tableVersion(), table.lastCleanedVersion());
+    }
+    pending.push_back(std::move(text));
+  }
+  return pending;
+}
+
+}  // namespace Agent

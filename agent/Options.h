@@ -1,0 +1,41 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+// How the process ends. The largest that applies is given, but for a store that can't be opened.
+enum ExitStatus : int {
+  kDone = 0,           // all that was asked for was done
+  kNotStarted = 1,     // a store, file or socket can't be opened, or an outcome not written
+  kLinesSkipped = 2,   // a line of a file of intents was wrong; all others were carried out
+  kIntentsFailed = 3,  // every line was right, but an intent ended as failed
+  kGaveUpWaiting = 4,  // --timeout: something never reached its end
+};
+
+// What the command line says.
+struct Options {
+  std::string name = "kelp";
+  std::string root = "/dev/shm";
+  std::vector<std::string> intents;  // "-": the standard input
+  std::string socket;                // empty: none
+  unsigned units = 1;
+  std::string outcomes = "-";  // "-": the standard output; "none"
+  std::string summary;         // empty: none; "-": the standard output
+  std::string brisk;           // empty: none
+  bool exitWhenDone = false;
+  std::optional<std::chrono::milliseconds> timeout;
+  std::size_t inFlight = 16384;
+  std::chrono::milliseconds peerTimeout{30000};
+  bool progress = false;
+};
+
+// Reads the command line. An exit status instead if there is nothing to run: help was asked for, or
+// the line is wrong, which has been said then.
+[[nodiscard]] std::optional<int> readOptions(int argc, char** argv, Options& options);
+
+}  // namespace Agent
