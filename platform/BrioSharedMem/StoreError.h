@@ -12,4 +12,16 @@ class StoreError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A reader has found no file. Its writer may make it any time.
+class AbsentError : public StoreError {
+ public:
+  using StoreError::StoreError;
+};
+
+// A reader has met a file of another layout than it was built for. Waiting does not help.
+class OtherLayoutError : public StoreError {
+ public:
+  using StoreError::StoreError;
+};
+
 }  // namespace BrioSharedMem
