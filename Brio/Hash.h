@@ -5,12 +5,13 @@
 #include <cstring>
 #include <type_traits>
 
-// Hashing for the collections that live in one process. The same key hashes alike in every run; nothing
-// that another process reads depends on it.
+// Hashing for the collections that live in one process. The same key hashes alike in every run;
+// nothing that another process reads depends on it.
 //
-// Everything rests on one step, fold(): a full 64 by 64 bit product whose halves are xored. A collection
-// takes its bucket from the top bits of a hash and tells members of a bucket apart by the low ones, so
-// both ends must be good; the tests measure both on dense, strided and packed keys.
+// Everything rests on one step, fold(): a full 64 by 64 bit product whose halves are xored. A
+// collection takes its bucket from the top bits of a hash and tells members of a bucket apart by
+// the low ones, so both ends must be good; the tests measure both on dense, strided and packed
+// keys.
 
 namespace Brio {
 
@@ -37,8 +38,8 @@ inline constexpr std::uint64_t kMultiplier[4] = {0x9fb21c651e98df25ULL, 0xe7037e
   return static_cast<std::uint32_t>(fold(state, kMultiplier[3]) >> 32);
 }
 
-// Folds N words into a running 32-bit hash. Every input bit reaches every output bit. The products of
-// one call do not wait for each other, so a long key is best mixed four words at a time.
+// Folds N words into a running 32-bit hash. Every input bit reaches every output bit. The products
+// of one call do not wait for each other, so a long key is best mixed four words at a time.
 template <unsigned N>
 [[nodiscard]] constexpr std::uint32_t hashMix(std::uint32_t hash,
                                               const std::uint64_t (&words)[N]) noexcept {
@@ -84,7 +85,7 @@ template <unsigned N>
 
 // Hash of a key that is one plain value without padding.
 template <class T>
-  requires std::has_unique_object_representations_v<T>
+requires std::has_unique_object_representations_v<T>
 [[nodiscard]] std::uint32_t hashSingleAttr(std::uint32_t seed, const T& value) noexcept {
   if constexpr (sizeof(T) <= 8) {
     std::uint64_t word = 0;

@@ -8,8 +8,9 @@
 #include "Brio/Hash.h"
 #include "Lumen/String.h"
 
-// What a keyed collection asks of its key type: a hash, an equality and an order. A key with operations
-// hash(seed) and isEq(other) brings its own; a plain value is hashed as one attribute and compared with
+// What a keyed collection asks of its key type: a hash, an equality and an order. A key with
+// operations hash(seed) and isEq(other) brings its own; a plain value is hashed as one attribute
+// and compared with
 // ==. The order is operator<=>.
 
 namespace Brio {
@@ -25,18 +26,18 @@ concept ComparesItself = requires(const Key& key) {
 };
 
 template <class Key>
-concept HashMap2018Key =
-    std::copy_constructible<Key> && (ComparesItself<Key> || std::equality_comparable<Key>) &&
-    (HashesItself<Key> || std::same_as<Key, Lumen::String> || requires(const Key& key) {
-      hashSingleAttr(0, key);
-    }) && requires(const Key& a, const Key& b) {
-      { (a <=> b) < 0 } -> std::convertible_to<bool>;
-    };
+concept HashMap2018Key = std::copy_constructible<Key> &&
+                         (ComparesItself<Key> || std::equality_comparable<Key>)&&(
+                             HashesItself<Key> || std::same_as<Key, Lumen::String> ||
+                             requires(const Key& key) { hashSingleAttr(0, key); }) &&
+                         requires(const Key& a, const Key& b) {
+  { (a <=> b) < 0 } -> std::convertible_to<bool>;
+};
 
 namespace HashHelper {
 
-// A key and its salted hash on the way into a collection. Holds the key's address: the key must outlive
-// it.
+// A key and its salted hash on the way into a collection. Holds the key's address: the key must
+// outlive it.
 struct KeyAndRhashSeedArg {
   const void* key;
   std::uint32_t hash;

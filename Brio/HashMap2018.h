@@ -14,15 +14,17 @@
 
 namespace Brio {
 
-// A keyed collection of nodes of type NodeT, which is or derives from Hm2018NE or Hm2018NI. Made for one
-// thread. An empty one allocates nothing. Lookups stand here, inline, and so do insertions and deletions
-// that change a bucket in place; all else goes to the type-blind engine (HashMap2018Generic.h).
+// A keyed collection of nodes of type NodeT, which is or derives from Hm2018NE or Hm2018NI. Made
+// for one thread. An empty one allocates nothing. Lookups stand here, inline, and so do insertions
+// and deletions that change a bucket in place; all else goes to the type-blind engine
+// (HashMap2018Generic.h).
 //
-// A pointer to a node is valid until the next change of the collection. Iterators survive every change.
-// Who writes a value through find() while an iterator stands on that bucket changes what the iterator
-// shows as stale, too; a key is never changed.
+// A pointer to a node is valid until the next change of the collection. Iterators survive every
+// change. Who writes a value through find() while an iterator stands on that bucket changes what
+// the iterator shows as stale, too; a key is never changed.
 //
-// Hashing is the caller's, once per operation: hashed(key) goes into as many calls as that key needs.
+// Hashing is the caller's, once per operation: hashed(key) goes into as many calls as that key
+// needs.
 template <class NodeT>
 class HashMap2018 {
  public:
@@ -74,7 +76,8 @@ class HashMap2018 {
       return static_cast<Node&>(
           *generic_.newMemberG(&vtable(), keyAndHash, Node(std::forward<Args>(args)...)));
     }
-    Node* made = ::new (static_cast<void*>(nodes(&bucket) + slot)) Node(std::forward<Args>(args)...);
+    Node* made =
+        ::new (static_cast<void*>(nodes(&bucket) + slot)) Node(std::forward<Args>(args)...);
     bucket.hashIs(slot, hash);
     bucket.usedIs(slot + 1);
     in.tagAppend(slot, hash);
@@ -82,8 +85,8 @@ class HashMap2018 {
     return *made;
   }
 
-  // True if the key was there. The removed node is moved to *out if `out` is not null. Both the node
-  // that goes and what *out held are destroyed after the collection has changed.
+  // True if the key was there. The removed node is moved to *out if `out` is not null. Both the
+  // node that goes and what *out held are destroyed after the collection has changed.
   bool del(HashHelper::KeyAndRhashSeedArg keyAndHash, Node* out) {
     Node* node = findNode(keyAndHash);
     if (node == nullptr) {
@@ -123,15 +126,13 @@ class HashMap2018 {
   }
 
   [[nodiscard]] const HashMap2018Generic& generic() const noexcept { return generic_; }
-  [[nodiscard]] static const HashMap2018VTable& vtable() noexcept {
-    return Impl::record;
-  }
+  [[nodiscard]] static const HashMap2018VTable& vtable() noexcept { return Impl::record; }
 
  private:
   using Impl = HashMap2018VTable::Impl<Node, Key>;
 
-  // A key in the slot that is no longer than two stored hashes is compared at once: its comparison costs
-  // less than that of the stored hash, after the tag has matched.
+  // A key in the slot that is no longer than two stored hashes is compared at once: its comparison
+  // costs less than that of the stored hash, after the tag has matched.
   static constexpr bool kStoredHashFirst = !Node::kStoresKey || sizeof(Key) > 8;
 
   [[nodiscard]] Node* findNode(HashHelper::KeyAndRhashSeedArg keyAndHash) const {

@@ -5,17 +5,17 @@
 
 namespace Brio {
 
-// Base of every node of a keyed collection; nodes are handed about as pointers to it wherever their type
-// is not known. Empty.
+// Base of every node of a keyed collection; nodes are handed about as pointers to it wherever their
+// type is not known. Empty.
 struct HashMap2018LinkNodeBase {};
 
 // Head of a bucket, the one allocation that holds several nodes:
 //
 //   [padding] hash[capacity-1] ... hash[1] hash[0] | header | slot 0, slot 1, ... slot[capacity-1]
 //
-// The stored hashes lie in front of the header, slot 0's next to it, so that header, hashes and slots are
-// all reached from the header's address alone. The slots follow at once: the padding in front aligns
-// them. Slots [0, used) hold nodes, the others are raw memory.
+// The stored hashes lie in front of the header, slot 0's next to it, so that header, hashes and
+// slots are all reached from the header's address alone. The slots follow at once: the padding in
+// front aligns them. Slots [0, used) hold nodes, the others are raw memory.
 //
 // A bucket is reference-counted, on the one thread that owns its collection. With more than one
 // reference it does not change any more, but for the values of its nodes and the mark that its
@@ -27,8 +27,7 @@ class alignas(8) HashMap2018BucketHdr {
   // There is room for a multiple of so many hashes.
   static constexpr unsigned kHashGroup = 4;
 
-  explicit HashMap2018BucketHdr(unsigned capacity) noexcept
-      : word_(capacity << kCapacityShift) {}
+  explicit HashMap2018BucketHdr(unsigned capacity) noexcept : word_(capacity << kCapacityShift) {}
   HashMap2018BucketHdr(const HashMap2018BucketHdr&) = delete;
   HashMap2018BucketHdr& operator=(const HashMap2018BucketHdr&) = delete;
 
@@ -62,13 +61,16 @@ class alignas(8) HashMap2018BucketHdr {
     return reinterpret_cast<std::uint32_t*>(this) - slot - count;
   }
 
-  // The four hashes from `slot` on, the highest slot's first. A group that begins in use can be read whole.
+  // The four hashes from `slot` on, the highest slot's first. A group that begins in use can be
+  // read whole.
   [[nodiscard]] const std::uint32_t* hashGroup(unsigned slot) const noexcept {
     return reinterpret_cast<const std::uint32_t*>(this) - slot - kHashGroup;
   }
 
   [[nodiscard]] char* slots() noexcept { return reinterpret_cast<char*>(this + 1); }
-  [[nodiscard]] const char* slots() const noexcept { return reinterpret_cast<const char*>(this + 1); }
+  [[nodiscard]] const char* slots() const noexcept {
+    return reinterpret_cast<const char*>(this + 1);
+  }
   [[nodiscard]] HashMap2018LinkNodeBase* node(unsigned slot, std::size_t nodeSize) noexcept {
     return reinterpret_cast<HashMap2018LinkNodeBase*>(slots() + slot * nodeSize);
   }

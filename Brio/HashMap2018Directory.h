@@ -19,8 +19,8 @@ struct HashMap2018DirectoryEntry {
   HashMap2018BucketHdr* bucket = nullptr;
   std::uint8_t tags[kTags] = {};
 
-  // What of a hash is kept beside the directory: its low byte, which has no part in the choice of the
-  // entry. 0 stands for a slot that is not in use.
+  // What of a hash is kept beside the directory: its low byte, which has no part in the choice of
+  // the entry. 0 stands for a slot that is not in use.
   [[nodiscard]] static std::uint8_t tagOf(std::uint32_t hash) noexcept {
     const auto low = static_cast<std::uint8_t>(hash);
     return static_cast<std::uint8_t>(low + (low == 0));
@@ -75,8 +75,9 @@ struct HashMap2018DirectoryEntry {
   void store(Tags all) noexcept {
 #if defined(__SSE2__)
     // One store, so that a lookup that follows at once finds it whole in the store buffer.
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(tags),
-                     _mm_set_epi64x(static_cast<long long>(all >> 64), static_cast<long long>(all)));
+    _mm_storeu_si128(
+        reinterpret_cast<__m128i*>(tags),
+        _mm_set_epi64x(static_cast<long long>(all >> 64), static_cast<long long>(all)));
 #else
     std::memcpy(tags, &all, kTags);
 #endif

@@ -116,7 +116,8 @@ std::uint64_t HashMap2018Generic::slotOrderByKeys(const HashMap2018VTable* vtabl
       const unsigned other = slots[place - 1];
       if (bucket->hash(other) < bucket->hash(slot) ||
           (bucket->hash(other) == bucket->hash(slot) &&
-           vtable->compareOrLruUnlink(nullptr, node, bucket->node(other, vtable->nodeSize())) != 1)) {
+           vtable->compareOrLruUnlink(nullptr, node, bucket->node(other, vtable->nodeSize())) !=
+               1)) {
         break;
       }
       slots[place] = slots[place - 1];
@@ -222,7 +223,7 @@ void HashMap2018Generic::_memberDelAll(const HashMap2018VTable* vtable) {
 void HashMap2018Generic::emptyAllBuckets(const HashMap2018VTable* vtable, bool freeDirectory) {
   peak_ = std::max(peak_, members_);
   // Every step leaves the collection whole, and asks anew: a node that goes may call anything.
-  for (std::size_t i = 0; members_ != 0 && i < directorySize(); ++i) {
+  for (std::size_t i = 0; slots_ != 0 && i < directorySize(); ++i) {
     if (HashMap2018BucketHdr* bucket = directory_[i].bucket; bucket != nullptr) {
       members_ -= bucket->used();
       directory_[i].bucketIs(nullptr);
@@ -247,7 +248,8 @@ HashMap2018BucketHdr* HashMap2018Generic::assemble(const HashMap2018VTable* vtab
   unsigned used = 0;
   for (unsigned i = 0; i < numPieces; ++i) {
     const Piece& piece = pieces[i];
-    std::memcpy(bucket->hashRange(used, piece.count), piece.bucket->hashRange(piece.first, piece.count),
+    std::memcpy(bucket->hashRange(used, piece.count),
+                piece.bucket->hashRange(piece.first, piece.count),
                 piece.count * sizeof(std::uint32_t));
     ranges[i] = {piece.bucket->node(piece.first, vtable->nodeSize()), piece.count,
                  piece.bucket->shared() ? MoveOrCopy::copy : MoveOrCopy::move};
@@ -291,8 +293,8 @@ HashMap2018DirectoryEntry& HashMap2018Generic::makeRoom(const HashMap2018VTable*
   return in;
 }
 
-// The directory shrinks when it was at least eight times too large for the length of an epoch, so that a
-// collection that is filled and drained again and again keeps the one it needs.
+// The directory shrinks when it was at least eight times too large for the length of an epoch, so
+// that a collection that is filled and drained again and again keeps the one it needs.
 void HashMap2018Generic::endOfEpoch(const HashMap2018VTable* vtable) {
   const std::size_t size = vtable->nodeSize();
   unsigned log2 = directoryLog2();

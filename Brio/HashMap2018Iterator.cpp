@@ -21,7 +21,8 @@ HashMap2018IteratorGeneric::HashMap2018IteratorGeneric(const HashMap2018Generic&
     return;
   }
   const HashMap2018BucketHdr* bucket = collection.entry(keyAndHash.hash).bucket;
-  const auto offset = static_cast<std::size_t>(reinterpret_cast<const char*>(node) - bucket->slots());
+  const auto offset =
+      static_cast<std::size_t>(reinterpret_cast<const char*>(node) - bucket->slots());
   const auto slot = static_cast<unsigned>(offset / vtable->nodeSize());
   if (HashMap2018Generic::ordered(bucket)) {
     standAt(bucket, slot);
@@ -33,17 +34,16 @@ HashMap2018IteratorGeneric::HashMap2018IteratorGeneric(const HashMap2018Generic&
   }
 }
 
-bool HashMap2018IteratorGeneric::operator==(const HashMap2018IteratorGeneric& other) const {
-  if (bucket_ == nullptr || other.bucket_ == nullptr) {
-    return bucket_ == other.bucket_;
-  }
-  if (collection_ != other.collection_ || bucket_->hash(slot_) != other.bucket_->hash(other.slot_)) {
+bool HashMap2018IteratorGeneric::atSameKey(const HashMap2018IteratorGeneric& other) const {
+  if (collection_ != other.collection_ ||
+      bucket_->hash(slot_) != other.bucket_->hash(other.slot_)) {
     return false;
   }
   if (bucket_ == other.bucket_ && slot_ == other.slot_) {
     return true;
   }
-  return vtable_->compareOrLruUnlink(nullptr, currNodeMaybeStale(), other.currNodeMaybeStale()) == 0;
+  return vtable_->compareOrLruUnlink(nullptr, currNodeMaybeStale(), other.currNodeMaybeStale()) ==
+         0;
 }
 
 const HashMap2018LinkNodeBase* HashMap2018IteratorGeneric::currNodeNonStale() const {
@@ -61,13 +61,15 @@ const HashMap2018LinkNodeBase* HashMap2018IteratorGeneric::currNodeNonStale() co
              : nullptr;
 }
 
-bool HashMap2018IteratorGeneric::findPresent(std::uint32_t hash, const HashMap2018LinkNodeBase* node,
+bool HashMap2018IteratorGeneric::findPresent(std::uint32_t hash,
+                                             const HashMap2018LinkNodeBase* node,
                                              unsigned& slot) const {
   const HashMap2018DirectoryEntry& in = collection_->entry(hash);
   const auto isNode = [&](unsigned candidate) {
     slot = candidate;
     return in.bucket->hash(slot) == hash &&
-           vtable_->compareOrLruUnlink(nullptr, node, in.bucket->node(slot, vtable_->nodeSize())) == 0;
+           vtable_->compareOrLruUnlink(nullptr, node, in.bucket->node(slot, vtable_->nodeSize())) ==
+               0;
   };
   if (in.bucket != nullptr && HashMap2018Generic::ordered(in.bucket)) {
     const unsigned bound = HashMap2018Generic::lowerBound(vtable_, in.bucket, hash, nullptr, node);
@@ -89,7 +91,8 @@ void HashMap2018IteratorGeneric::findSuccessor() {
   const auto comesBehind = [&](unsigned slot) {
     return present->hash(slot) > hash ||
            (present->hash(slot) == hash &&
-            vtable_->compareOrLruUnlink(nullptr, seen, present->node(slot, vtable_->nodeSize())) == 1);
+            vtable_->compareOrLruUnlink(nullptr, seen, present->node(slot, vtable_->nodeSize())) ==
+                1);
   };
   if (present != nullptr) {
     const unsigned used = present->used();

@@ -6,8 +6,8 @@ namespace Brio {
 
 // A place in a keyed collection, blind to types. It survives any change of the collection (see
 // HashMap2018Generic.h); the collection must outlive every use of it but currNodeMaybeStale(),
-// assignment and destruction. Holds a reference on one bucket: while it stands, the first change of that
-// bucket costs a copy of it.
+// assignment and destruction. Holds a reference on one bucket: while it stands, the first change of
+// that bucket costs a copy of it.
 class HashMap2018IteratorGeneric {
  public:
   struct EndOfCollection {};
@@ -56,7 +56,10 @@ class HashMap2018IteratorGeneric {
   }
 
   // Both at an end, or both at the same key.
-  [[nodiscard]] bool operator==(const HashMap2018IteratorGeneric& other) const;
+  [[nodiscard]] bool operator==(const HashMap2018IteratorGeneric& other) const {
+    return bucket_ == nullptr || other.bucket_ == nullptr ? bucket_ == other.bucket_
+                                                          : atSameKey(other);
+  }
 
   // To the next node in the collection's order, or to the end. At the end: nothing.
   void advance() {
@@ -86,14 +89,14 @@ class HashMap2018IteratorGeneric {
   [[nodiscard]] bool hasCollection() const noexcept { return collection_ != nullptr; }
   [[nodiscard]] bool atEnd() const noexcept { return bucket_ == nullptr; }
 
-  // The node as the iterator sees it, valid even if it has been removed or replaced since; null at the
-  // end. Its key never changes. A value that was overwritten in place shows the new value until the
-  // bucket is copied. Valid while the iterator stands on it.
+  // The node as the iterator sees it, valid even if it has been removed or replaced since; null at
+  // the end. Its key never changes. A value that was overwritten in place shows the new value until
+  // the bucket is copied. Valid while the iterator stands on it.
   [[nodiscard]] const HashMap2018LinkNodeBase* currNodeMaybeStale() const noexcept {
     return bucket_ == nullptr ? nullptr : bucket_->node(slot_, vtable_->nodeSize());
   }
-  // The present node of that key; null if it is gone, or at the end. Costs a lookup if the bucket has
-  // changed.
+  // The present node of that key; null if it is gone, or at the end. Costs a lookup if the bucket
+  // has changed.
   [[nodiscard]] const HashMap2018LinkNodeBase* currNodeNonStale() const;
 
   // Both for typed iterators, which know the size of a node.
@@ -101,6 +104,7 @@ class HashMap2018IteratorGeneric {
   [[nodiscard]] unsigned slot() const noexcept { return slot_; }
 
  private:
+  [[nodiscard]] bool atSameKey(const HashMap2018IteratorGeneric& other) const;
   // To the first node behind the one that it stands on, whose bucket is detached.
   void findSuccessor();
   void drop(const HashMap2018BucketHdr* bucket) const {
@@ -116,7 +120,7 @@ class HashMap2018IteratorGeneric {
     const std::size_t end = collection_->directorySize();
     for (; index < end; ++index) {
       const HashMap2018BucketHdr* bucket = collection_->entryAt(index).bucket;
-      if (bucket != nullptr) {
+      if (bucket != nullptr && bucket->used() != 0) {
         prefetch(index + kEntriesAhead < end ? index + kEntriesAhead : end - 1);
         standAt(bucket, 0);
         return;
@@ -124,13 +128,13 @@ class HashMap2018IteratorGeneric {
     }
     bucket_ = nullptr;
   }
-  // Asks for the bucket of an entry ahead, and for the far end of its first node: a walk meets buckets in
-  // no order of memory.
+  // Asks for the bucket of an entry ahead, and for the far end of its first node: a walk meets
+  // buckets in no order of memory.
   void prefetch(std::size_t index) const noexcept {
     const HashMap2018BucketHdr* bucket = collection_->entryAt(index).bucket;
     __builtin_prefetch(bucket);
-    __builtin_prefetch(
-        reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(bucket) + vtable_->nodeSize()));
+    __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(bucket) +
+                                                     vtable_->nodeSize()));
   }
   // To the place `place` in the order of `bucket`.
   void standAt(const HashMap2018BucketHdr* bucket, unsigned place) noexcept {
@@ -153,7 +157,8 @@ class HashMap2018IteratorGeneric {
   const HashMap2018Generic* collection_ = nullptr;
   const HashMap2018VTable* vtable_ = nullptr;
   const HashMap2018BucketHdr* bucket_ = nullptr;
-  std::uint64_t order_ = 0;  // of the slots behind the current one, if the bucket is not an ordered one
+  std::uint64_t order_ =
+      0;  // of the slots behind the current one, if the bucket is not an ordered one
   unsigned slot_ = 0;
   unsigned behind_ = 0;  // nodes of the bucket behind the current one
 };

@@ -8,8 +8,8 @@
 
 namespace Brio {
 
-// Node of a set (Value is void) or of a map whose value does not contain the key: the key and, if there
-// is one, the value, each by itself. `salt` is the collection type's own; `alloc` is 1.
+// Node of a set (Value is void) or of a map whose value does not contain the key: the key and, if
+// there is one, the value, each by itself. `salt` is the collection type's own; `alloc` is 1.
 template <std::uint32_t salt, class KeyT, class ValueT, unsigned alloc>
 class Hm2018NE : public HashMap2018LinkNodeBase {
   static_assert(alloc == 1, "the only kind of allocation: buckets from the slab");

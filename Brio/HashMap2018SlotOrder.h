@@ -10,12 +10,14 @@
 
 namespace Brio {
 
-// Ranks the slots of a bucket of at most 16 by their stored hashes, without a branch on any of them.
+// Ranks the slots of a bucket of at most 16 by their stored hashes, without a branch on any of
+// them.
 class HashMap2018SlotOrder {
  public:
-  // The slots in ascending order of their hashes, four bits each, the first lowest. False, and `order` of
-  // no use, if hashes are equal.
-  [[nodiscard]] static bool byHash(const HashMap2018BucketHdr* bucket, std::uint64_t& order) noexcept {
+  // The slots in ascending order of their hashes, four bits each, the first lowest. False, and
+  // `order` of no use, if hashes are equal.
+  [[nodiscard]] static bool byHash(const HashMap2018BucketHdr* bucket,
+                                   std::uint64_t& order) noexcept {
     const unsigned used = bucket->used();
     order = 0;
     if (used == 1) {
@@ -54,8 +56,8 @@ class HashMap2018SlotOrder {
           _mm_set1_epi32(static_cast<std::int32_t>(bucket->hash(slot) ^ 0x80000000U));
       __m128i lower = _mm_packs_epi32(_mm_cmpgt_epi32(key, keys[0]), _mm_cmpgt_epi32(key, keys[1]));
       if constexpr (groups == 4) {
-        lower = _mm_packs_epi16(lower, _mm_packs_epi32(_mm_cmpgt_epi32(key, keys[2]),
-                                                       _mm_cmpgt_epi32(key, keys[3])));
+        lower = _mm_packs_epi16(
+            lower, _mm_packs_epi32(_mm_cmpgt_epi32(key, keys[2]), _mm_cmpgt_epi32(key, keys[3])));
       } else {
         lower = _mm_packs_epi16(lower, _mm_setzero_si128());
       }

@@ -27,28 +27,29 @@ struct HashMap2018NodeRange {
   MoveOrCopy moveOrCopy;
 };
 
-// All that the engine knows about the nodes and keys of a collection type: one constant record per type,
-// made by Impl<Node, Key>.
+// All that the engine knows about the nodes and keys of a collection type: one constant record per
+// type, made by Impl<Node, Key>.
 struct HashMap2018VTable {
   // The node's size in the upper half, its alignment in the lower byte, and kStoredHashes.
   std::uint32_t sizeWord;
-  // Drops a reference on a bucket. With the last one the nodes are destroyed and the block is freed.
+  // Drops a reference on a bucket. With the last one the nodes are destroyed and the block is
+  // freed.
   void (*bktHdrRefDec)(const HashMap2018BucketHdr* bucket);
   bool (*keyEqualsNode)(const void* key, const HashMap2018LinkNodeBase* node);
   // Makes a node in the raw memory `slot` out of `node`, which a move leaves behind cleared.
   void (*place)(const HashMap2018VTable* vtable, void* slot, HashMap2018LinkNodeBase* node,
                 MoveOrCopy moveOrCopy);
-  // Moves the slots [first, end) of `nodes` by `slotsToShift` places. Negative: closes the gap in front of
-  // `first`; the nodes in the gap are destroyed. Positive: must be 1; opens a gap at `first` and moves
-  // `node` into it.
+  // Moves the slots [first, end) of `nodes` by `slotsToShift` places. Negative: closes the gap in
+  // front of `first`; the nodes in the gap are destroyed. Positive: must be 1; opens a gap at
+  // `first` and moves `node` into it.
   void (*shift)(const HashMap2018VTable* vtable, HashMap2018LinkNodeBase* nodes,
                 HashMap2018LinkNodeBase* node, unsigned first, unsigned end, int slotsToShift);
-  // Fills the raw slots at `dest` of a new bucket of `capacity` with the nodes of `sources`, one range
-  // after the other. Yields the number of nodes placed.
+  // Fills the raw slots at `dest` of a new bucket of `capacity` with the nodes of `sources`, one
+  // range after the other. Yields the number of nodes placed.
   unsigned (*newBucketAssemble)(const HashMap2018VTable* vtable, unsigned capacity, void* dest,
                                 const HashMap2018NodeRange* sources, unsigned numSources);
-  // Orders a key and a node: the left side is the key of `a`, or `key` if `a` is null; the right side is
-  // the key of `b`. 0: equal, 1: the left is less, 2: otherwise.
+  // Orders a key and a node: the left side is the key of `a`, or `key` if `a` is null; the right
+  // side is the key of `b`. 0: equal, 1: the left is less, 2: otherwise.
   unsigned (*compareOrLruUnlink)(const void* key, const HashMap2018LinkNodeBase* a,
                                  const HashMap2018LinkNodeBase* b);
 
@@ -61,8 +62,8 @@ struct HashMap2018VTable {
   // For nodes that are plain values of `nodeSize` bytes, which is known here so that small ones are
   // copied without a call.
   template <std::size_t nodeSize>
-  static void trivialPlace(const HashMap2018VTable* vtable, void* slot, HashMap2018LinkNodeBase* node,
-                           MoveOrCopy moveOrCopy);
+  static void trivialPlace(const HashMap2018VTable* vtable, void* slot,
+                           HashMap2018LinkNodeBase* node, MoveOrCopy moveOrCopy);
   template <std::size_t nodeSize>
   static void trivialShift(const HashMap2018VTable* vtable, HashMap2018LinkNodeBase* nodes,
                            HashMap2018LinkNodeBase* node, unsigned first, unsigned end,
@@ -82,13 +83,16 @@ struct HashMap2018VTable {
   static Lumen::MemTrack bucketTracker_;
 };
 
-// The functions and the record of collections of Node. Key equality and order are those of HashKey.h.
+// The functions and the record of collections of Node. Key equality and order are those of
+// HashKey.h.
 template <class Node, class Key>
 class HashMap2018VTable::Impl {
   static_assert(HashMap2018Key<Key>);
   static_assert(std::is_base_of_v<HashMap2018LinkNodeBase, Node>);
-  static_assert(std::is_copy_constructible_v<Node>, "a shared bucket is copied before it is changed");
-  static_assert(std::is_nothrow_move_constructible_v<Node> && std::is_nothrow_move_assignable_v<Node>);
+  static_assert(std::is_copy_constructible_v<Node>,
+                "a shared bucket is copied before it is changed");
+  static_assert(std::is_nothrow_move_constructible_v<Node> &&
+                std::is_nothrow_move_assignable_v<Node>);
   static_assert(sizeof(Node) <= 0xffff && alignof(Node) <= 16);
 
  public:
@@ -203,7 +207,7 @@ class HashMap2018VTable::Impl {
               &trivialNewBucketAssemble<sizeof(Node), nodeTracker_>,
               &compareOrLruUnlink};
     } else {
-      return {kSizeWord, &bktHdrRefDec, &keyEqualsNode,     &place,
+      return {kSizeWord, &bktHdrRefDec,      &keyEqualsNode,     &place,
               &shift,    &newBucketAssemble, &compareOrLruUnlink};
     }
   }
@@ -245,7 +249,8 @@ unsigned HashMap2018VTable::trivialNewBucketAssemble(const HashMap2018VTable*, u
       std::memcpy(slot, node, nodeSize);
     }
   }
-  return static_cast<unsigned>(static_cast<std::size_t>(slot - static_cast<char*>(dest)) / nodeSize);
+  return static_cast<unsigned>(static_cast<std::size_t>(slot - static_cast<char*>(dest)) /
+                               nodeSize);
 }
 
 }  // namespace Brio

@@ -37,8 +37,8 @@ class HashMap2018ConstIterator {
   HashMap2018IteratorGeneric iter_;
 };
 
-// The same walk as a standard input iterator, for range-for. Dereferencing or incrementing one that has
-// no collection is an assertion, and so is dereferencing one at the end.
+// The same walk as a standard input iterator, for range-for. Dereferencing or incrementing one that
+// has no collection is an assertion, and so is dereferencing one at the end.
 template <class Node>
 class StdIterator {
  public:

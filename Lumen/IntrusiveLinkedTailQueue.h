@@ -7,8 +7,8 @@ namespace Lumen {
 template <class ElementType, auto ptrToLinkNode>
 class IntrusiveLinkedTailQueue;
 
-// What makes an object an element of such a queue: one word, the next element of the circle. An element
-// must leave its queue before it is destroyed.
+// What makes an object an element of such a queue: one word, the next element of the circle. An
+// element must leave its queue before it is destroyed.
 class IntrusiveLinkedTailQueueLink {
  public:
   IntrusiveLinkedTailQueueLink() noexcept = default;
@@ -25,8 +25,8 @@ class IntrusiveLinkedTailQueueLink {
   void* next_ = nullptr;  // the element, not its link
 };
 
-// First-in first-out queue of elements that carry their own link, the member `ptrToLinkNode`. One word:
-// the list is circular and the queue holds its tail, whose link is the head. Owns nothing.
+// First-in first-out queue of elements that carry their own link, the member `ptrToLinkNode`. One
+// word: the list is circular and the queue holds its tail, whose link is the head. Owns nothing.
 template <class ElementType, auto ptrToLinkNode>
 class IntrusiveLinkedTailQueue {
  public:

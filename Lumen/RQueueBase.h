@@ -13,13 +13,14 @@
 #include "Lumen/TypeName.h"
 #include "Lumen/Util.h"
 
-// A first-in first-out queue whose elements keep a logical index for life: a ring of chunks, not a ring
-// of slots. Elements never move; memory grows by a chunk and shrinks by a chunk that has been read out.
+// A first-in first-out queue whose elements keep a logical index for life: a ring of chunks, not a
+// ring of slots. Elements never move; memory grows by a chunk and shrinks by a chunk that has been
+// read out.
 //
 //   tail -> [chunk] -> head -> [chunk] -> ... -> [chunk] -> tail
 //
-// The element in slot s of a chunk has the index firstIndex + s. A queue that was read empty keeps a
-// marker, one chunk without slots whose firstIndex is the next index to give out.
+// The element in slot s of a chunk has the index firstIndex + s. A queue that was read empty keeps
+// a marker, one chunk without slots whose firstIndex is the next index to give out.
 //
 // Invariants:
 //   1. beginPos <= endPos <= capacity in every chunk; slots [beginPos, endPos) hold elements.
@@ -55,10 +56,10 @@ class RQueueBase {
   // A chunk: this header and, behind it, the slots.
   struct Array {
     IntrusiveLinkedTailQueueLink link;
-    std::uint32_t beginPos : 14;      // first element not yet dequeued
-    std::uint32_t endPos : 14;        // behind the last element enqueued
-    std::uint32_t capacityLog2 : 4;   // 0 stands for capacity 0: a marker
-    std::uint32_t firstIndex;         // of slot 0
+    std::uint32_t beginPos : 14;     // first element not yet dequeued
+    std::uint32_t endPos : 14;       // behind the last element enqueued
+    std::uint32_t capacityLog2 : 4;  // 0 stands for capacity 0: a marker
+    std::uint32_t firstIndex;        // of slot 0
 
     Array(unsigned capacity, std::uint32_t first) noexcept
         : beginPos(0),
@@ -111,8 +112,8 @@ class RQueueBase {
     // The distance from the front decides also for an index on the far side of the circle.
     return index - frontIndex() < size();
   }
-  // The element of the index; null if out of range. Costs a walk over the chunks, none if it is in the
-  // last one.
+  // The element of the index; null if out of range. Costs a walk over the chunks, none if it is in
+  // the last one.
   [[nodiscard]] const T* at(unsigned index) const noexcept {
     if (!has(index)) {
       return nullptr;
@@ -135,7 +136,8 @@ class RQueueBase {
   static MemTrack& chunkTracker() noexcept { return chunkTracker_; }
 
  protected:
-  // An empty queue; the first element gets the index `firstIndex`. Allocates nothing for the usual one.
+  // An empty queue; the first element gets the index `firstIndex`. Allocates nothing for the usual
+  // one.
   explicit RQueueBase(MemTrack& elementTracker, std::uint32_t firstIndex) {
     if (firstIndex != kFirstIndex) {
       chunks_.push(makeChunk(elementTracker, 0, firstIndex));
@@ -187,7 +189,8 @@ class RQueueBase {
       return;
     }
     const std::uint32_t next = chunks_.tail()->firstIndex + chunks_.tail()->endPos;
-    // Elements are released when the queue is empty already: they may call anything on their way out.
+    // Elements are released when the queue is empty already: they may call anything on their way
+    // out.
     Chunks cleared = std::exchange(chunks_, {});
     if (keepIndex) {
       chunks_.push(makeChunk(elementTracker, 0, next));
@@ -236,9 +239,9 @@ class RQueueBase {
   Chunks chunks_;
 };
 
-// Walks a queue from its front. It survives enqueues, dequeues and clears that keep the index: when what
-// it stands on has been dequeued, the next step goes to the present front. Until then it must not be
-// dereferenced. The queue must outlive it.
+// Walks a queue from its front. It survives enqueues, dequeues and clears that keep the index: when
+// what it stands on has been dequeued, the next step goes to the present front. Until then it must
+// not be dereferenced. The queue must outlive it.
 template <class T>
 class RQueueBaseConstIter {
  public:

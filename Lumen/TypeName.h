@@ -31,8 +31,8 @@ inline constexpr auto kTypeNameText = [] {
 
 }  // namespace Impl
 
-// The full name of T as the compiler spells it, zero-terminated and for ever valid. For trackers and
-// diagnostics: the spelling differs between compilers.
+// The full name of T as the compiler spells it, zero-terminated and for ever valid. For trackers
+// and diagnostics: the spelling differs between compilers.
 template <class T>
 [[nodiscard]] constexpr const char* typeName() noexcept {
   return Impl::kTypeNameText<T>.data();

@@ -7,7 +7,9 @@
 
 namespace Lumen {
 
-[[nodiscard]] constexpr bool isPowerOfTwo(std::uint32_t i) noexcept { return std::has_single_bit(i); }
+[[nodiscard]] constexpr bool isPowerOfTwo(std::uint32_t i) noexcept {
+  return std::has_single_bit(i);
+}
 
 // The n of i = 2^n. Asserts that `i` is a power of two.
 [[nodiscard]] inline unsigned powerOfTwoLog2(std::uint32_t i) noexcept {

@@ -1,10 +1,10 @@
-// The keyed collection against absl::flat_hash_map and std::unordered_map: maps from a 4-byte and from a
-// 544-byte key to 8 bytes, with 100 and with 65,536 members.
+// The keyed collection against absl::flat_hash_map and std::unordered_map: maps from a 4-byte and
+// from a 544-byte key to 8 bytes, with 100 and with 65,536 members.
 //
-// Every peer does the same work on the same keys in the same order. Rounds go over all peers in turn and
-// each time is the least of all rounds, so that a disturbance hits no peer alone. Ratios are those of
-// one run. Peers come twice: with the collection's own hash function, and with the hash that they use
-// when left alone.
+// Every peer does the same work on the same keys in the same order. Rounds go over all peers in
+// turn and each time is the least of all rounds, so that a disturbance hits no peer alone. Ratios
+// are those of one run. Peers come twice: with the collection's own hash function, and with the
+// hash that they use when left alone.
 
 #include <absl/container/flat_hash_map.h>
 #include <absl/hash/hash.h>
@@ -125,7 +125,7 @@ template <class Key>
 struct Workload {
   std::vector<Key> members;
   std::vector<Key> others;
-  std::vector<std::uint32_t> order;   // of lookups
+  std::vector<std::uint32_t> order;    // of lookups
   std::vector<std::uint32_t> shuffle;  // of erasures
 };
 
@@ -159,8 +159,8 @@ Workload<Key> makeWorkload(unsigned members) {
 }
 
 constexpr unsigned kOperations = 6;
-constexpr std::array<const char*, kOperations> kNames = {"hit", "miss", "insert", "delete", "walk",
-                                                         "churn"};
+constexpr std::array<const char*, kOperations> kNames = {"hit",    "miss", "insert",
+                                                         "delete", "walk", "churn"};
 using Times = std::array<double, kOperations>;
 
 std::uint64_t sink = 0;
@@ -258,13 +258,14 @@ void compare(const char* keyName, unsigned members, unsigned rounds) {
                        full.map.generic().directorySize() * sizeof(Brio::HashMap2018DirectoryEntry);
   fmt::print("{} keys, {} members; {:.2f} times the bytes of nodes and hashes\n", keyName, members,
              bytes / (perMember * members));
-  fmt::print("{:8} {:>9} | {:>9} {:>9} {:>9} {:>9} | ratio to {:>6} {:>6} {:>6} {:>6}\n", "", "ours ns",
-             "absl", "absl own", "std", "std own", "absl", "a.own", "std", "s.own");
+  fmt::print("{:8} {:>9} | {:>9} {:>9} {:>9} {:>9} | ratio to {:>6} {:>6} {:>6} {:>6}\n", "",
+             "ours ns", "absl", "absl own", "std", "std own", "absl", "a.own", "std", "s.own");
   for (unsigned i = 0; i < kOperations; ++i) {
-    fmt::print("{:8} {:9.2f} | {:9.2f} {:9.2f} {:9.2f} {:9.2f} |          {:6.2f} {:6.2f} {:6.2f} {:6.2f}\n",
-               kNames[i], ours[i], abslSame[i], abslOwn[i], stdSame[i], stdOwn[i],
-               ours[i] / abslSame[i], ours[i] / abslOwn[i], ours[i] / stdSame[i],
-               ours[i] / stdOwn[i]);
+    fmt::print(
+        "{:8} {:9.2f} | {:9.2f} {:9.2f} {:9.2f} {:9.2f} |          {:6.2f} {:6.2f} {:6.2f} "
+        "{:6.2f}\n",
+        kNames[i], ours[i], abslSame[i], abslOwn[i], stdSame[i], stdOwn[i], ours[i] / abslSame[i],
+        ours[i] / abslOwn[i], ours[i] / stdSame[i], ours[i] / stdOwn[i]);
   }
   fmt::print("\n");
 }

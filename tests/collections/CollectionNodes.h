@@ -15,8 +15,9 @@
 #include "Lumen/Ptr.h"
 #include "Lumen/String.h"
 
-// Node types of all kinds and key widths, each with a description of how to make its n-th key and a node
-// of it; and a collection over std::map with the same face, on which the suites are proved themselves.
+// Node types of all kinds and key widths, each with a description of how to make its n-th key and a
+// node of it; and a collection over std::map with the same face, on which the suites are proved
+// themselves.
 
 namespace collections_test {
 
@@ -28,9 +29,9 @@ struct FieldsKey {
   std::uint64_t circuit = 0;
 
   [[nodiscard]] std::uint32_t hash(std::uint32_t seed) const noexcept {
-    return Brio::Hash::hashMix<2>(
-        seed, {static_cast<std::uint64_t>(port) << 48 | static_cast<std::uint64_t>(vlan) << 32 | label,
-               circuit});
+    return Brio::Hash::hashMix<2>(seed, {static_cast<std::uint64_t>(port) << 48 |
+                                             static_cast<std::uint64_t>(vlan) << 32 | label,
+                                         circuit});
   }
   [[nodiscard]] bool isEq(const FieldsKey& other) const noexcept {
     return (*this <=> other) == std::strong_ordering::equal;

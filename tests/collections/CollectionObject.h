@@ -9,7 +9,8 @@
 
 namespace collections_test {
 
-// A counted object, as collections hold them through Lumen::Ptr. It may run something on its way out.
+// A counted object, as collections hold them through Lumen::Ptr. It may run something on its way
+// out.
 class Object : public Lumen::Node, public PoolSlab::Slabbed<Object> {
  public:
   static constexpr const char* className() { return "collections_test::Object"; }

@@ -1,5 +1,5 @@
-// One suite for every kind of node and width of key, and for a reference over std::map, which proves the
-// suite itself.
+// One suite for every kind of node and width of key, and for a reference over std::map, which
+// proves the suite itself.
 
 #include <gtest/gtest.h>
 

@@ -244,7 +244,8 @@ TEST_F(MapEngine, LeavesWhatAnIteratorHoldsWhenItDeletesOrRemovesAll) {
     }
     const std::uint64_t key = 4;
     const HashMap2018IteratorGeneric iterator(engine, vtable, arg(key));
-    const HashMap2018IteratorGeneric end(engine, vtable, HashMap2018IteratorGeneric::EndOfCollection{});
+    const HashMap2018IteratorGeneric end(engine, vtable,
+                                         HashMap2018IteratorGeneric::EndOfCollection{});
     EXPECT_NE(iterator, end);
     Slots<HN_MapObject, 1> out;
     ASSERT_TRUE(engine.deleteMemberG(vtable, arg(key), out.memory));
@@ -316,7 +317,8 @@ TEST_F(StringEngine, FindsAStringKeyByAView) {
   const auto key = makeKey<Lumen::String>(42);
   const std::string longer = key + " and more";
   const auto* node = engine.lookupNodeG(
-      vtable, Brio::HashHelper::KeyString{std::string_view(longer).substr(0, key.size()), arg(key).hash});
+      vtable,
+      Brio::HashHelper::KeyString{std::string_view(longer).substr(0, key.size()), arg(key).hash});
   ASSERT_NE(node, nullptr);
   EXPECT_TRUE(holds(*static_cast<const HN_MapString*>(node), 42));
   EXPECT_EQ(engine.lookupNodeG(vtable, Brio::HashHelper::KeyString{"absent", 1}), nullptr);

@@ -1,5 +1,5 @@
-// What the collection promises beyond the contract of a map: what it costs, what it counts, and what the
-// engine and its records look like from below.
+// What the collection promises beyond the contract of a map: what it costs, what it counts, and
+// what the engine and its records look like from below.
 
 #include "Brio/HashMap2018.h"
 
@@ -158,9 +158,8 @@ TYPED_TEST(CollectionAccounts, ShowLittleSlackAtLoad) {
   for (unsigned n = 0; n < 40000; ++n) {
     insert(map, n);
     if (n >= 5000 && n % 500 == 0) {
-      const double bytes =
-          map.slotCount() * slot +
-          map.generic().directorySize() * sizeof(Brio::HashMap2018DirectoryEntry);
+      const double bytes = map.slotCount() * slot +
+                           map.generic().directorySize() * sizeof(Brio::HashMap2018DirectoryEntry);
       sum += bytes / (n + 1) / slot;
       ++samples;
     }

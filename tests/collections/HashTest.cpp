@@ -1,5 +1,6 @@
-// A collection takes its bucket from the top bits of a hash and tells members of a bucket apart by the low
-// byte. Both are measured on the keys that are met in life: dense numbers, strides, packed fields.
+// A collection takes its bucket from the top bits of a hash and tells members of a bucket apart by
+// the low byte. Both are measured on the keys that are met in life: dense numbers, strides, packed
+// fields.
 
 #include "Brio/Hash.h"
 
@@ -85,7 +86,9 @@ const HashOf kSingle32 = [](std::uint64_t key) {
   return Brio::hashSingleAttr(0x1234567, static_cast<std::uint32_t>(key));
 };
 const HashOf kMix2 = [](std::uint64_t key) { return Brio::Hash::hashMix<2>(99, {5, key}); };
-const HashOf kMix4 = [](std::uint64_t key) { return Brio::Hash::hashMix<4>(99, {key, 1, 2, key >> 3}); };
+const HashOf kMix4 = [](std::uint64_t key) {
+  return Brio::Hash::hashMix<4>(99, {key, 1, 2, key >> 3});
+};
 const HashOf kMix1 = [](std::uint64_t key) { return Brio::Hash::hashMix<1>(99, {key}); };
 
 HashOf bytesWithKeyAt(std::size_t size, std::size_t offset) {

@@ -208,7 +208,8 @@ TEST(RQueue, YieldsNullForAnIndexAlreadyDequeued) {
   EXPECT_EQ(queue.at(31), nullptr);
   EXPECT_EQ(queue.at(0), nullptr);
   // The far side of the circle is neither before nor after anything.
-  for (const unsigned index : {10 + 0x7fffffffU, 10 + 0x80000000U, 30 + 0x7fffffffU, 9 + 0x80000000U}) {
+  for (const unsigned index :
+       {10 + 0x7fffffffU, 10 + 0x80000000U, 30 + 0x7fffffffU, 9 + 0x80000000U}) {
     EXPECT_FALSE(queue.has(index));
     EXPECT_EQ(queue.at(index), nullptr);
   }
