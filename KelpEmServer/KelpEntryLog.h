@@ -138,6 +138,10 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
   [[nodiscard]] static const ConfigRecord& findRecord(ConfigQuilt& configQuilt, const Key& key);
   [[nodiscard]] static const ConfigRecord& findRecord(ConfigQuilt& configQuilt, const Key& key,
                                                       bool& found);
+  // The record of a key of a unit, which must be mounted; as findRecord().
+  [[nodiscard]] const ConfigRecord& configRecord(const Key& key, Asic::UnitId unitId) const {
+    return findRecord(*unitQuilt(unitId), key);
+  }
   // Calls `visit` for a copy of each record; it may remove or overwrite that record. Corruption is
   // reported to the collection, and ends the walk.
   template <class Visit>
@@ -165,6 +169,9 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
 
   Lumen::Ptr<EntryLogQuilt> tableEntryLog_;
   Brio::HashMap2018<HN_TableConfigQuilt> tableConfigQuilt_;
+  // The unit that was asked for last, of those in tableConfigQuilt_: operations come in runs.
+  mutable Asic::UnitId lastUnit_;
+  mutable ConfigQuilt* lastUnitQuilt_ = nullptr;
 };
 
 }  // namespace KelpEmServer

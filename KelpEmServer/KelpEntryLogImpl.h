@@ -112,6 +112,7 @@ Lumen::Ptr<typename T::ConfigQuilt> KelpEntryLog<T>::tableConfigQuilt(Asic::Unit
 template <TableSpec T>
 void KelpEntryLog<T>::tableConfigQuiltIs(Asic::UnitId unitId,
                                          const Lumen::Ptr<ConfigQuilt>& configQuilt) {
+  lastUnitQuilt_ = nullptr;
   if (!configQuilt) {
     tableConfigQuilt_.del(unitId);
     return;
@@ -126,6 +127,7 @@ void KelpEntryLog<T>::tableConfigQuiltIs(Asic::UnitId unitId,
 
 template <TableSpec T>
 Lumen::Ptr<typename T::ConfigQuilt> KelpEntryLog<T>::tableConfigQuiltDel(Asic::UnitId unitId) {
+  lastUnitQuilt_ = nullptr;
   Lumen::Ptr<ConfigQuilt> old = tableConfigQuilt(unitId);
   tableConfigQuilt_.del(unitId);
   return old;
@@ -133,6 +135,7 @@ Lumen::Ptr<typename T::ConfigQuilt> KelpEntryLog<T>::tableConfigQuiltDel(Asic::U
 
 template <TableSpec T>
 void KelpEntryLog<T>::tableConfigQuiltDelAll() {
+  lastUnitQuilt_ = nullptr;
   tableConfigQuilt_.delAll();
 }
 
@@ -141,8 +144,12 @@ void KelpEntryLog<T>::tableConfigQuiltDelAll() {
 
 template <TableSpec T>
 typename T::ConfigQuilt* KelpEntryLog<T>::unitQuilt(Asic::UnitId unitId) const {
-  const auto* node = tableConfigQuilt_[unitId];
-  return node == nullptr ? nullptr : node->value().get();
+  if (lastUnitQuilt_ == nullptr || lastUnit_ != unitId) {
+    const auto* node = tableConfigQuilt_[unitId];
+    lastUnit_ = unitId;
+    lastUnitQuilt_ = node == nullptr ? nullptr : node->value().get();
+  }
+  return lastUnitQuilt_;
 }
 
 template <TableSpec T>

@@ -119,20 +119,29 @@ Asic::EntryVersion KelpSwTable<T>::transientVersionForKey(const Key& key) const 
 }
 
 template <TableSpec T>
-void KelpSwTable<T>::transientVersionForKeyIs(const Key& key, const Asic::EntryVersion& version) {
+template <class Next>
+Asic::EntryVersion KelpSwTable<T>::transientVersionForKeyUpdate(const Key& key, Next next) {
   const auto hashed = transientVersionForKey_.hashed(key);
+  auto* node = transientVersionForKey_.find(hashed);
+  const Asic::EntryVersion version = next(node == nullptr ? nullptr : &node->value());
   Asic::EntryVersion old = Asic::EntryVersion::invalid();
-  if (auto* node = transientVersionForKey_.find(hashed)) {
+  if (node == nullptr) {
+    transientVersionForKey_.newMember(hashed, HN_TransientVersionForKey(key, version));
+  } else {
     old = node->value();
     if (old.isEq(version)) {
-      return;
+      return version;
     }
     node->value() = version;
-  } else {
-    transientVersionForKey_.newMember(hashed, HN_TransientVersionForKey(key, version));
   }
-  this->changes().publishChangeRecursive(Brio::fieldId<KelpSwTable>("transientVersionForKey"), &key,
-                                         &old);
+  this->changes().publishChangeRecursive(Brio::fieldId<KelpSwTable>("transientVersionForKey"),
+                                         &key, &old);
+  return version;
+}
+
+template <TableSpec T>
+void KelpSwTable<T>::transientVersionForKeyIs(const Key& key, const Asic::EntryVersion& version) {
+  transientVersionForKeyUpdate(key, [&](const Asic::EntryVersion*) { return version; });
 }
 
 template <TableSpec T>

@@ -64,7 +64,8 @@ template <TableSpec T>
 KelpResolverEntry<T>::KelpResolverEntry(
     const Lumen::Ptr<const Asic::DependencyEntryHandle>& dependency, Asic::EntryFlags flags,
     KelpSwTable<T>* swTable, const Lumen::Ptr<KelpEntryWrapper<T>>& swTableEntry)
-    : Asic::ResolverEntry(dependency, flags, swTable->resolverQueue()),
+    : Asic::ResolverEntry(dependency, flags, swTable->resolverQueue(), swTableEntry.get(),
+                          swTableEntry->entryHandle().get()),
       swTable_(swTable),
       swTableEntry_(swTableEntry) {}
 

@@ -27,8 +27,7 @@ template <class T>
 template <class Entry, class Key>
 Entry OrderedSwTableAccessor<T>::entryFromConfig(const Key& key) const {
   LUMEN_TRACE(_defaultTraceHandle(), 8, "", "key: {}", key);
-  const auto configQuilt = t_->entryLog()->tableConfigQuilt(t_->unitId());
-  const auto& record = t_->entryLog()->findRecord(*configQuilt, key);
+  const auto& record = t_->entryLog()->configRecord(key, t_->unitId());
   // A record that equals the default one counts as absent, and its entry is the default entry then.
   if (record.isDeleted != 0) {
     return Entry();

@@ -11,8 +11,7 @@ OrderedSwTableAccessor<T>::entryRemoveGeneric(
     const Key& key, const Lumen::Ptr<const DependencyEntryHandle>& dependency,
     const ResponseHandler& handler) {
   LUMEN_TRACE(_defaultTraceHandle(), 8, "", " Key: {} ", key);
-  const EntryVersion version = nextVersion(key, " Key: {} not found in entry version collection");
-  t_->transientVersionForKeyIs(key, version);
+  const EntryVersion version = nextVersion(key);
   const Lumen::Ptr<EntryHandle> handle = Table::entryHandleFactory(version, key, t_);
   handle->responseHandlerIs(handler);
   handle->entryStateIs(EntryState::entryStateUnresolved);

@@ -13,14 +13,16 @@ namespace Asic {
 
 template <class T>
 template <class Key>
-EntryVersion OrderedSwTableAccessor<T>::nextVersion(const Key& key, const char* notFound) {
-  if (const auto* node = t_->transientVersionForKey()[key]) {
-    const EntryVersion currEntryVersion = node->value();
-    Lumen::assertThat(currEntryVersion.valid(), "currEntryVersion.valid()");
-    return currEntryVersion.next();
-  }
-  LUMEN_TRACE(_defaultTraceHandle(), 8, "", notFound, key);
-  return {};
+EntryVersion OrderedSwTableAccessor<T>::nextVersion(const Key& key) {
+  return t_->transientVersionForKeyUpdate(key, [&](const EntryVersion* currEntryVersion) {
+    if (currEntryVersion == nullptr) {
+      LUMEN_TRACE(_defaultTraceHandle(), 8, "", " Key: {} not found in entry version collection",
+                  key);
+      return EntryVersion();
+    }
+    Lumen::assertThat(currEntryVersion->valid(), "currEntryVersion.valid()");
+    return currEntryVersion->next();
+  });
 }
 
 template <class T>
@@ -30,8 +32,7 @@ OrderedSwTableAccessor<T>::entryWriteGeneric(
     const Key& key, const Entry& entry, const Lumen::Ptr<const DependencyEntryHandle>& dependency,
     const ResponseHandler& handler, Args... linkages) {
   LUMEN_TRACE(_defaultTraceHandle(), 8, "", "key: {}", key);
-  const EntryVersion version = nextVersion(key, " Key: {} not found in entry version collection");
-  t_->transientVersionForKeyIs(key, version);
+  const EntryVersion version = nextVersion(key);
   if (t_->inMarkingState()) {
     t_->markedKeyIs(key);
   }

@@ -95,9 +95,9 @@ class OrderedSwTableAccessor {
   }
 
  private:
-  // The next version of a key: one above the one in flight, {0, 0} for a key that is not in flight.
+  // Gives the key its next version: one above the one in flight, {0, 0} for a key that is not in flight.
   template <class Key>
-  EntryVersion nextVersion(const Key& key, const char* notFound);
+  EntryVersion nextVersion(const Key& key);
   // Leaves the transient state if `version` is still the newest operation on the key.
   template <class Collection, class Delete, class Key>
   void dropTransientState(const Collection& collection, Delete del, const Key& key,

@@ -90,6 +90,7 @@ void GroupInterface::entryLogMounted(SwTableId tableId,
     LUMEN_TRACE(_defaultTraceHandle(), 1, kClass, "Dependencies of table {} were lost", tableId);
     log->needed->collectionControl()->clearWiped();
   }
+  dropUnpublishedNeeded(*log);
 }
 
 void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
@@ -129,6 +130,23 @@ void GroupInterface::storeNeeded(TableLog& log, LogVersion version, const Needed
   }
   if (record.count != 0) {
     log.needed->map().recordIs(record);
+  }
+}
+
+// What stands above the published version was left by a change that was cut off, or by a log that
+// is lost: a new log issues those versions again, and they must not wait for what others waited
+// for.
+void GroupInterface::dropUnpublishedNeeded(TableLog& log) {
+  auto& map = log.needed->map();
+  try {
+    NeededQuiltEntry record;
+    Quilt::IterHint hint;
+    for (bool more = map.next(LogVersion{log.changeLog->published()}, record, hint); more;
+         more = map.next(record.version, record, hint)) {
+      map.recordDel(record.version);
+    }
+  } catch (const Lumen::CorruptionDetectedException& corruption) {
+    map.doCorruptionDetected(corruption.msg());
   }
 }
 

@@ -92,6 +92,7 @@ class GroupInterface final : public Lumen::Node {
   [[nodiscard]] TableLog* tableLog(SwTableId tableId) noexcept;
   [[nodiscard]] StatusQuilt* statusQuilt();
   void storeNeeded(TableLog& log, LogVersion version, const NeededEntry& needed);
+  static void dropUnpublishedNeeded(TableLog& log);
   void dropNeeded(TableLog& log, LogVersion version);
 
   Lumen::String canonicalName_;

@@ -73,6 +73,17 @@ void GroupResolver::wake() {
   }
 }
 
+// Has the next operations of the queue fetched while this one is worked on.
+void GroupResolver::fetchAhead(const ResolverEntry& entry) noexcept {
+  if (const ResolverEntry* next = entry.next_.get()) {
+    __builtin_prefetch(next->operation_);
+    __builtin_prefetch(next->handle_);
+    __builtin_prefetch(static_cast<const char*>(next->handle_) + 64);
+    __builtin_prefetch(next->next_.get());
+    __builtin_prefetch(reinterpret_cast<const char*>(next->next_.get()) + 64);
+  }
+}
+
 // Commits from one table, up to the arrival `end` of the pass and as long as its front is earlier
 // than `limit`, the earliest front of the others. Gives true if the table may have more for this
 // pass.
@@ -83,6 +94,7 @@ bool GroupResolver::askFirst(TableQueue& queue, std::uint64_t end, std::uint64_t
       return true;
     }
     const Lumen::Ptr<ResolverEntry> entry = queue.front_;
+    fetchAhead(*entry);
     if (!entry->isResolved()) {
       queue.refusedAt_ = genId_;
       return false;

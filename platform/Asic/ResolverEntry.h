@@ -39,10 +39,16 @@ class ResolverEntry : public Lumen::Node {
   }
 
  protected:
-  // `queue` is that of the table whose operation this is.
+  // `queue` is that of the table whose operation this is; `operation` and `handle` are what its commit
+  // will touch first, which the resolver has fetched into the cache ahead.
   ResolverEntry(Lumen::Ptr<const DependencyEntryHandle> dependency, EntryFlags flags,
-                ResolverTableQueue& queue)
-      : dependency_(std::move(dependency)), queue_(queue), flags_(flags) {}
+                ResolverTableQueue& queue, const void* operation = nullptr,
+                const void* handle = nullptr)
+      : dependency_(std::move(dependency)),
+        queue_(queue),
+        operation_(operation),
+        handle_(handle),
+        flags_(flags) {}
 
  private:
   friend class GroupResolver;  // which links the entries of a table
@@ -50,6 +56,8 @@ class ResolverEntry : public Lumen::Node {
 
   Lumen::Ptr<const DependencyEntryHandle> dependency_;
   ResolverTableQueue& queue_;
+  const void* operation_;
+  const void* handle_;
   Lumen::Ptr<ResolverEntry> next_;
   std::uint64_t arrival_ = 0;
   EntryFlags flags_;
