@@ -1,6 +1,103 @@
 #pragma once
 
-#include <bit>
+// clang-format off
+//
+// How a collection lies in shared memory, and why a process may die at any instruction of a change.
+//
+// THE FILE
+//
+//   offset 0      Header, one page
+//     0             constants      who the file is; never changes. With a checksum.
+//     256           copy           the same once more
+//     512           published      words that change alone, each one atomic. This one is polled
+//     576           scratchpad
+//                   announced
+//                   records        number of records: a cache
+//                   lowKey         bounds of the keys, of a collection in key order: a cache
+//                   highKey
+//     640           slotsReserved  slots whose space has been taken from the file system
+//                   wiped          1: what the collection once held is lost
+//                   damaged        1: corruption has been met
+//     704           headsUsed[16]  a bit for each chunk of heads that may be touched
+//   offset 4096   heads[buckets]   links; a power of two, no less than the declared capacity
+//   next page     slots[limit + 8]
+//                   next           link to the next record of the bucket
+//                   generation     32 bits, raised each time the slot is taken; 0: never
+//                   checksum       CRC-32C of the record, begun with the generation
+//                   words[]        the record, its key within
+//
+//   A link is {slot, generation} in one 64-bit word, 0 for none. The file holds no pointer and is
+//   sparse: a chunk of heads or slots takes space when it is first needed, by a call that can say
+//   no, so that no store to the mapping can fail. Nobody touches what has no space, since even a
+//   read would take some.
+//
+// INVARIANTS
+//
+//   1. What a link from a head or from a linked slot leads to is a slot below slotsReserved,
+//      with the generation of the link, whose checksum holds.
+//   2. The record in it belongs to the bucket: bucketOf(key) is the bucket of the chain.
+//   3. The keys of a chain rise strictly. So a chain is finite whatever happens to it, and the
+//      place of a key that is gone is known.
+//   4. No two links lead to one slot. A slot that no link leads to is free.
+//   5. A slot that a link leads to does not change but for `next`.
+//   6. lowKey <= every key <= highKey, and the number of records is no more than `records`.
+//
+// A CHANGE, AND THE DEATH OF A WRITER
+//
+//   recordIs: (1) a free slot gets a new generation; (2) the record, (3) its checksum and (4)
+//   `next` go in; (5) of a new key, the bounds and the count take it in; (6) one store of the link
+//   that leads here, to the head or to the `next` of the record before. An overwrite is the same:
+//   the new slot takes over the successor of the old one, and store 6 takes the old one out.
+//   recordDel: (1) one store of the successor over the link to the record; (2) count and bounds.
+//
+//   Before store 6 nothing that a link leads to has changed, and after it the change is complete:
+//   that is the whole argument. A process that dies in between leaves a slot that is filled in
+//   part and free (invariant 4), a count or bounds that are too wide (6), and nothing to repair.
+//   Which slots are free is known to the writer alone, in private memory; a mount finds it out by
+//   going over the chains, and makes count and bounds exact.
+//
+// READERS
+//
+//   A reader loads a link, reads the slot that it leads to, then its generation: if that is the
+//   link's still, nothing of what was read is of a later use of the slot, since a later use begins
+//   with another generation. Otherwise it starts at the head again. It waits for nobody. Words are
+//   stored with release and loaded with acquire order, those of the record too, which costs
+//   nothing on the processors here: so (a) a record is complete for whoever sees the link; (b) who
+//   sees a word of a later use sees its generation; (c) who sees a later generation sees that the
+//   link is gone. By (c), a link that leads to another generation in two attempts in a row is no
+//   race, it is corruption.
+//   A reader that stands on a record which has just been taken out goes on from there, along a
+//   `next` that nobody changes any more, to where the chain led at that moment: what it finds was
+//   there after its search began. Slots are reused at once, but then the generation gives it away.
+//
+// WHO WRITES, WHO READS, AND WHICH STALE VALUE IS HARMLESS
+//
+//   The writer of the collection writes all words; readers map the file read-only.
+//     heads, next     stale: the chain as it was at a moment of the search, see above
+//     generation      stale: impossible without a stale link, by (b)
+//     records         readers' size(), and "empty" for a walk. Too high by one at most
+//     lowKey, highKey where a walk in key order begins and ends. Stale: it began or ended earlier
+//     slotsReserved   refuses links that lead nowhere. Stale: a reader looks again first
+//     headsUsed       stale: the buckets were empty when the search began
+//     published       with it all that was stored before it. Stale: the reader gets less
+//     scratchpad, announced, wiped   for the next mount; others read them for reports
+//     damaged         for the next mount; a reader's damaged()
+//   The source of truth are the links; every cache is made anew from them at a mount.
+//
+// CORRUPTION
+//
+//   Links, counts and bounds are words without a checksum, since two stores could be cut apart.
+//   What holds against flipped bytes is that everything is checked where it is used: links against
+//   the number of slots, generations, the rise of keys, the checksum of what is shown. A flipped
+//   link may lead past records, which then read as absent; it can't show what was never written,
+//   and cannot make a chain endless (3). Reads throw and change nothing. A change cuts the chain
+//   where it ceases to add up, so that it never ties a new record to what it does not trust,
+//   counts anew, and marks the collection; the next mount saves every whole record (Mount.h) and
+//   reports the rest as lost.
+//
+// clang-format on
+
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <utility>

@@ -334,6 +334,85 @@ TEST_F(LogDamage, UnderAReader) { flipUnderAReader<LogQuilt, LogRecord>(store_, 
 TEST_F(LogDamage, UnderAWriter) { flipUnderAWriter<LogQuilt, LogRecord>(store_, image_, offsets_); }
 TEST_F(LogDamage, BeforeAMount) { flipBeforeAMount<LogQuilt, LogRecord>(store_, image_, offsets_); }
 
+// A collection with three keys in one bucket, and the links of their chain in order.
+class OneChain {
+ public:
+  OneChain() : entity_(store_.mount<ConfigQuilt>("it", 64)), chains_(*entity_->map().file()) {
+    using Words = Quilt::KeyWords<ConfigKey>;
+    const std::uint32_t bucket = chains_.bucketOf(Words::of(ConfigKey{1}));
+    for (std::uint32_t key = 1; keys_.size() < 4; ++key) {
+      if (chains_.bucketOf(Words::of(ConfigKey{key})) == bucket) {
+        keys_.push_back(key);
+      }
+    }
+    for (int i = 0; i < 3; ++i) {
+      entity_->map().recordIs(ConfigRecord::of(keys_[static_cast<std::size_t>(i)], 1));
+    }
+    links_.push_back(&chains_.head(bucket));
+    while (const std::uint64_t link = links_.back()->load()) {
+      links_.push_back(&chains_.slot(Quilt::Link::slot(link)).next);
+    }
+    EXPECT_EQ(links_.size(), 4U);
+  }
+
+  CaughtLog log_;
+  Store store_;
+  Lumen::Ptr<ConfigQuilt> entity_;
+  Quilt::Chains<ConfigRecord> chains_;
+  std::vector<std::uint32_t> keys_;    // the last one has no record
+  std::vector<Quilt::Word64*> links_;  // the head, and `next` of each record
+};
+
+TEST(DamagedChain, ThatGoesRoundEnds) {
+  for (const std::size_t to : {0, 1, 2}) {
+    OneChain one;
+    one.links_[3]->store(one.links_[to]->load());
+    const auto reader = one.store_.reader<ConfigQuilt>("it");
+    for (const auto* map : {&one.entity_->map(), &reader->map()}) {
+      bool found = false;
+      EXPECT_THROW(static_cast<void>(map->find(ConfigKey{one.keys_[3]}, found)),
+                   Lumen::CorruptionDetectedException);
+      ConfigRecord record;
+      Quilt::IterHint hint;
+      EXPECT_THROW(static_cast<void>(map->next(ConfigKey{one.keys_[2]}, record, hint)),
+                   Lumen::CorruptionDetectedException);
+      EXPECT_EQ(map->find(ConfigKey{one.keys_[2]}, found), ConfigRecord::of(one.keys_[2], 1));
+    }
+    one.entity_->map().recordIs(ConfigRecord::of(one.keys_[3], 1));
+    EXPECT_TRUE(one.entity_->map().damaged());
+    EXPECT_EQ(one.entity_->map().size(), 4U);
+    for (const std::uint32_t key : one.keys_) {
+      bool found = false;
+      EXPECT_EQ(reader->map().find(ConfigKey{key}, found), ConfigRecord::of(key, 1));
+    }
+  }
+}
+
+TEST(DamagedChain, ThatLeadsIntoAnotherIsCutAndTheOtherIsNotTouched) {
+  OneChain one;
+  std::uint32_t other = 1;
+  while (std::find(one.keys_.begin(), one.keys_.end(), other) != one.keys_.end()) {
+    ++other;
+  }
+  // Above all others, so that the order alone does not give it away.
+  other += 1'000'000;
+  one.entity_->map().recordIs(ConfigRecord::of(other, 1));
+  const std::uint64_t link =
+      one.chains_.head(one.chains_.bucketOf(Quilt::KeyWords<ConfigKey>::of(ConfigKey{other})))
+          .load();
+  one.links_[2]->store(link);
+  one.entity_->map().recordIs(ConfigRecord::of(one.keys_[3], 1));
+  EXPECT_TRUE(one.entity_->map().damaged());
+  bool found = false;
+  for (const std::uint32_t key : {one.keys_[0], one.keys_[1], one.keys_[3], other}) {
+    EXPECT_EQ(one.entity_->map().find(ConfigKey{key}, found), ConfigRecord::of(key, 1)) << key;
+  }
+  EXPECT_EQ(one.entity_->map().size(), 4U);
+  one.store_.remount(one.entity_, "it", 64);
+  EXPECT_TRUE(one.entity_->collectionControl()->wiped());
+  EXPECT_EQ(one.entity_->map().size(), 4U);
+}
+
 TEST(DamageReport, IsLoggedOncePerCollectionAndMarksIt) {
   Store store;
   auto entity = store.mount<ConfigQuilt>("config", 8);
