@@ -143,6 +143,8 @@ class TraceCapture {
   }
   ~TraceCapture() {
     Lumen::traceSinkIs(previous_);
+    // For handles yet to be made, which would take the settings; nothing traces at level 15.
+    Brio::TraceHandle::settingsIs("*/15");
     Brio::TraceHandle::forEach([](Brio::TraceHandle& handle) { handle.maskIs(0); });
   }
   TraceCapture(const TraceCapture&) = delete;
