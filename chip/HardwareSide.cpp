@@ -56,15 +56,21 @@ HardwareSide::HardwareSide(Options options) : options_(std::move(options)), noti
   }
   tables_ = makeTables(memory_, notices_);
   rows_.resize(tables_.size());
-  attachBells();
-  mountStatus();
-  tend();
+  try {
+    attachBells();
+    mountStatus();
+    tend();
+  } catch (...) {
+    unmountStatus();
+    throw;
+  }
 }
 
-HardwareSide::~HardwareSide() {
-  if (status_) {
-    memory_->entityDel(Asic::Constants::groupStatusPath(groupName()));
-  }
+HardwareSide::~HardwareSide() { unmountStatus(); }
+
+void HardwareSide::unmountStatus() {
+  status_ = nullptr;
+  memory_->entityDel(Asic::Constants::groupStatusPath(groupName()));
 }
 
 void HardwareSide::attachBells() {
@@ -75,9 +81,8 @@ void HardwareSide::attachBells() {
 }
 
 void HardwareSide::mountStatus() {
+  unmountStatus();
   const Lumen::String path = Asic::Constants::groupStatusPath(groupName());
-  memory_->entityDel(path);
-  status_ = nullptr;
   const auto group = memory_->getMountGroup();
   BrioQuilt::MountInfo info(BrioQuilt::BrioQuiltType::collection);
   info.collectionInfoIs(
@@ -234,6 +239,8 @@ std::uint64_t HardwareSide::takeIn() {
     done += table->follow(options_.batch, tables_);
   }
   if (done == 0) {
+    // What following has come upon.
+    done = resyncs();
     breakCycles();
     for (const auto& table : tables_) {
       if (table->hasWork()) {

@@ -93,6 +93,7 @@ class HardwareSide {
 
   void attachBells();
   void mountStatus();
+  void unmountStatus();
   void tendGeneration();
   void tellOfMissing();
   std::uint64_t takeIn();

@@ -80,7 +80,7 @@ std::optional<std::chrono::steady_clock::time_point> Table::resyncDue() const no
   if (!open() || !resyncWanted_) {
     return std::nullopt;
   }
-  return isRetried(*resyncWanted_) ? lastResync_ + kRetryPeriod
+  return isRetried(*resyncWanted_) ? lastRetry_ + kRetryPeriod
                                    : std::chrono::steady_clock::time_point();
 }
 
@@ -100,7 +100,9 @@ bool Table::resyncIfDue() {
   heldLast_ = 0;
   letGo_ = 0;
   dependencies_.startAt(published);
-  lastResync_ = std::chrono::steady_clock::now();
+  if (isRetried(reason)) {
+    lastRetry_ = std::chrono::steady_clock::now();
+  }
   // Damage that is still there has been told, and the first sight is told for all tables together.
   const bool again = reason == Resync::damagedConfig && !hadAll && !whole();
   counts_.resyncs += again ? 0 : 1;

@@ -173,7 +173,7 @@ class Table {
   std::uint64_t heldLast_ = 0;  // the version counted as held
   std::uint64_t letGo_ = 0;     // the version that need not wait
   std::optional<Resync> resyncWanted_;
-  std::chrono::steady_clock::time_point lastResync_;
+  std::chrono::steady_clock::time_point lastRetry_;  // the last resync because of damage or a gap
   std::string missingWhy_;
 };
 
