@@ -14,8 +14,7 @@ namespace Agent {
 namespace {
 
 constexpr std::chrono::milliseconds kTick{100};
-// A peer of ours that was killed between its work and its ring is heard after this time at the
-// latest.
+constexpr std::chrono::milliseconds kToldEvery{250};  // in a file; a screen is told at every tick
 constexpr std::size_t kPendingShown = 10;
 
 std::unique_ptr<BriskTrace::TraceHandle> openBrisk(const std::string& path) {
@@ -225,10 +224,13 @@ void Agent::tellProgress(bool last) {
   std::string text = fmt::format("{} accepted, {} skipped, {} in flight, {} ended, {} failed",
                                  totals.accepted, files_->skipped(), intake_->inFlight(),
                                  totals.succeeded + totals.failed, totals.failed);
-  if (text == told_ && !(last && onScreen)) {
+  const auto now = Clock::now();
+  const bool often = !onScreen && now - lastTold_ < kToldEvery;
+  if (!last && (text == told_ || often)) {
     return;
   }
   told_ = text;
+  lastTold_ = now;
   if (onScreen) {
     text = fmt::format("\r\x1b[Kkelp-agent: {}{}", text, last ? "\n" : "");
     (void)!write(STDERR_FILENO, text.data(), text.size());
