@@ -4,6 +4,7 @@
 #include "Lumen/Assert.h"
 #include "Lumen/Exception.h"
 #include "Lumen/Trace.h"
+#include "Quilt/IterHint.h"
 
 namespace Asic {
 

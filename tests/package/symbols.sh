@@ -17,7 +17,8 @@ if foreign=$(grep -Ev "$own" <<<"$names"); then
 fi
 
 # A tracker that stays inside would count what others never see, and miss what they count.
-if hidden=$("$nm" -C --defined-only "$library" | grep -E ' [a-tv-z] PoolSlab::Slabbed<.*Tracker_$'); then
+trackers=' [a-tv-z] PoolSlab::Slabbed<.*Tracker_$'
+if hidden=$("$nm" -C --defined-only "$library" | grep -E "$trackers"); then
   printf 'counted apart from the rest of the process:\n%s\n' "$hidden"
   failed=1
 fi

@@ -20,7 +20,7 @@ def compile_alone(graph, tree, generated=None, cache=None):
         raise SystemExit(f"no compiler {compiler}: install g++ or set CXX")
     version = subprocess.run([compiler, "--version"], capture_output=True, text=True,
                              check=True).stdout.split("\n")[0]
-    roots = [tree.root, tree.root / "platform"]
+    roots = [tree.root, tree.root / "platform", tree.root / "tests" / "support"]
     if generated:
         roots.append(pathlib.Path(generated).resolve())
     command = [compiler, *_FLAGS, *(f"-I{root}" for root in roots), "-x", "c++", "-"]
