@@ -1,0 +1,121 @@
+#include "demo/Report.h"
+
+#include <fmt/format.h>
+
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <utility>
+
+namespace Demo {
+namespace {
+
+using Json = nlohmann::json;
+
+Json readJsonFile(const std::string& file) {
+  std::ifstream in(file);
+  try {
+    return Json::parse(in);
+  } catch (const Json::exception& error) {
+    throw std::runtime_error(file + ": the summary is missing or cut off: " + error.what());
+  }
+}
+
+// A verdict on one comparison, with examples of what differs.
+void appendVerdict(std::string& out, const char* what, const Comparison& result) {
+  if (result.same()) {
+    fmt::format_to(std::back_inserter(out), "check: {}: {} entries, one by one\n", what,
+                   result.equal);
+    return;
+  }
+  fmt::format_to(std::back_inserter(out),
+                 "check FAILED: {}: {} equal, {} different, {} missing, {} surplus\n", what,
+                 result.equal, result.different, result.missing, result.surplus);
+  for (const std::string& example : result.examples) {
+    fmt::format_to(std::back_inserter(out), "    {}\n", example);
+  }
+}
+
+}  // namespace
+
+void Report::readSummaries(const std::string& agentFile, const std::string& chipFile) {
+  const Json agent = readJsonFile(agentFile);
+  const Json chip = readJsonFile(chipFile);
+  std::map<std::pair<std::string, unsigned>, std::uint64_t> entries;
+  for (const Json& table : chip.at("tables")) {
+    heldBack += table.at("heldBack").get<std::uint64_t>();
+    resyncs += table.at("resyncs").get<std::uint64_t>();
+    for (const Json& unit : table.at("units")) {
+      entries[{table.at("table").get<std::string>(), unit.at("unit").get<unsigned>()}] =
+          unit.at("entries").get<std::uint64_t>();
+    }
+  }
+  const Json& check = chip.at("check");
+  for (const Json& unit : check.at("units")) {
+    equalToCollections += unit.at("equal").get<std::uint64_t>();
+  }
+  chipDiffers = check.at("examples").get<std::vector<std::string>>();
+  for (const Json& table : agent.at("tables")) {
+    Row row;
+    row.table = table.at("table").get<std::string>();
+    row.unit = table.at("unit").get<unsigned>();
+    row.written = table.at("written").get<std::uint64_t>();
+    row.removed = table.at("removed").get<std::uint64_t>();
+    row.suppressed = table.at("suppressed").get<std::uint64_t>();
+    row.inLog = table.at("entries").get<std::uint64_t>();
+    row.pending = table.at("pending").get<bool>();
+    row.onChip = entries[{row.table, row.unit}];
+    rows.push_back(std::move(row));
+  }
+}
+
+bool Report::good() const noexcept {
+  return agentStatus == 0 && chipStatus == 0 && outcomes.succeeded == intents &&
+         chipAndIntents.same() && collectionsAndIntents.same() &&
+         equalToCollections == expectedEntries;
+}
+
+std::string Report::text() const {
+  std::string out;
+  const auto line = [&](auto&&... values) {
+    fmt::format_to(std::back_inserter(out),
+                   "{:<14} {:>5} {:>10} {:>10} {:>11} {:>8} {:>10} {:>8}\n", values...);
+  };
+  line("table", "unit", "written", "removed", "suppressed", "in log", "on chip", "pending");
+  Row sum;
+  for (const Row& row : rows) {
+    line(row.table, row.unit, row.written, row.removed, row.suppressed, row.inLog, row.onChip,
+         row.pending ? "yes" : "no");
+    sum.written += row.written;
+    sum.removed += row.removed;
+    sum.suppressed += row.suppressed;
+    sum.inLog += row.inLog;
+    sum.onChip += row.onChip;
+    sum.pending = sum.pending || row.pending;
+  }
+  line("all", "", sum.written, sum.removed, sum.suppressed, sum.inLog, sum.onChip,
+       sum.pending ? "yes" : "no");
+  fmt::format_to(std::back_inserter(out),
+                 "\n{} intents: {} carried out, {} failed; {:.1f} s, {:.0f} a second; {} records "
+                 "waited for another table's\n",
+                 intents, outcomes.succeeded, outcomes.failed, seconds,
+                 seconds > 0 ? static_cast<double>(intents) / seconds : 0.0, heldBack);
+  if (chipStatus == 0) {
+    fmt::format_to(std::back_inserter(out),
+                   "check: the chip equals the configuration collections: {} entries, one by one\n",
+                   equalToCollections);
+  } else {
+    out += "check FAILED: the chip differs from the configuration collections\n";
+    for (const std::string& example : chipDiffers) {
+      fmt::format_to(std::back_inserter(out), "    {}\n", example);
+    }
+  }
+  appendVerdict(out, "the chip equals what the intents add up to", chipAndIntents);
+  appendVerdict(out, "so do the configuration collections, with the resource keys",
+                collectionsAndIntents);
+  return out;
+}
+
+}  // namespace Demo

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "demo/Expected.h"
+
+namespace Demo {
+
+struct Outcomes {
+  std::uint64_t succeeded = 0;
+  std::uint64_t failed = 0;
+};
+
+// What came of a run.
+struct Report {
+  // One software table: a table of one unit.
+  struct Row {
+    std::string table;
+    unsigned unit = 0;
+    std::uint64_t written = 0;
+    std::uint64_t removed = 0;
+    std::uint64_t suppressed = 0;
+    std::uint64_t inLog = 0;   // entries that are committed
+    std::uint64_t onChip = 0;  // entries of the chip's model
+    bool pending = false;      // something of it has not come to its end
+  };
+
+  double seconds = 0;
+  std::uint64_t intents = 0;
+  Outcomes outcomes;
+  int agentStatus = 0;
+  int chipStatus = 0;  // 1: its model differs from the configuration collections
+  std::uint64_t expectedEntries = 0;
+  Comparison chipAndIntents;
+  Comparison collectionsAndIntents;
+  std::vector<Row> rows;
+  std::uint64_t heldBack = 0;
+  std::uint64_t resyncs = 0;
+  std::uint64_t equalToCollections = 0;  // entries, by kelp-chip's own check
+  std::vector<std::string> chipDiffers;  // where it found differences
+
+  // Takes what the programs say of themselves at their end. Throws std::runtime_error.
+  void readSummaries(const std::string& agentFile, const std::string& chipFile);
+  // The chip holds exactly what it should, and every intent was carried out.
+  [[nodiscard]] bool good() const noexcept;
+  [[nodiscard]] std::string text() const;
+};
+
+}  // namespace Demo
