@@ -286,7 +286,9 @@ void HardwareSide::pace(int otherFd) {
     const UnitCounts counts = table->changes();
     changes += counts.programmed + counts.overwritten + counts.deleted;
   }
-  auto owed = options_.delayPerBatch + options_.delayPerRecord * (changes - paced_);
+  const std::chrono::microseconds owed =
+      options_.delayPerBatch +
+      options_.delayPerRecord * static_cast<std::int64_t>(changes - paced_);
   paced_ = changes;
   const auto until = Clock::now() + owed;
   for (auto left = until - Clock::now(); left.count() > 0; left = until - Clock::now()) {

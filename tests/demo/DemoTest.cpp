@@ -1,0 +1,314 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BrioSharedMem/EntityManager.h"
+#include "TempRoot.h"
+#include "common/Json.h"
+#include "common/Tables.h"
+#include "demo/Child.h"
+#include "demo/Expected.h"
+#include "demo/Generator.h"
+#include "demo/Watch.h"
+
+// The programs as processes: the demo itself, and an agent and a chip that are killed.
+
+namespace {
+
+using Demo::Child;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+const std::string kBin = KELP_BIN;
+
+class Processes : public testing::Test {
+ protected:
+  std::string file(const std::string& name) const { return root_.path() + "/" + name; }
+  std::unique_ptr<Child> start(const std::string& program, std::vector<std::string> arguments) {
+    return std::make_unique<Child>(program, kBin + "/" + program, arguments, root_.path());
+  }
+  // Runs a program to its end.
+  int run(const std::string& program, const std::vector<std::string>& arguments) {
+    const auto child = start(program, arguments);
+    EXPECT_TRUE(child->waitFor(std::chrono::seconds(120))) << child->obituary();
+    output_ = child->output();
+    obituary_ = child->obituary();
+    return child->exitStatus().value_or(-1);
+  }
+  static std::string contentOf(const std::string& path) {
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  }
+  void writeFile(const std::string& path, const std::string& content) {
+    std::ofstream(path) << content;
+  }
+
+  TestSupport::TempRoot root_;
+  std::string output_;
+  std::string obituary_;
+};
+
+TEST_F(Processes, TheDemoProvesThatTheChipHoldsWhatWasAskedFor) {
+  EXPECT_EQ(run("kelp-demo", {"--intents", "2000", "--units", "3"}), 0) << output_ << obituary_;
+  EXPECT_THAT(output_, HasSubstr("2000 intents: 2000 carried out, 0 failed"));
+  EXPECT_THAT(output_, HasSubstr("check: the chip equals the configuration collections: "));
+  EXPECT_THAT(output_, HasSubstr("check: the chip equals what the intents add up to: "));
+  EXPECT_THAT(output_, HasSubstr("LemVpwsAc          2"));
+}
+
+TEST_F(Processes, TheDemoHoldsWithProgramsKilledOnTheWay) {
+  EXPECT_EQ(run("kelp-demo", {"--intents", "6000", "--kill", "4", "--seed", "7"}), 0)
+      << output_ << obituary_;
+  EXPECT_THAT(obituary_, AllOf(HasSubstr("killing kelp-agent and starting again"),
+                               HasSubstr("killing kelp-chip and starting again"),
+                               HasSubstr("killing kelp-agent and kelp-chip and starting again")));
+  EXPECT_THAT(output_, HasSubstr("6000 intents: 6000 carried out"));
+}
+
+TEST_F(Processes, TheDemoRunsAFileOfTheUsersOwn) {
+  writeFile(file("own.jsonl"), R"(# mine
+{"op":"write","table":"EsemFodo","unit":1,"key":{"fodo":5},"payload":{"outLif":77}}
+{"op":"write","table":"EsemFodo","unit":0,"key":{"fodo":6},"payload":{"outLif":78}}
+{"op":"remove","table":"EsemFodo","unit":1,"key":{"fodo":5}}
+)");
+  EXPECT_EQ(run("kelp-demo", {file("own.jsonl")}), 0) << output_ << obituary_;
+  EXPECT_THAT(output_, HasSubstr("3 intents: 3 carried out"));
+  EXPECT_THAT(output_, HasSubstr("add up to: 1 entries"));
+}
+
+TEST_F(Processes, TheDemoNamesAWrongLineAndDoesNotSucceed) {
+  writeFile(file("own.jsonl"), R"({"op":"write","table":"EsemFodo","unit":0,"key":{"fodo":"x"}}
+{"op":"write","table":"EsemFodo","unit":0,"key":{"fodo":6},"payload":{"outLif":78}}
+)");
+  EXPECT_EQ(run("kelp-demo", {file("own.jsonl")}), 1);
+  EXPECT_THAT(output_, HasSubstr("own.jsonl:1: "));
+  EXPECT_THAT(output_, HasSubstr("2 intents: 1 carried out"));
+  EXPECT_THAT(output_, HasSubstr("check: the chip equals what the intents add up to: 1 entries"));
+  EXPECT_EQ(run("kelp-demo", {file("absent.jsonl")}), 1);
+  EXPECT_THAT(obituary_, HasSubstr("absent.jsonl: cannot be read"));
+}
+
+TEST(Generator, GivesTheSameIntentsForTheSamePlan) {
+  const Demo::Plan plan{2, 3000, 42};
+  std::string first;
+  std::string second;
+  for (const auto& intent : Demo::metroEdge(plan)) {
+    Common::appendIntent(first, intent);
+  }
+  for (const auto& intent : Demo::metroEdge(plan)) {
+    Common::appendIntent(second, intent);
+  }
+  EXPECT_EQ(first, second);
+}
+
+TEST(Generator, LeavesNothingOut) {
+  const Demo::Plan plan{2, 5000, 1};
+  const auto intents = Demo::metroEdge(plan);
+  ASSERT_EQ(intents.size(), plan.intents);
+  std::vector<std::uint64_t> tables(Common::kTables * plan.units);
+  std::uint64_t ops[3] = {};
+  std::uint64_t across = 0;
+  for (const auto& intent : intents) {
+    ++tables[intent.table() * plan.units + intent.unit.value];
+    ++ops[static_cast<std::size_t>(intent.op)];
+    across += intent.after && intent.after->table() != intent.table() ? 1U : 0U;
+    // Each is written as it is read.
+    std::string text;
+    Common::appendIntent(text, intent);
+    std::string again;
+    Common::appendIntent(again, Common::parseIntent(text));
+    ASSERT_EQ(text, again);
+  }
+  EXPECT_THAT(tables, testing::Each(testing::Gt(5U)));
+  EXPECT_GT(ops[0], 1000U);
+  EXPECT_GT(ops[1], 200U);
+  EXPECT_EQ(ops[2], 1U);
+  EXPECT_GT(across, 500U);
+}
+
+TEST(ExpectedState, TellsEveryKindOfDifference) {
+  Demo::Expected expected;
+  for (const char* line :
+       {R"({"op":"write","table":"EsemFodo","unit":0,"key":{"fodo":1},"payload":{"outLif":9}})",
+        R"({"op":"removeAll","table":"EsemFodo","unit":0})",
+        R"({"op":"write","table":"EsemFodo","unit":0,"key":{"fodo":2},"payload":{"outLif":2}})",
+        R"({"op":"write","table":"EsemFodo","unit":0,"key":{"fodo":3},"payload":{"outLif":3}})",
+        R"({"op":"write","table":"EsemFodo","unit":0,"key":{"fodo":4},"payload":{"outLif":4}})",
+        R"({"op":"write","table":"EsemFodo","unit":1,"key":{"fodo":4},"payload":{"outLif":4}})",
+        R"({"op":"remove","table":"EsemFodo","unit":1,"key":{"fodo":4}})"}) {
+    expected.apply(Common::parseIntent(line));
+  }
+  EXPECT_EQ(expected.entries(), 3U);
+  TestSupport::TempRoot root;
+  const std::string model = root.path() + "/model";
+  std::ofstream(model)
+      << R"({"table":"EsemFodo","unit":0,"version":9,"entry":{"fodo":2,"outLif":2,"tpidProfile":0}}
+{"table":"EsemFodo","unit":0,"version":9,"entry":{"fodo":3,"outLif":4,"tpidProfile":0}}
+{"table":"EsemFodo","unit":0,"version":9,"entry":{"fodo":1,"outLif":9,"tpidProfile":0}}
+)";
+  const Demo::Comparison result = expected.compareChip(model);
+  EXPECT_EQ(result.equal, 1U);
+  EXPECT_EQ(result.different, 1U);
+  EXPECT_EQ(result.surplus, 1U);
+  EXPECT_EQ(result.missing, 1U);
+  EXPECT_EQ(result.examples.size(), 3U);
+  std::ofstream(model) << R"({"table":"EsemFodo","unit":0})";
+  EXPECT_THROW((void)expected.compareChip(model), std::runtime_error);
+  EXPECT_THROW((void)expected.compareChip(root.path() + "/none"), std::runtime_error);
+}
+
+// ---- kelp-chip
+
+class ChipProgram : public Processes {
+ protected:
+  std::vector<std::string> store(std::vector<std::string> more) const {
+    more.insert(more.begin(), {"--name", "k", "--root", root_.path()});
+    return more;
+  }
+  Common::Json summary() const { return Common::Json::parse(contentOf(file("chip.json"))); }
+  // Tells of one table's part of the summary.
+  Common::Json tableOf(const std::string& name) const {
+    const Common::Json all = summary();
+    for (const auto& table : all.at("tables")) {
+      if (table.at("table") == name) {
+        return table;
+      }
+    }
+    return nullptr;
+  }
+  void writeIntents(unsigned count) {
+    std::string text;
+    for (const auto& intent : Demo::metroEdge({1, count, 3})) {
+      Common::appendIntent(text, intent);
+      text += '\n';
+    }
+    writeFile(file("intents"), text);
+  }
+  std::vector<std::string> agentDrives() const {
+    return store({"--intents", file("intents"), "--outcomes", "none", "--exit-when-done",
+                  "--timeout", "60"});
+  }
+};
+
+TEST_F(ChipProgram, WaitsForAnAgentAndSaysSo) {
+  const auto chip = start("kelp-chip", store({}));
+  for (int i = 0; i < 500 && contentOf(file("kelp-chip.err")).empty(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_THAT(contentOf(file("kelp-chip.err")),
+              AllOf(HasSubstr("kelp-chip: waits for the logs of EsemFodo, "),
+                    HasSubstr("kelp-agent with the same --name and --root makes them")));
+  EXPECT_FALSE(chip->ended());
+  chip->signal(SIGTERM);
+  ASSERT_TRUE(chip->waitFor(std::chrono::seconds(20)));
+  EXPECT_EQ(chip->exitStatus(), 0);
+}
+
+TEST_F(ChipProgram, DoesNotCheckWhatIsNotThere) {
+  const auto chip = start("kelp-chip", store({"--check"}));
+  for (int i = 0; i < 500 && contentOf(file("kelp-chip.err")).empty(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  chip->signal(SIGTERM);
+  ASSERT_TRUE(chip->waitFor(std::chrono::seconds(20)));
+  EXPECT_EQ(chip->exitStatus(), 1);
+  EXPECT_THAT(chip->output(), HasSubstr("THERE IS NO LOG OF ANY TABLE"));
+}
+
+TEST_F(ChipProgram, ASecondOneOnTheSameStoreIsRefused) {
+  const auto first = start("kelp-chip", store({}));
+  for (int i = 0; i < 500 && contentOf(file("kelp-chip.err")).empty(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  std::filesystem::create_directory(file("second"));
+  Child second("second", kBin + "/kelp-chip", store({}), file("second"));
+  ASSERT_TRUE(second.waitFor(std::chrono::seconds(20)));
+  EXPECT_EQ(second.exitStatus(), 1);
+  EXPECT_THAT(second.obituary(), HasSubstr("another process listens on this bell"));
+  EXPECT_FALSE(first->ended());
+}
+
+TEST_F(ChipProgram, EndsWhenNothingIsLeftToDoAndTellsWhatItDid) {
+  writeIntents(3000);
+  const auto agent = start("kelp-agent", agentDrives());
+  EXPECT_EQ(run("kelp-chip", store({"--until-idle", "300", "--check", "--summary",
+                                    file("chip.json"), "--model", file("model.jsonl")})),
+            0)
+      << output_ << obituary_;
+  ASSERT_TRUE(agent->waitFor(std::chrono::seconds(60)));
+  EXPECT_EQ(agent->exitStatus(), 0) << agent->obituary();
+  EXPECT_THAT(output_, HasSubstr("check: the chip equals the configuration collections"));
+  EXPECT_TRUE(summary().at("check").at("same").get<bool>());
+  const Common::Json isem = tableOf("Isem1Tag");
+  EXPECT_EQ(isem.at("reached"), isem.at("published"));
+  EXPECT_GT(isem.at("records").get<int>(), 0);
+  EXPECT_GT(isem.at("heldBack").get<int>(), 0);
+  std::uint64_t lines = 0;
+  for (const char c : contentOf(file("model.jsonl"))) {
+    lines += c == '\n' ? 1U : 0U;
+  }
+  std::uint64_t entries = 0;
+  const Common::Json all = summary();
+  for (const auto& table : all.at("tables")) {
+    for (const auto& unit : table.at("units")) {
+      entries += unit.at("entries").get<std::uint64_t>();
+    }
+  }
+  EXPECT_EQ(lines, entries);
+}
+
+TEST_F(ChipProgram, ChecksWhenAskedBySignalAndGoesOn) {
+  writeIntents(500);
+  const auto chip = start("kelp-chip", store({"--summary", file("chip.json")}));
+  ASSERT_EQ(run("kelp-agent", agentDrives()), 0) << obituary_;
+  chip->signal(SIGUSR1);
+  for (int i = 0; i < 1000 && chip->output().find("check: ") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_THAT(chip->output(), HasSubstr("check: the chip equals the configuration collections"));
+  EXPECT_FALSE(chip->ended());
+}
+
+TEST_F(ChipProgram, ADamagedCollectionIsSaidByItsExitStatus) {
+  writeIntents(500);
+  auto chip = start("kelp-chip", store({}));
+  ASSERT_EQ(run("kelp-agent", agentDrives()), 0) << obituary_;
+  chip->signal(SIGKILL);
+  ASSERT_TRUE(chip->waitFor(std::chrono::seconds(20)));
+  // A byte in every record: they lie behind the header and the heads.
+  const std::string config = root_.path() +
+                             "/k/orderedTable/KelpTunnelNi/KelpEmServerGroup/tables/KelpEmServer/"
+                             "LemVpwsAcKelp/config/0.quilt";
+  std::fstream io(config, std::ios::binary | std::ios::in | std::ios::out);
+  for (std::streamoff at = 4096 + 0x10000 * 8 + 40; at < 4096 + 0x10000 * 8 + 4096; at += 56) {
+    io.seekp(at);
+    io.put('\x55');
+  }
+  io.close();
+  chip = nullptr;
+  EXPECT_EQ(run("kelp-chip", store({"--until-idle", "100", "--check"})), 1);
+  EXPECT_THAT(output_, HasSubstr("collection damaged"));
+  EXPECT_THAT(output_, HasSubstr("THE CHIP DIFFERS"));
+}
+
+TEST_F(ChipProgram, SlowHardwareIsSlow) {
+  writeIntents(300);
+  const auto start0 = std::chrono::steady_clock::now();
+  const auto chip = start("kelp-chip", store({"--delay-record", "2000", "--check"}));
+  ASSERT_EQ(run("kelp-agent", agentDrives()), 0) << obituary_;
+  // Some 280 changes of entries, 2 ms each.
+  EXPECT_GT(std::chrono::steady_clock::now() - start0, std::chrono::milliseconds(300));
+  chip->signal(SIGTERM);
+  ASSERT_TRUE(chip->waitFor(std::chrono::seconds(20)));
+  EXPECT_EQ(chip->exitStatus(), 0) << chip->output();
+}
+
+}  // namespace
