@@ -30,10 +30,10 @@ std::unique_ptr<BriskTrace::TraceHandle> openBrisk(const std::string& path) {
 
 Agent::Agent(const Options& options)
     : options_(options),
+      signals_(loop_, SIGTERM, SIGINT, SIGUSR1),
       brisk_(openBrisk(options.brisk)),
       store_(options.name, options.root),
       outcomes_(options.outcomes),
-      signals_(loop_, SIGTERM, SIGINT, SIGUSR1),
       bell_(loop_),
       tick_(loop_),
       lastMove_(Clock::now()),

@@ -54,13 +54,13 @@ class Agent {
 
   const Options& options_;
   asio::io_context loop_{1};
+  asio::signal_set signals_;  // first: a signal that comes during the start is heard after it
   std::unique_ptr<BriskTrace::TraceHandle> brisk_;
   Store store_;
   OutcomeWriter outcomes_;
   std::optional<Intake> intake_;
   std::optional<FileReader> files_;
   std::optional<SocketServer> socket_;
-  asio::signal_set signals_;
   asio::posix::stream_descriptor bell_;
   asio::steady_timer tick_;
   Clock::time_point lastMove_;  // when an intent came or ended, or the hardware side went on

@@ -159,15 +159,16 @@ TEST(Intent, WhatIsNoJsonIsRefusedWithItsColumn) {
 }
 
 TEST(Intent, OddBytesAreShownAsAscii) {
-  for (const std::string& line : {std::string("{\"op\":\"\xff\xfe\"}"), std::string("\0\x01", 2),
-                                  std::string("{\"op\":\"\\u0007\x1b[31m\"}"),
-                                  std::string(R"({"op":"\u00e9\ud83d\ude00"})"),
-                                  "{\"" + std::string(60000, 'x') + "\":1}"}) {
+  for (const std::string& line :
+       {std::string("{\"op\":\"\xff\xfe\"}"), std::string("\0\x01", 2),
+        std::string("{\"op\":\"\\u0007\x1b[31m\"}"), std::string(R"({"op":"\u00e9\ud83d\ude00"})"),
+        "{\"" + std::string(60000, 'x') + "\":1}"}) {
     const std::string error = errorOf(line);
     EXPECT_FALSE(error.empty());
     EXPECT_LT(error.size(), 2000U);
-    EXPECT_TRUE(std::all_of(error.begin(), error.end(), [](char c) { return c >= ' ' && c <= '~'; }))
-        << error;
+    EXPECT_TRUE(std::all_of(error.begin(), error.end(), [](char c) {
+      return c >= ' ' && c <= '~';
+    })) << error;
   }
 }
 
@@ -212,8 +213,9 @@ TEST(Intent, WhatDoesNotBelongToTheOperationIsRefused) {
   EXPECT_EQ(errorOf(isem1(R"("key":{"port":1,"vlan":2},"paylaod":{})")),
             "\"paylaod\" is no part of a write, which has op, table, unit, key, resources, payload "
             "and after: leave it out");
-  EXPECT_THAT(errorOf(R"({"op":"remove","table":"EsemFodo","unit":0,"key":{"fodo":5},"payload":{}})"),
-              StartsWith("\"payload\" is no part of a remove"));
+  EXPECT_THAT(
+      errorOf(R"({"op":"remove","table":"EsemFodo","unit":0,"key":{"fodo":5},"payload":{}})"),
+      StartsWith("\"payload\" is no part of a remove"));
   EXPECT_THAT(errorOf(R"({"op":"removeAll","table":"EsemFodo","unit":0,"key":{"fodo":5}})"),
               StartsWith("\"key\" is no part of a removeAll"));
 }

@@ -9,8 +9,8 @@ namespace {
 
 using Agent::LineBuffer;
 
-// The lines of `text` when it comes in pieces of `piece` bytes, as "NUMBER:TEXT", a '!' behind those
-// that are too long.
+// The lines of `text` when it comes in pieces of `piece` bytes, as "NUMBER:TEXT", a '!' behind
+// those that are too long.
 std::vector<std::string> linesOf(const std::string& text, std::size_t piece) {
   LineBuffer buffer;
   std::vector<std::string> lines;

@@ -1,0 +1,149 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+#include "Asic/GenId.h"
+#include "KelpEmServer/KelpConstants.h"
+#include "KelpEmServer/MountQuilt.h"
+#include "Programs.h"
+#include "Vault/EntityManager.h"
+
+namespace {
+
+using AgentTest::Json;
+using AgentTest::outcomeOf;
+using AgentTest::outcomes;
+using AgentTest::removeFodo;
+using AgentTest::writeFodo;
+using AgentTest::writeInner;
+using testing::HasSubstr;
+
+class AgentRestart : public AgentTest::WithStore {
+ protected:
+  // The relaunch generation, as any process may read it.
+  [[nodiscard]] std::uint64_t relaunchGeneration() const {
+    const auto vault = Lumen::makeNode<Vault::EntityManager>("kelp", false, root_.path());
+    return vault->entityIs<Asic::GenId>(KelpEmServer::relaunchPath(KelpEmServer::kAgentName))
+        ->majorId();
+  }
+  [[nodiscard]] std::string logFile() const {
+    return path("kelp/" +
+                KelpEmServer::KelpConstants<KelpEmServer::EsemFodo>::tableEntryLogQuiltPath() +
+                ".quilt");
+  }
+};
+
+TEST_F(AgentRestart, ASecondAgentOnAStoreNamesTheFirst) {
+  auto first = agent({"--intents", "-"}, true);
+  first.write(removeFodo(1));
+  EXPECT_TRUE(first.prints("\"line\":1,"));
+  auto second = agent({"--exit-when-done"});
+  EXPECT_EQ(second.ends(), 1);
+  EXPECT_THAT(second.err(), HasSubstr(std::to_string(first.process())));
+  EXPECT_THAT(second.err(), HasSubstr(root_.path()));
+  // The first goes on as if nothing had been.
+  first.write(removeFodo(2));
+  EXPECT_TRUE(first.prints("\"line\":2,"));
+  first.kill(SIGINT);
+  EXPECT_EQ(first.ends(), 0);
+  auto third = agent({"--exit-when-done"});
+  EXPECT_EQ(third.ends(), 0);
+}
+
+TEST_F(AgentRestart, AfterACleanStopVersionsContinueAndEntriesStay) {
+  {
+    auto program = agent({"--intents", file("a", writeFodo(1, 1) + writeFodo(2, 2)), "--summary",
+                          path("s"), "--outcomes", path("o")});
+    ASSERT_TRUE(started());
+    ASSERT_TRUE(AgentTest::comesTrue(
+        [&] { return tableOf(summaryOf(program, "s"), "EsemFodo", 0)["tableVersion"] == 2; }));
+    program.kill(SIGTERM);
+    EXPECT_EQ(program.ends(), 0);
+    EXPECT_EQ(program.err(), "");
+  }
+  const auto hardware = chip();
+  auto program =
+      agent({"--intents", file("b", writeFodo(3, 3)), "--exit-when-done", "--summary", path("t")});
+  EXPECT_EQ(program.ends(), 0);
+  EXPECT_EQ(outcomeOf(program.out(), 1)["version"], 3);
+  EXPECT_EQ(tableOf(summary("t"), "EsemFodo", 0)["entries"], 3);
+}
+
+TEST_F(AgentRestart, KilledAtAnyMomentVersionsContinueAndNothingCommittedIsLost) {
+  const auto hardware = chip();
+  unsigned fodo = 1;
+  std::uint64_t highest = 0;
+  unsigned succeeded = 0;
+  for (unsigned run = 0; run < 8; ++run) {
+    std::string text;
+    for (unsigned i = 0; i < 3000; ++i) {
+      text += writeFodo(fodo++, 7);
+    }
+    auto program = agent({"--intents", file("in", text)});
+    ASSERT_TRUE(AgentTest::comesTrue([&] { return !program.out().empty(); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2 * run));
+    program.kill(SIGKILL);
+    EXPECT_EQ(program.ends(), 1000 + SIGKILL);
+    std::string out = program.out();
+    out.erase(out.rfind('\n') + 1);  // the end of the last line may be missing
+    std::uint64_t lowest = ~std::uint64_t{0};
+    std::uint64_t last = highest;
+    for (const Json& one : outcomes(out)) {
+      EXPECT_EQ(one["outcome"], "success");
+      lowest = std::min(lowest, one["version"].get<std::uint64_t>());
+      last = std::max(last, one["version"].get<std::uint64_t>());
+      ++succeeded;
+    }
+    EXPECT_GT(lowest, highest) << "a version was given out twice";
+    highest = last;
+  }
+  auto program =
+      agent({"--intents", file("in", writeInner(1)), "--exit-when-done", "--summary", path("s")});
+  EXPECT_EQ(program.ends(), 0);
+  const Json table = tableOf(summary("s"), "EsemFodo", 0);
+  EXPECT_GE(table["entries"].get<unsigned>(), succeeded);
+  EXPECT_LT(table["entries"].get<unsigned>(), fodo);
+  EXPECT_EQ(table["tableVersion"], table["entries"]);
+  EXPECT_EQ(table["inLog"], 0);
+  EXPECT_EQ(relaunchGeneration(), 0U);
+}
+
+// As after an update to a release whose records are laid out in another way.
+TEST_F(AgentRestart, AStoreOfAnotherLayoutIsSetAsideAndTheHardwareSideResyncs) {
+  {
+    const auto hardware = chip();
+    auto program = agent({"--intents", file("a", writeFodo(1, 1) + writeFodo(2, 2) + writeInner(1)),
+                          "--exit-when-done"});
+    EXPECT_EQ(program.ends(), 0);
+  }
+  EXPECT_EQ(relaunchGeneration(), 0U);
+  {
+    // Both copies of the header's constants, so that neither can vouch for the other.
+    std::fstream log(logFile(), std::ios::binary | std::ios::in | std::ios::out);
+    ASSERT_TRUE(log.is_open()) << logFile();
+    for (const int copy : {0, 256}) {
+      log.seekp(copy + 16);
+      log.write("\x01\x02\x03\x04\x05\x06\x07\x08", 8);
+    }
+  }
+  const auto hardware = chip();
+  auto program =
+      agent({"--intents", file("b", writeFodo(3, 3)), "--exit-when-done", "--summary", path("s")});
+  EXPECT_EQ(program.ends(), 0);
+  EXPECT_THAT(program.err(), HasSubstr("HW_ABSTRACTION_"));
+  EXPECT_EQ(outcomeOf(program.out(), 1)["outcome"], "success");
+  EXPECT_EQ(relaunchGeneration(), 1U);
+  EXPECT_EQ(tableOf(summary("s"), "IsemInnerEth", 0)["entries"], 1);
+}
+
+TEST_F(AgentRestart, AFolderThatCannotBeWrittenIsNamed) {
+  file("plain", "no folder");
+  auto program = agent({"--name", "plain", "--exit-when-done"});
+  EXPECT_EQ(program.ends(), 1);
+  EXPECT_THAT(program.err(), HasSubstr(path("plain")));
+}
+
+}  // namespace
