@@ -226,21 +226,24 @@ TEST(HashMap2018, LetsAnIteratorOutliveTheCollectionAsAHolderOfItsNode) {
 }
 
 TEST(HashMap2018, KeepsItsDirectoryWhenItIsFilledAndDrainedAgainAndAgain) {
-  Brio::HashMap2018<HN_Map4> map;
-  unsigned size = 0;
-  for (unsigned round = 0; round < 20; ++round) {
-    for (unsigned n = 0; n < 5000; ++n) {
-      insert(map, n);
-    }
-    if (round == 0) {
-      size = map.generic().directorySize();
-    }
-    ASSERT_EQ(map.generic().directorySize(), size);
-    for (unsigned n = 0; n < 5000; ++n) {
-      erase(map, n);
+  // Of several sizes, so that an epoch ends when the collection is full, half full, all but empty.
+  for (const unsigned members : {4700U, 5000U, 6100U, 7000U, 9200U}) {
+    Brio::HashMap2018<HN_Map4> map;
+    unsigned size = 0;
+    for (unsigned round = 0; round < 12; ++round) {
+      for (unsigned n = 0; n < members; ++n) {
+        insert(map, n);
+      }
+      if (round == 0) {
+        size = map.generic().directorySize();
+      }
       ASSERT_EQ(map.generic().directorySize(), size);
+      for (unsigned n = 0; n < members; ++n) {
+        erase(map, n);
+        ASSERT_EQ(map.generic().directorySize(), size);
+      }
+      ASSERT_EQ(map.slotCount(), 0U);
     }
-    ASSERT_EQ(map.slotCount(), 0U);
   }
 }
 

@@ -173,11 +173,11 @@ TEST(CanonicalTableName, IsBuiltByItsType) {
 }
 
 TEST(CanonicalTableName, NamesAResourceTableByNamespaceAndTable) {
-  EXPECT_EQ(Lumen::makeNode<Asic::CanonicalTableName>(Asic::OrderedTableType::resourceTable, "",
-                                                      "KelpTunnelNiLib",
-                                                      "InLifIndex.featureKelpEmServer")
-                ->name(),
-            "ResourceTable.KelpTunnelNiLib::InLifIndex.featureKelpEmServer");
+  EXPECT_EQ(
+      Lumen::makeNode<Asic::CanonicalTableName>(Asic::OrderedTableType::resourceTable, "",
+                                                "KelpTunnelNiLib", "InLifIndex.featureKelpEmServer")
+          ->name(),
+      "ResourceTable.KelpTunnelNiLib::InLifIndex.featureKelpEmServer");
 }
 
 TEST(CanonicalTableNameDeathTest, AnyOtherTypeIsAnAssertion) {

@@ -103,8 +103,8 @@ TYPED_TEST_P(TableCore, AnEntryMayDependOnOneOfAnotherTable) {
   const auto handle = table->entryWrite(this->key(1), this->entry(1), on);
   const auto back = this->writeOther(2, handle);
   EXPECT_EQ(this->pass(), 3U);
-  EXPECT_THAT(this->needed(1), testing::ElementsAre(Asic::TableVersion{
-                                   TestFixture::Other::tableId, Asic::LogVersion{1}}));
+  EXPECT_THAT(this->needed(1), testing::ElementsAre(Asic::TableVersion{TestFixture::Other::tableId,
+                                                                       Asic::LogVersion{1}}));
   EXPECT_EQ(static_cast<unsigned>(back->entryState()), 1U);
   const auto failed = table->entryWrite(this->key(2), this->entry(2), this->handleIn(table, 5));
   this->pass();

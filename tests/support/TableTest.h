@@ -99,9 +99,9 @@ class HandleWatch final : private Lumen::Subscriber {
   static void changed(Lumen::Publisher*, Lumen::Subscriber* self, Lumen::FieldId, const void*,
                       const void*) {
     auto* watch = static_cast<HandleWatch*>(self);
-    watch->events_.push_back(
-        fmt::format("state {} at {}", static_cast<unsigned>(watch->handle_->entryState()),
-                    watch->handle_->logVersion()));
+    watch->events_.push_back(fmt::format("state {} at {}",
+                                         static_cast<unsigned>(watch->handle_->entryState()),
+                                         watch->handle_->logVersion()));
   }
 
   Lumen::Ptr<const Asic::OrderedSwTable::EntryHandle> handle_;
@@ -184,15 +184,11 @@ class TableTest : public TableFixture<T> {
   using Other = typename OtherTable<T>::Type;
   using OtherSwTable = KelpEmServer::KelpSwTable<Other>;
 
-  static std::string text(std::uint64_t number) {
-    return fmt::format("{}", Fixture::key(number));
-  }
+  static std::string text(std::uint64_t number) { return fmt::format("{}", Fixture::key(number)); }
   static unsigned state(const Handle& handle) {
     return static_cast<unsigned>(handle->entryState());
   }
-  static std::string version(const Handle& handle) {
-    return fmt::format("{}", handle->version());
-  }
+  static std::string version(const Handle& handle) { return fmt::format("{}", handle->version()); }
 
  protected:
   // Accepts a write or a remove without committing it.
@@ -218,8 +214,7 @@ class TableTest : public TableFixture<T> {
   // A handle of this table that stands in the given state and at the given log version.
   Lumen::Ptr<typename Table::EntryHandle> handleIn(const Lumen::Ptr<Table>& table, unsigned state,
                                                    std::uint64_t logVersion = 0) {
-    const auto handle =
-        Table::entryHandleFactory(Asic::EntryVersion(), this->key(77), table.get());
+    const auto handle = Table::entryHandleFactory(Asic::EntryVersion(), this->key(77), table.get());
     handle->logVersionIs(Asic::LogVersion{logVersion});
     handle->entryStateIs(static_cast<Asic::EntryState>(state));
     return handle;

@@ -51,8 +51,7 @@ TYPED_TEST(TableAssertionDeathTest, AWriteOrARemoveOfAnInvalidVersion) {
 TYPED_TEST(TableAssertionDeathTest, ARemoveAllMayHaveAnInvalidVersion) {
   const auto table = this->table();
   table->transientRemoveAllVersionIs(Asic::MajorVersion{0});
-  const auto removeAll =
-      this->operation(table, EntryFlags::tableDeleted, EntryVersion::invalid());
+  const auto removeAll = this->operation(table, EntryFlags::tableDeleted, EntryVersion::invalid());
   removeAll->commitEntry(removeAll);
   EXPECT_FALSE(table->transientRemoveAllVersion().valid());
 }

@@ -18,8 +18,7 @@ class FullChangeLog : public TestSupport::TableTest<T> {
     const Asic::UnitId nobody{999};
     const auto logQuilt = this->log()->tableEntryLog();
     for (std::uint64_t version = 2000000; logQuilt->entryLogConfig().size() < count; ++version) {
-      logQuilt->entryLogConfigIs(
-          typename Log::LogRecord(Asic::LogVersion{version}, {}, nobody, 0));
+      logQuilt->entryLogConfigIs(typename Log::LogRecord(Asic::LogVersion{version}, {}, nobody, 0));
     }
   }
   std::string noSpace(const std::string& key, bool isRemove) {

@@ -53,16 +53,15 @@ TEST(Catalogue, GivesEveryCollectionASaltOfItsOwn) {
 // The exported factories of a table. Their names are what differs.
 template <class T>
 struct Factories;
-#define KELP_TEST_FACTORIES(Name, name)                                           \
-  template <>                                                                     \
-  struct Factories<KelpEmServer::Name> {                                          \
-    static constexpr auto swTable = &KelpEmServer::name##KelpSwTableFactory;      \
-    static constexpr auto iteratorState =                                         \
-        &KelpEmServer::name##KelpSwTableIteratorStateFactory;                     \
-    static constexpr auto helper = &KelpEmServer::name##KelpSwTableHelperBaseFactory; \
-    static constexpr auto entryLog = &KelpEmServer::name##KelpEntryLogFactory;    \
-    static constexpr auto wrapper = &KelpEmServer::name##KelpEntryWrapperFactory; \
-    static constexpr auto resolverEntry = &KelpEmServer::name##KelpResolverEntryFactory; \
+#define KELP_TEST_FACTORIES(Name, name)                                                         \
+  template <>                                                                                   \
+  struct Factories<KelpEmServer::Name> {                                                        \
+    static constexpr auto swTable = &KelpEmServer::name##KelpSwTableFactory;                    \
+    static constexpr auto iteratorState = &KelpEmServer::name##KelpSwTableIteratorStateFactory; \
+    static constexpr auto helper = &KelpEmServer::name##KelpSwTableHelperBaseFactory;           \
+    static constexpr auto entryLog = &KelpEmServer::name##KelpEntryLogFactory;                  \
+    static constexpr auto wrapper = &KelpEmServer::name##KelpEntryWrapperFactory;               \
+    static constexpr auto resolverEntry = &KelpEmServer::name##KelpResolverEntryFactory;        \
   }
 KELP_TEST_FACTORIES(EsemFodo, esemFodo);
 KELP_TEST_FACTORIES(EsemFodoVd, esemFodoVd);
@@ -136,9 +135,9 @@ TYPED_TEST(CatalogueTables, EveryTableAndUnitHasAPathOfItsOwn) {
   });
   EXPECT_EQ(paths.size(), 8U * 4U);
   (void)this->table(this->unit1);
-  EXPECT_NE(this->memory()->getEntity(
-                KelpEmServer::KelpConstants<TypeParam>::tableEntryLogQuiltPath()),
-            nullptr);
+  EXPECT_NE(
+      this->memory()->getEntity(KelpEmServer::KelpConstants<TypeParam>::tableEntryLogQuiltPath()),
+      nullptr);
   EXPECT_NE(this->memory()->getEntity(
                 KelpEmServer::KelpConstants<TypeParam>::configQuiltPath(this->unit1)),
             nullptr);

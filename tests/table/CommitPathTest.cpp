@@ -6,8 +6,8 @@
 namespace {
 
 using Asic::EntryVersion;
-using TestSupport::Events;
 using testing::ElementsAre;
+using TestSupport::Events;
 
 template <class T>
 class CommitPath : public TestSupport::TableTest<T> {
@@ -66,8 +66,8 @@ TYPED_TEST(CommitPath, TheStepsOfARemoveComeInOrder) {
   this->commit(table, 1);
   Events events;
   table->swTableHelperIs(Lumen::makeNode<typename TestFixture::Hooks>(events));
-  const auto handle = table->entryRemoveWithResponseHandler(this->key(1), nullptr,
-                                                            this->handler(events));
+  const auto handle =
+      table->entryRemoveWithResponseHandler(this->key(1), nullptr, this->handler(events));
   {
     const TestSupport::TableWatch<TypeParam> tableWatch(table, events);
     const TestSupport::HandleWatch handleWatch(handle, events);
@@ -75,10 +75,10 @@ TYPED_TEST(CommitPath, TheStepsOfARemoveComeInOrder) {
     this->pass();
   }
   const std::string key = this->text(1);
-  EXPECT_THAT(events, ElementsAre("900 " + key + " was 0.0", "901 " + key + " was 0.0",
-                                  "hook remove at 1",
-                                  "EntryLog 8:  key:" + key + " neededEntry: {} unitId: 0",
-                                  "state 1 at 2", "907 enq 2"));
+  EXPECT_THAT(events,
+              ElementsAre("900 " + key + " was 0.0", "901 " + key + " was 0.0", "hook remove at 1",
+                          "EntryLog 8:  key:" + key + " neededEntry: {} unitId: 0", "state 1 at 2",
+                          "907 enq 2"));
   EXPECT_EQ(table->stats()->commitCnt(), 2U);
 }
 
@@ -86,8 +86,8 @@ TYPED_TEST(CommitPath, ARemoveOfAKeyThatTheLogDoesNotHoldIsDoneAtOnce) {
   const auto table = this->table();
   Events events;
   table->swTableHelperIs(Lumen::makeNode<typename TestFixture::Hooks>(events));
-  const auto handle = table->entryRemoveWithResponseHandler(this->key(1), nullptr,
-                                                            this->handler(events));
+  const auto handle =
+      table->entryRemoveWithResponseHandler(this->key(1), nullptr, this->handler(events));
   const std::string key = this->text(1);
   {
     const TestSupport::TableWatch<TypeParam> tableWatch(table, events);
@@ -118,8 +118,8 @@ TYPED_TEST(CommitPath, TheStepsOfARemoveAllComeInOrder) {
     const TestSupport::TraceWatch<TypeParam> traces("*KelpEntryLog/8", events);
     this->pass();
   }
-  EXPECT_THAT(events, ElementsAre("EntryLog 8:  neededEntry:{}, unitId: 0", "state 1 at 2",
-                                  "902 was 0"));
+  EXPECT_THAT(events,
+              ElementsAre("EntryLog 8:  neededEntry:{}, unitId: 0", "state 1 at 2", "902 was 0"));
   EXPECT_EQ(table->entryHandleInLogBack()->logVersion().value, 1U) << "it waits for no report";
   EXPECT_EQ(table->stats()->tableClearCnt(), 1U);
   EXPECT_EQ(table->stats()->commitCnt(), 2U);
@@ -362,16 +362,13 @@ TYPED_TEST(CommitPath, AHandlerMayDropItsHandleAndWriteAgain) {
 TYPED_TEST(CommitPath, AHandlerIsCalledAtMostOnce) {
   const auto table = this->table();
   std::vector<int> calls(5);
-  const auto counting = [&](std::size_t i) {
-    return [&calls, i](const auto&) { ++calls[i]; };
-  };
+  const auto counting = [&](std::size_t i) { return [&calls, i](const auto&) { ++calls[i]; }; };
   (void)table->entryWriteWithResponseHandler(this->key(1), this->entry(1), nullptr, counting(0));
-  (void)table->entryWriteWithResponseHandler(this->key(1), this->entry(1, 1), nullptr,
-                                             counting(1));
+  (void)table->entryWriteWithResponseHandler(this->key(1), this->entry(1, 1), nullptr, counting(1));
   (void)table->entryRemoveWithResponseHandler(this->key(1), nullptr, counting(2));
   (void)table->entryRemoveWithResponseHandler(this->key(2), nullptr, counting(3));
-  (void)table->entryWriteWithResponseHandler(this->key(3), this->entry(3),
-                                             this->handleIn(table, 5), counting(4));
+  (void)table->entryWriteWithResponseHandler(this->key(3), this->entry(3), this->handleIn(table, 5),
+                                             counting(4));
   this->pass();
   EXPECT_THAT(calls, ElementsAre(0, 0, 0, 1, 1));
   for (int i = 0; i < 3; ++i) {

@@ -5,9 +5,9 @@
 namespace {
 
 using Asic::EntryVersion;
-using TestSupport::Events;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using TestSupport::Events;
 
 template <class T>
 class Dependency : public TestSupport::TableTest<T> {
@@ -228,8 +228,8 @@ TYPED_TEST(Dependency, AFailedRemoveStaysInTransientStateAndTheEntryInTheLog) {
   const auto table = this->table();
   this->commit(table, 1);
   int calls = 0;
-  const auto handle = table->entryRemoveWithResponseHandler(
-      this->key(1), this->handleIn(table, 5), [&](const auto&) { ++calls; });
+  const auto handle = table->entryRemoveWithResponseHandler(this->key(1), this->handleIn(table, 5),
+                                                            [&](const auto&) { ++calls; });
   this->pass();
   EXPECT_EQ(this->state(handle), 5U);
   EXPECT_EQ(calls, 1);
@@ -244,9 +244,9 @@ TYPED_TEST(Dependency, AFailedRemoveAllKeepsItsCountAndTellsItsHandler) {
   const auto table = this->table();
   this->commit(table, 1);
   std::vector<unsigned> states;
-  table->entryRemoveAllWithResponseHandler(
-      this->handleIn(table, 5),
-      [&](const auto& handle) { states.push_back(TestFixture::state(handle)); });
+  table->entryRemoveAllWithResponseHandler(this->handleIn(table, 5), [&](const auto& handle) {
+    states.push_back(TestFixture::state(handle));
+  });
   Events events;
   {
     const TestSupport::TraceWatch<TypeParam> traces("*KelpSwTable/1", events);

@@ -4,8 +4,8 @@
 
 namespace {
 
-using TestSupport::Events;
 using testing::ElementsAre;
+using TestSupport::Events;
 
 template <class T>
 class FinalizeHooks : public TestSupport::TableTest<T> {
@@ -164,9 +164,8 @@ TYPED_TEST(FinalizeHooks, AFailureAsksTheHelperAndKeepsTheResolvedFields) {
       const TestSupport::TraceWatch<TypeParam> traces("*KelpSwTable/3,8", events);
       EXPECT_EQ(wrapper->finalizeOnFailure(table, false), keep);
     }
-    EXPECT_THAT(events,
-                ElementsAre("SwTable 8:  key: " + this->text(1) + " isDeleted: false",
-                            fmt::format("SwTable 3:  retVal: {}", keep)));
+    EXPECT_THAT(events, ElementsAre("SwTable 8:  key: " + this->text(1) + " isDeleted: false",
+                                    fmt::format("SwTable 3:  retVal: {}", keep)));
   }
   EXPECT_THAT(witness->events, ElementsAre("failure false", "failure false"));
   EXPECT_TRUE(wrapper->logEntry().isEq(entry.logEntry));
@@ -244,9 +243,13 @@ TYPED_TEST(InLifResources, TheHandlesValuesGoToTheLogEntryFirstValueFirst) {
 }
 
 template <class Wrapper>
-concept AnswersInLif1 = requires(const Wrapper& wrapper) { wrapper.inLif1Index(); };
+concept AnswersInLif1 = requires(const Wrapper& wrapper) {
+  wrapper.inLif1Index();
+};
 template <class Wrapper>
-concept AnswersInLif23 = requires(const Wrapper& wrapper) { wrapper.inLif23Index(); };
+concept AnswersInLif23 = requires(const Wrapper& wrapper) {
+  wrapper.inLif23Index();
+};
 
 TEST(EntryWrapper, OnlyIsemMplsAnswersInLif23IndexAndItAnswersNoInLif1Index) {
   using namespace KelpEmServer;

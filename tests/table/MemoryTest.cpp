@@ -12,9 +12,8 @@ using Count = std::map<std::string, std::uint64_t>;
 
 Count liveObjects() {
   Count count;
-  Lumen::MemTrack::forEach([&](const Lumen::MemTrack& tracker) {
-    count[tracker.typeName()] += tracker.liveObjects();
-  });
+  Lumen::MemTrack::forEach(
+      [&](const Lumen::MemTrack& tracker) { count[tracker.typeName()] += tracker.liveObjects(); });
   return count;
 }
 std::uint64_t allocations(const std::string& name) {
@@ -95,7 +94,8 @@ TYPED_TEST(Memory, AnOperationInFlightIsOneHandleOneWrapperAndOneResolverEntry) 
   }
   this->pass();
   const Count after = liveObjects();
-  EXPECT_EQ(after.at(prefix + "SwTable::EntryHandle"), before.at(prefix + "SwTable::EntryHandle") + 1)
+  EXPECT_EQ(after.at(prefix + "SwTable::EntryHandle"),
+            before.at(prefix + "SwTable::EntryHandle") + 1)
       << "it waits for the report";
   EXPECT_EQ(after.at(prefix + "EntryWrapper"), before.at(prefix + "EntryWrapper"));
   EXPECT_EQ(after.at(prefix + "ResolverEntry"), before.at(prefix + "ResolverEntry"));
@@ -118,9 +118,8 @@ TYPED_TEST(Memory, ATableThatGoesTakesWhatIsInFlightAlong) {
   this->stop();
   EXPECT_EQ(resolver->size(), 0U);
   const Count after = liveObjects();
-  for (const char* name :
-       {"SwTable", "SwTable::EntryHandle", "EntryWrapper", "ResolverEntry", "EntryLog",
-        "Interface", "SwTableHelperBase"}) {
+  for (const char* name : {"SwTable", "SwTable::EntryHandle", "EntryWrapper", "ResolverEntry",
+                           "EntryLog", "Interface", "SwTableHelperBase"}) {
     EXPECT_EQ(after.at(prefix + name), 0U) << name;
   }
 }

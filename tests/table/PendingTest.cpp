@@ -149,11 +149,12 @@ TYPED_TEST(PendingHwWrites, TheAnswerIsTraced) {
     const TestSupport::TraceWatch<TypeParam> traces("*KelpSwTable/*", events);
     EXPECT_FALSE(table->hasPendingHwWrites());
   }
-  EXPECT_THAT(events,
-              testing::ElementsAre(
-                  "SwTable 8: ",
-                  fmt::format("SwTable 3:  pendingHwWrites for swTable: tableId: {}, unitId1 is false",
-                              TypeParam::tableId)));
+  EXPECT_THAT(
+      events,
+      testing::ElementsAre(
+          "SwTable 8: ",
+          fmt::format("SwTable 3:  pendingHwWrites for swTable: tableId: {}, unitId1 is false",
+                      TypeParam::tableId)));
 }
 
 }  // namespace

@@ -122,8 +122,7 @@ TYPED_TEST(RecordBytes, OfTheDefaultEntry) {
   const typename TypeParam::Entry entry;
   const auto bytes = bytesOf(entry);
   ASSERT_EQ(bytes.size(), layout.entryBytes);
-  EXPECT_EQ(bytesOf(typename TestFixture::Key()),
-            part(bytes, layout.keyInEntry, layout.keyBytes));
+  EXPECT_EQ(bytesOf(typename TestFixture::Key()), part(bytes, layout.keyInEntry, layout.keyBytes));
   EXPECT_EQ(part(bytes, layout.logEntryInEntry, layout.logEntryBytes), bytesOf(entry.logEntry));
   std::vector<std::uint8_t> rest = bytes;
   if constexpr (requires { entry.rsrcKeys.inLifIdxKey; }) {
@@ -149,8 +148,9 @@ TYPED_TEST(RecordBytes, OfTheResolvedFields) {
   typename TypeParam::Entry entry;
   auto& logEntry = entry.logEntry;
   if constexpr (requires { logEntry.inLif0Index; }) {
-    const std::size_t first =
-        std::is_same_v<TypeParam, Isem1Tag> ? 36 : std::is_same_v<TypeParam, IsemMpls> ? 40 : 32;
+    const std::size_t first = std::is_same_v<TypeParam, Isem1Tag>   ? 36
+                              : std::is_same_v<TypeParam, IsemMpls> ? 40
+                                                                    : 32;
     logEntry.inLif0Index = 0xA1A2A3A4;
     if constexpr (requires { logEntry.inLif1Index; }) {
       logEntry.inLif1Index = 0xB1B2B3B4;

@@ -5,8 +5,8 @@
 namespace {
 
 using Asic::EntryVersion;
-using TestSupport::Events;
 using testing::ElementsAre;
+using TestSupport::Events;
 
 template <class T>
 class RemovePath : public TestSupport::TableTest<T> {};
@@ -22,8 +22,7 @@ TYPED_TEST(RemovePath, ARemoveWithNothingInFlightStartsAtVersionZero) {
   EXPECT_EQ(table->transientRemoveEntry(this->key(1))->entryHandle().get(), handle.get());
   EXPECT_EQ(table->stats()->entryRemoveCnt(), 1U);
   EXPECT_EQ(table->stats()->entryWriteCnt(), 0U);
-  EXPECT_TRUE(
-      traces.has(8, " Key: " + this->text(1) + " not found in entry version collection"));
+  EXPECT_TRUE(traces.has(8, " Key: " + this->text(1) + " not found in entry version collection"));
 }
 
 TYPED_TEST(RemovePath, ARemoveCarriesItsKeyAndNoPayload) {
@@ -87,11 +86,10 @@ TYPED_TEST(RemovePath, TheStepsOfAcceptanceComeInOrder) {
   this->remove(table, 1);
   resolver->wakeUpIs(nullptr);
   const std::string key = this->text(1);
-  EXPECT_THAT(events,
-              ElementsAre("901 " + key + " was 0.0", "899 " + key + " was 0.0",
-                          "900 " + key + " was none",
-                          "SwTable 2:  Done processing remove for key: " + key + " ",
-                          "woken with 2 queued and 1 removed", "pending true"));
+  EXPECT_THAT(events, ElementsAre("901 " + key + " was 0.0", "899 " + key + " was 0.0",
+                                  "900 " + key + " was none",
+                                  "SwTable 2:  Done processing remove for key: " + key + " ",
+                                  "woken with 2 queued and 1 removed", "pending true"));
   EXPECT_EQ(resolver->genId(), gen + 1);
 }
 
@@ -141,8 +139,8 @@ TYPED_TEST(RemoveAllPath, ItEmptiesTheNewestOperationsAndKeepsTheirVersions) {
 TYPED_TEST(RemoveAllPath, ItCarriesTheDefaultKeyAndVersionZero) {
   const auto table = this->table();
   table->entryRemoveAll(nullptr);
-  const auto front = Lumen::staticPtrCast<typename TestFixture::Resolver>(
-      table->resolverQueue().front());
+  const auto front =
+      Lumen::staticPtrCast<typename TestFixture::Resolver>(table->resolverQueue().front());
   EXPECT_EQ(static_cast<unsigned>(front->flags()), 2U);
   EXPECT_TRUE(front->isTableDeleted());
   EXPECT_FALSE(front->isEntryDeleted());
@@ -175,8 +173,8 @@ TYPED_TEST(RemoveAllPath, TheStepsOfAcceptanceComeInOrder) {
     EXPECT_EQ(resolver->genId(), gen + 1);
     EXPECT_THAT(events, ElementsAre("899 " + this->text(1) + " was 0.0",
                                     "900 " + this->text(2) + " was 0.0", "902 was invalid",
-                                    "SwTable 2: Done processing remove all ",
-                                    "woken with 3 queued", "pending true"));
+                                    "SwTable 2: Done processing remove all ", "woken with 3 queued",
+                                    "pending true"));
     events.clear();
     table->entryRemoveAll(nullptr);
     EXPECT_THAT(events, ElementsAre("902 was 0", "SwTable 2: Done processing remove all "));

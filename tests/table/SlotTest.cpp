@@ -87,8 +87,8 @@ TYPED_TEST(VirtualSlots, TheTableOverridesItsWholeContract) {
   using On = const Lumen::Ptr<const Asic::DependencyEntryHandle>&;
   using Key = typename TestFixture::Key;
   using Entry = typename TestFixture::Entry;
-  static_assert(std::is_same_v<decltype(&Table::tableStatusVersion),
-                               void (Table::*)(Asic::LogVersion)>);
+  static_assert(
+      std::is_same_v<decltype(&Table::tableStatusVersion), void (Table::*)(Asic::LogVersion)>);
   static_assert(std::is_same_v<decltype(&Table::hasPendingHwWrites), bool (Table::*)() const>);
   static_assert(std::is_same_v<decltype(&Table::mark), void (Table::*)()>);
   static_assert(std::is_same_v<decltype(&Table::sweep), void (Table::*)()>);

@@ -7,10 +7,10 @@ namespace {
 
 using Asic::EntryVersion;
 using Asic::MajorVersion;
-using TestSupport::Events;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
+using TestSupport::Events;
 
 template <class T>
 class SoftwareTableState : public TestSupport::TableTest<T> {
@@ -20,8 +20,7 @@ class SoftwareTableState : public TestSupport::TableTest<T> {
   using Wrapper = typename Base::Wrapper;
 
   Lumen::Ptr<Wrapper> wrapper(std::uint64_t number, const EntryVersion& version = {}) {
-    const auto handle =
-        Table::entryHandleFactory(version, this->key(number), this->table().get());
+    const auto handle = Table::entryHandleFactory(version, this->key(number), this->table().get());
     return Wrapper::KelpEntryWrapperIs(this->entry(number), handle);
   }
 };
@@ -134,8 +133,7 @@ TYPED_TEST(SoftwareTableState, PlainAttributesTellOfChangesOnly) {
   table->inMarkingStateIs(true);
   table->inMarkingStateIs(false);
   EXPECT_THAT(events, ElementsAre(fmt::format("898 was {}", fmt::ptr(plain.get())),
-                                  "902 was invalid", "902 was 2", "917 was false",
-                                  "917 was true"));
+                                  "902 was invalid", "902 was 2", "917 was false", "917 was true"));
 }
 
 TYPED_TEST(SoftwareTableState, AMarkedKeyIsMarkedOnce) {
@@ -250,12 +248,12 @@ TYPED_TEST(SoftwareTableState, AKeyInFlightStandsInOneCollectionAndHasItsNewestV
   const auto check = [&] {
     for (const auto& node : table->transientAddEntry()) {
       EXPECT_EQ(table->transientRemoveEntry()[node.key()], nullptr);
-      EXPECT_TRUE(table->transientVersionForKey(node.key())
-                      .isEq(node.value()->entryHandle()->version()));
+      EXPECT_TRUE(
+          table->transientVersionForKey(node.key()).isEq(node.value()->entryHandle()->version()));
     }
     for (const auto& node : table->transientRemoveEntry()) {
-      EXPECT_TRUE(table->transientVersionForKey(node.key())
-                      .isEq(node.value()->entryHandle()->version()));
+      EXPECT_TRUE(
+          table->transientVersionForKey(node.key()).isEq(node.value()->entryHandle()->version()));
     }
   };
   for (std::uint64_t step = 0; step < 200; ++step) {

@@ -4,9 +4,9 @@
 
 namespace {
 
-using TestSupport::Events;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using TestSupport::Events;
 
 template <class T>
 class StatusVersion : public TestSupport::TableTest<T> {
@@ -146,25 +146,25 @@ TYPED_TEST(StatusVersion, TheStepsComeInOrder) {
   }
   EXPECT_THAT(
       events,
-      ElementsAre("EntryLog 8:  version 2", "907 deq 1 of 1",
-                  "SwTable 3: Processing version: 1, key: " + this->text(1), "state 4 at 1",
-                  "handler of 1", "907 deq 2 of 2",
-                  "SwTable 3: Processing version: 2, key: " + this->text(2), "state 4 at 2",
-                  "handler of 2",
-                  fmt::format("SwTable 3:  pendingHwWrites for swTable: tableId: {}, unitId0 is false",
-                              TypeParam::tableId),
-                  "pending false"));
+      ElementsAre(
+          "EntryLog 8:  version 2", "907 deq 1 of 1",
+          "SwTable 3: Processing version: 1, key: " + this->text(1), "state 4 at 1", "handler of 1",
+          "907 deq 2 of 2", "SwTable 3: Processing version: 2, key: " + this->text(2),
+          "state 4 at 2", "handler of 2",
+          fmt::format("SwTable 3:  pendingHwWrites for swTable: tableId: {}, unitId0 is false",
+                      TypeParam::tableId),
+          "pending false"));
 }
 
 TYPED_TEST(StatusVersion, AHandlerSeesTheLogAtTheReportedVersion) {
   const auto table = this->table();
   std::uint64_t cleaned = 0;
   std::uint64_t records = 99;
-  (void)table->entryWriteWithResponseHandler(
-      this->key(1), this->entry(1), nullptr, [&](const typename TestFixture::Handle&) {
-        cleaned = this->log()->lastCleanedVersion().value;
-        records = this->changeLog().size();
-      });
+  (void)table->entryWriteWithResponseHandler(this->key(1), this->entry(1), nullptr,
+                                             [&](const typename TestFixture::Handle&) {
+                                               cleaned = this->log()->lastCleanedVersion().value;
+                                               records = this->changeLog().size();
+                                             });
   this->pass();
   this->commit(table, 2);
   this->report(table, 2);

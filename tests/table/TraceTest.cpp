@@ -4,8 +4,8 @@
 
 namespace {
 
-using TestSupport::Events;
 using testing::ElementsAre;
+using TestSupport::Events;
 
 // What the table and its log trace, whole, with all levels on.
 template <class T>
@@ -30,11 +30,12 @@ TYPED_TEST(Traces, OfAWriteAtItsAcceptance) {
   Events events;
   const TestSupport::TraceWatch<TypeParam> traces(this->kTable, events);
   this->write(table, 1);
-  EXPECT_THAT(events, ElementsAre("SwTable 8:  key: " + key, "SwTable 8:  key: " + key,
-                                  "SwTable 8: key: " + key,
-                                  "SwTable 8:  Key: " + key + " not found in entry version collection",
-                                  "SwTable 2: Done processing write for key: " + key + " ",
-                                  "SwTable 8: ", this->pending(true)));
+  EXPECT_THAT(
+      events,
+      ElementsAre("SwTable 8:  key: " + key, "SwTable 8:  key: " + key, "SwTable 8: key: " + key,
+                  "SwTable 8:  Key: " + key + " not found in entry version collection",
+                  "SwTable 2: Done processing write for key: " + key + " ",
+                  "SwTable 8: ", this->pending(true)));
   events.clear();
   (void)table->entryWriteWithResponseHandler(this->key(1), this->entry(1), nullptr, nullptr);
   EXPECT_THAT(events, ElementsAre("SwTable 8:  key: " + key, "SwTable 8: key: " + key,
@@ -48,17 +49,17 @@ TYPED_TEST(Traces, OfARemoveAtItsAcceptance) {
   Events events;
   const TestSupport::TraceWatch<TypeParam> traces(this->kTable, events);
   this->remove(table, 1);
-  EXPECT_THAT(events, ElementsAre("SwTable 8:  key: " + key, "SwTable 8:  key: " + key,
-                                  "SwTable 8:  Key: " + key + " ",
-                                  "SwTable 8:  Key: " + key + " not found in entry version collection",
-                                  "SwTable 2:  Done processing remove for key: " + key + " ",
-                                  "SwTable 8: ", this->pending(true)));
-  events.clear();
-  (void)table->entryRemoveWithResponseHandler(this->key(1), nullptr, nullptr);
   EXPECT_THAT(events,
-              ElementsAre("SwTable 8:  key: " + key, "SwTable 8:  Key: " + key + " ",
+              ElementsAre("SwTable 8:  key: " + key, "SwTable 8:  key: " + key,
+                          "SwTable 8:  Key: " + key + " ",
+                          "SwTable 8:  Key: " + key + " not found in entry version collection",
                           "SwTable 2:  Done processing remove for key: " + key + " ",
                           "SwTable 8: ", this->pending(true)));
+  events.clear();
+  (void)table->entryRemoveWithResponseHandler(this->key(1), nullptr, nullptr);
+  EXPECT_THAT(events, ElementsAre("SwTable 8:  key: " + key, "SwTable 8:  Key: " + key + " ",
+                                  "SwTable 2:  Done processing remove for key: " + key + " ",
+                                  "SwTable 8: ", this->pending(true)));
 }
 
 TYPED_TEST(Traces, OfARemoveAllAtItsAcceptance) {
@@ -68,14 +69,14 @@ TYPED_TEST(Traces, OfARemoveAllAtItsAcceptance) {
   table->entryRemoveAll(nullptr);
   EXPECT_THAT(events, ElementsAre("SwTable 8: ", "SwTable 8: ", "SwTable 8: ",
                                   "SwTable 8: No remove all operation currently enqueued",
-                                  "SwTable 2: Done processing remove all ", "SwTable 8: ",
-                                  this->pending(true)));
+                                  "SwTable 2: Done processing remove all ",
+                                  "SwTable 8: ", this->pending(true)));
   events.clear();
   table->entryRemoveAllWithResponseHandler(nullptr, nullptr);
   EXPECT_THAT(events, ElementsAre("SwTable 8: ", "SwTable 8: ",
                                   "SwTable 8: Found valid table remove all version: 0",
-                                  "SwTable 2: Done processing remove all ", "SwTable 8: ",
-                                  this->pending(true)));
+                                  "SwTable 2: Done processing remove all ",
+                                  "SwTable 8: ", this->pending(true)));
 }
 
 TYPED_TEST(Traces, OfTheQuestionOfAWriteARemoveAndARemoveAll) {
@@ -94,11 +95,10 @@ TYPED_TEST(Traces, OfTheQuestionOfAWriteARemoveAndARemoveAll) {
   Events events;
   const TestSupport::TraceWatch<TypeParam> traces(this->kTable, events);
   EXPECT_TRUE(write->isResolved());
-  EXPECT_THAT(
-      events,
-      ElementsAre("SwTable 8: key: " + key + ", refresh: true",
-                  "SwTable 3: key: " + key +
-                      ", isEntryDeleted: false, isTableDeleted: false, resolved: true"));
+  EXPECT_THAT(events,
+              ElementsAre("SwTable 8: key: " + key + ", refresh: true",
+                          "SwTable 3: key: " + key +
+                              ", isEntryDeleted: false, isTableDeleted: false, resolved: true"));
   events.clear();
   EXPECT_TRUE(removal->isResolved());
   EXPECT_THAT(events,
@@ -107,11 +107,10 @@ TYPED_TEST(Traces, OfTheQuestionOfAWriteARemoveAndARemoveAll) {
                               ", isEntryDeleted: true, isTableDeleted: false, resolved: true"));
   events.clear();
   EXPECT_TRUE(removeAll->isResolved());
-  EXPECT_THAT(
-      events,
-      ElementsAre("SwTable 8: key: " + blank + ", refresh: true",
-                  "SwTable 3: key: " + blank +
-                      ", isEntryDeleted: false, isTableDeleted: true, resolved: true"));
+  EXPECT_THAT(events,
+              ElementsAre("SwTable 8: key: " + blank + ", refresh: true",
+                          "SwTable 3: key: " + blank +
+                              ", isEntryDeleted: false, isTableDeleted: true, resolved: true"));
 }
 
 TYPED_TEST(Traces, OfAQuestionThatIsAnsweredWithNo) {
@@ -139,13 +138,14 @@ TYPED_TEST(Traces, OfTheCommitOfAWrite) {
   }
   EXPECT_THAT(
       events,
-      ElementsAre("SwTable 8: Entry: " + key + ", isEntryDeleted: false, isTableDeleted: false",
-                  "SwTable 8:  key: " + key + " isDeleted: false", "SwTable 8: key: " + key,
-                  "SwTable 8: key: " + key,
-                  fmt::format("EntryLog 8:  logEntry: {} neededEntry: {{{}@1}} version: 1 unitId: 0 "
-                              "suppressIdenticalWrites: false",
-                              this->entry(1).logEntry, TestFixture::Other::tableId),
-                  "SwTable 8: ", this->pending(true)));
+      ElementsAre(
+          "SwTable 8: Entry: " + key + ", isEntryDeleted: false, isTableDeleted: false",
+          "SwTable 8:  key: " + key + " isDeleted: false", "SwTable 8: key: " + key,
+          "SwTable 8: key: " + key,
+          fmt::format("EntryLog 8:  logEntry: {} neededEntry: {{{}@1}} version: 1 unitId: 0 "
+                      "suppressIdenticalWrites: false",
+                      this->entry(1).logEntry, TestFixture::Other::tableId),
+          "SwTable 8: ", this->pending(true)));
 }
 
 TYPED_TEST(Traces, OfTheCommitOfASuppressedWrite) {
@@ -165,7 +165,8 @@ TYPED_TEST(Traces, OfTheCommitOfASuppressedWrite) {
       events,
       ElementsAre("EntryLog 3: Suppressing identical write for key: " + key,
                   "EntryLog 3: Not Suppressing write because entry or resource key is different  "
-                  "for key: " + key,
+                  "for key: " +
+                      key,
                   fmt::format("EntryLog 8:  logEntry: {} neededEntry: {{}} version: 2 unitId: 0 "
                               "suppressIdenticalWrites: true",
                               this->entry(1, 1).logEntry)));
@@ -187,8 +188,8 @@ TYPED_TEST(Traces, OfTheCommitOfARemove) {
       events,
       ElementsAre("SwTable 8: Entry: " + key + ", isEntryDeleted: true, isTableDeleted: false",
                   "SwTable 8: key: " + key, "SwTable 8:  key: " + key + " isDeleted: true",
-                  "EntryLog 8:  key:" + key + " neededEntry: {} unitId: 0", "SwTable 8: ",
-                  this->pending(true)));
+                  "EntryLog 8:  key:" + key + " neededEntry: {} unitId: 0",
+                  "SwTable 8: ", this->pending(true)));
 }
 
 TYPED_TEST(Traces, OfTheCommitOfARemoveOfAnAbsentKey) {
@@ -200,9 +201,9 @@ TYPED_TEST(Traces, OfTheCommitOfARemoveOfAnAbsentKey) {
     const TestSupport::TraceWatch<TypeParam> traces("*KelpEntryLog/*", events);
     this->pass();
   }
-  EXPECT_THAT(events,
-              ElementsAre("EntryLog 8:  key:" + key + " neededEntry: {} unitId: 0",
-                          "EntryLog 3:  key: " + key + " entry does not exist. So ignoring delete"));
+  EXPECT_THAT(events, ElementsAre("EntryLog 8:  key:" + key + " neededEntry: {} unitId: 0",
+                                  "EntryLog 3:  key: " + key +
+                                      " entry does not exist. So ignoring delete"));
 }
 
 TYPED_TEST(Traces, OfTheCommitOfARemoveAll) {

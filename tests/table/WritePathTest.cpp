@@ -5,8 +5,8 @@
 namespace {
 
 using Asic::EntryVersion;
-using TestSupport::Events;
 using testing::ElementsAre;
+using TestSupport::Events;
 
 template <class T>
 class WritePath : public TestSupport::TableTest<T> {};
@@ -30,8 +30,7 @@ TYPED_TEST(WritePath, TwoWritesOfOneKeyAreBothInFlightAndTheSecondIsTheNewest) {
 
 TYPED_TEST(WritePath, TheHandleTellsWhatWasWrittenAndThatNothingIsDecided) {
   const auto table = this->table();
-  const auto handle =
-      table->entryWrite(this->key(1), this->entry(1), nullptr);
+  const auto handle = table->entryWrite(this->key(1), this->entry(1), nullptr);
   ASSERT_NE(handle, nullptr);
   EXPECT_EQ(handle->entryState(), Asic::EntryState::entryStateUnresolved);
   EXPECT_EQ(handle->key(), this->key(1));
@@ -118,8 +117,8 @@ TYPED_TEST(WritePath, TheStepsOfAcceptanceComeInOrder) {
   this->intf()->swTableStatus()->pendingHwWritesIs(false);
   Events events;
   resolver->wakeUpIs([&] {
-    events.push_back(fmt::format("woken with {} queued and {} written", table->resolverQueue().size(),
-                                 table->stats()->entryWriteCnt()));
+    events.push_back(fmt::format("woken with {} queued and {} written",
+                                 table->resolverQueue().size(), table->stats()->entryWriteCnt()));
   });
   const TestSupport::TableWatch<TypeParam> tableWatch(table, events);
   const TestSupport::StatusWatch statusWatch(this->intf()->swTableStatus(), events);
@@ -128,11 +127,10 @@ TYPED_TEST(WritePath, TheStepsOfAcceptanceComeInOrder) {
   this->write(table, 1);
   resolver->wakeUpIs(nullptr);
   const std::string key = this->text(1);
-  EXPECT_THAT(events,
-              ElementsAre("901 " + key + " was 0.0", "916 " + key, "900 " + key + " was 0.0",
-                          "899 " + key + " was none",
-                          "SwTable 2: Done processing write for key: " + key + " ",
-                          "woken with 2 queued and 1 written", "pending true"));
+  EXPECT_THAT(events, ElementsAre("901 " + key + " was 0.0", "916 " + key,
+                                  "900 " + key + " was 0.0", "899 " + key + " was none",
+                                  "SwTable 2: Done processing write for key: " + key + " ",
+                                  "woken with 2 queued and 1 written", "pending true"));
   EXPECT_EQ(resolver->genId(), gen + 1);
 }
 
@@ -152,8 +150,8 @@ TYPED_TEST(WritePath, AnOvertakenWriteKeepsItsOwnWrapperAndHandle) {
   this->write(table, 1, 1);
   this->remove(table, 1);
   EXPECT_EQ(table->transientAddEntry(this->key(1)), nullptr);
-  const auto front = Lumen::staticPtrCast<typename TestFixture::Resolver>(
-      table->resolverQueue().front());
+  const auto front =
+      Lumen::staticPtrCast<typename TestFixture::Resolver>(table->resolverQueue().front());
   EXPECT_EQ(front->swTableEntry(), first);
   EXPECT_EQ(front->swTable(), table.get());
   EXPECT_TRUE(first->entry().isEq(this->entry(1, 0)));
