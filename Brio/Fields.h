@@ -11,8 +11,8 @@
 
 namespace Brio {
 
-// One named field of a value type: its name as people write it, the member, and the largest value that
-// input may give it (integers only).
+// One named field of a value type: its name as people write it, the member, and the largest value
+// that input may give it (integers only).
 template <class Owner, class Member>
 struct Field {
   std::string_view name;
@@ -33,10 +33,12 @@ constexpr auto field(std::string_view name, Member Owner::*member, std::uint64_t
   return Field<Owner, Member>{name, member, most};
 }
 
-// A value type that lists its fields once: a static constexpr function fields() that yields a tuple of
-// Field. Printing, JSON and inspection follow from the list.
+// A value type that lists its fields once: a static constexpr function fields() that yields a tuple
+// of Field. Printing, JSON and inspection follow from the list.
 template <class T>
-concept HasFields = requires { T::fields(); };
+concept HasFields = requires {
+  T::fields();
+};
 
 // Calls `visit(field)` for each field of T in declared order.
 template <HasFields T, class Visit>

@@ -12,8 +12,8 @@ void throwMutatorArgNullPointerException(const char* name, Lumen::FieldId field)
 }
 
 void Impl::throwMutatorReinstantiating(const char* name, Lumen::FieldId field) {
-  throw MutatorException(fmt::format(
-      "mutator of attribute {}: a member with another '{}' exists", field.attribute(), name));
+  throw MutatorException(fmt::format("mutator of attribute {}: a member with another '{}' exists",
+                                     field.attribute(), name));
 }
 
 }  // namespace Brio

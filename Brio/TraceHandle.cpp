@@ -85,11 +85,11 @@ bool parseSettings(std::string_view text, std::vector<Setting>& settings, Lumen:
     const auto colon = text.find(':');
     const std::string_view item = text.substr(0, colon);
     const auto slash = item.rfind('/');
-    const auto mask = slash == std::string_view::npos ? std::nullopt
-                                                      : parseLevels(item.substr(slash + 1));
+    const auto mask =
+        slash == std::string_view::npos ? std::nullopt : parseLevels(item.substr(slash + 1));
     if (!mask || slash == 0) {
-      error = fmt::format("trace setting '{}': expected PATTERN/LEVELS, such as Isem1Tag*/1-3,8",
-                          item);
+      error =
+          fmt::format("trace setting '{}': expected PATTERN/LEVELS, such as Isem1Tag*/1-3,8", item);
       return false;
     }
     settings.push_back({Lumen::String(item.substr(0, slash)), *mask});
@@ -124,8 +124,7 @@ void printOnStderr(const Lumen::TraceRecord& record) {
   fmt::print(stderr, "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z {} {} {}{}{} {}:{}: {}\n",
              parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
              parts.tm_sec, now.tv_nsec / 1000, record.handleName, record.level, record.className,
-             record.className.empty() ? "" : "::", record.function, file, record.line,
-             record.text);
+             record.className.empty() ? "" : "::", record.function, file, record.line, record.text);
 }
 
 }  // namespace
@@ -168,8 +167,7 @@ bool TraceHandle::settingsIs(std::string_view settings, Lumen::String* error) {
         handle->maskIs(setting.mask);
       }
     }
-    std::erase_if(all.settings,
-                  [&](const Setting& old) { return old.pattern == setting.pattern; });
+    std::erase_if(all.settings, [&](const Setting& old) { return old.pattern == setting.pattern; });
     all.settings.push_back(setting);
   }
   return true;
@@ -199,8 +197,12 @@ void vfmtrace<Brio::TraceHandle>(const Brio::TraceHandle& handle, unsigned short
       text.clear();
       fmt::format_to(fmt::appender(text), "{} [{}]", format, reason.what());
     }
-    const TraceRecord record{handle.name(), level,     className,
-                             file,          function,  line,
+    const TraceRecord record{handle.name(),
+                             level,
+                             className,
+                             file,
+                             function,
+                             line,
                              std::string_view(text.data(), text.size())};
     const TraceSink& sink = registry().sink;
     sink ? sink(record) : printOnStderr(record);

@@ -10,12 +10,13 @@
 
 namespace Brio {
 
-// A named switch for traces: 16 bits, one per level. Handles live as long as the process and are found
-// by name. A new handle takes the levels that the environment variable KELP_TRACE gives to its name.
+// A named switch for traces: 16 bits, one per level. Handles live as long as the process and are
+// found by name. A new handle takes the levels that the environment variable KELP_TRACE gives to
+// its name.
 //
-// KELP_TRACE is a list of PATTERN/LEVELS, separated by ':'. PATTERN is a name in which '*' stands for any
-// text; LEVELS is '*', or numbers and ranges separated by ',': "Isem1TagKelp*/1-3,8:SwTableIter/*".
-// The last pattern that fits decides.
+// KELP_TRACE is a list of PATTERN/LEVELS, separated by ':'. PATTERN is a name in which '*' stands
+// for any text; LEVELS is '*', or numbers and ranges separated by ',':
+// "Isem1TagKelp*/1-3,8:SwTableIter/*". The last pattern that fits decides.
 class TraceHandle {
  public:
   TraceHandle(const char* name, bool quiet);
@@ -34,8 +35,8 @@ class TraceHandle {
 
   // Calls `visit` for every handle made so far.
   static void forEach(const std::function<void(TraceHandle&)>& visit);
-  // Applies a list in the form of KELP_TRACE to all handles, present and future. Gives false, and changes
-  // nothing, if the list is malformed; `error` then says where.
+  // Applies a list in the form of KELP_TRACE to all handles, present and future. Gives false, and
+  // changes nothing, if the list is malformed; `error` then says where.
   static bool settingsIs(std::string_view settings, Lumen::String* error = nullptr);
 
  private:

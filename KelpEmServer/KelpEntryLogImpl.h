@@ -85,8 +85,7 @@ void KelpEntryLog<T>::mountQuiltConfig(Asic::UnitId unitId, Asic::LogVersion log
   const Lumen::String path = KelpConstants<T>::configQuiltPath(unitId);
   const Lumen::Ptr<ConfigQuilt> cfgQuilt = checkAndwriteMountQuilt<ConfigQuilt>(
       this->entityManager(), kTextOfTable<T, "KelpTunnelNiLib::", "ConfigQuilt">.c_str(), path,
-      this->agentName(),
-      [](BrioQuilt::MountInfo& info) { declareConfig(info); },
+      this->agentName(), [](BrioQuilt::MountInfo& info) { declareConfig(info); },
       [](Lumen::Ptr<ConfigQuilt>& quilt) { return quilt->collectionControl(); },
       [] { reportWiped<T>("entryCfg"); });
   Lumen::assertThat(cfgQuilt != nullptr, "cfgQuilt");

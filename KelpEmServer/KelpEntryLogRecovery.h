@@ -1,21 +1,21 @@
 #pragma once
 
-// How a mount finishes a change that a dying process cut off, so that the hardware side neither misses it
-// nor sees one version twice with different content.
+// How a mount finishes a change that a dying process cut off, so that the hardware side neither
+// misses it nor sees one version twice with different content.
 //
-// A change announces its version A in the header of the change log before it stores anything; it ends by
-// saving A in the scratchpad word, and by publishing it. So:
+// A change announces its version A in the header of the change log before it stores anything; it
+// ends by saving A in the scratchpad word, and by publishing it. So:
 //  - announced is one above saved: the change was cut off.
 //      The log holds a record of A: only the last steps are missing.
 //      No configuration record, of any unit, is above the saved version: nothing had happened. A is
 //      announced again by the next change.
 //      One record of version A: its log record is written under that version.
-//      Several records of version A (a table delete): each is stamped with a fresh version and logged as
-//      what it is.
-//      A record above A that the log does not hold: this recovery was itself cut off. Its log record is
-//      written.
+//      Several records of version A (a table delete): each is stamped with a fresh version and
+//      logged as what it is. A record above A that the log does not hold: this recovery was itself
+//      cut off. Its log record is written.
 //    The saved version follows last, so that a recovery which dies is done again.
-//  - published is below saved: the last step is missing, and is taken. What the change depended on may be
+//  - published is below saved: the last step is missing, and is taken. What the change depended on
+//  may be
 //    lost; it waits for everything that all tables had published.
 //
 // A log that came back wiped starts over with all words 0, and nothing of this applies.
@@ -53,8 +53,8 @@ void KelpEntryLog<T>::finishCutOffChange() {
   }
 }
 
-// Gives the versions of the log records that make the change whole, ascending; none if nothing of it had
-// been stored.
+// Gives the versions of the log records that make the change whole, ascending; none if nothing of
+// it had been stored.
 template <TableSpec T>
 std::vector<Asic::LogVersion> KelpEntryLog<T>::completeChange(Asic::LogVersion announced) {
   auto& log = tableEntryLog_->entryLogConfig();
@@ -102,10 +102,10 @@ std::vector<Asic::LogVersion> KelpEntryLog<T>::completeChange(Asic::LogVersion a
   for (const Touched& one : touched) {
     highest = std::max(highest, one.record.version);
   }
-  const bool several = std::count_if(touched.begin(), touched.end(), [&](const Touched& one) {
-                         return one.record.version == announced;
-                       }) > 1 ||
-                       highest > announced;
+  const bool several =
+      std::count_if(touched.begin(), touched.end(),
+                    [&](const Touched& one) { return one.record.version == announced; }) > 1 ||
+      highest > announced;
   for (Touched& one : touched) {
     if (one.record.version == announced && several) {
       one.record.version = Asic::LogVersion{++highest.value};

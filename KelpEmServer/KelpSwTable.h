@@ -232,8 +232,8 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
   // The invalid version if there is none.
   [[nodiscard]] Asic::EntryVersion transientVersionForKey(const Key& key) const;
   void transientVersionForKeyIs(const Key& key, const Asic::EntryVersion& version);
-  // Sets the version to what `next` makes of the present one (null: there is none), with one search, and
-  // gives it back. Publishes a change as transientVersionForKeyIs() does.
+  // Sets the version to what `next` makes of the present one (null: there is none), with one
+  // search, and gives it back. Publishes a change as transientVersionForKeyIs() does.
   template <class Next>
   Asic::EntryVersion transientVersionForKeyUpdate(const Key& key, Next next);
   Asic::EntryVersion transientVersionForKeyDel(const Key& key);

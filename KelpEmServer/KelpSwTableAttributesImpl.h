@@ -134,8 +134,8 @@ Asic::EntryVersion KelpSwTable<T>::transientVersionForKeyUpdate(const Key& key, 
     }
     node->value() = version;
   }
-  this->changes().publishChangeRecursive(Brio::fieldId<KelpSwTable>("transientVersionForKey"),
-                                         &key, &old);
+  this->changes().publishChangeRecursive(Brio::fieldId<KelpSwTable>("transientVersionForKey"), &key,
+                                         &old);
   return version;
 }
 

@@ -8,7 +8,8 @@ constexpr Brio::LogDescriptor kRecords[] = {
     {"HW_ABSTRACTION_RELAUNCH_ERROR", "%s", "Duplicate Writer Detected, quilt path not cleaned up",
      "\x01", 3},
     {"HW_ABSTRACTION_ERROR", "Hardware abstraction error: unable to load item: %s",
-     "Hardware abstraction error: unable to load some persistent items. Some agents will be restarted",
+     "Hardware abstraction error: unable to load some persistent items. Some agents will be "
+     "restarted",
      "\x01", 3},
 };
 

@@ -18,8 +18,8 @@ namespace KelpEmServer {
   return "hardware/tinsel/agent/relaunch/config/" + agentName;
 }
 
-// Mounts a collection of the manager for writing, or finds it mounted. Null if the entity is not a T.
-// Throws BrioSharedMem::StoreError if it can't be mounted.
+// Mounts a collection of the manager for writing, or finds it mounted. Null if the entity is not a
+// T. Throws BrioSharedMem::StoreError if it can't be mounted.
 template <class T>
 [[nodiscard]] Lumen::Ptr<T> mountQuilt(
     const Lumen::Ptr<BrioSharedMem::EntityManager>& manager, const Lumen::String& typeName,
@@ -43,8 +43,8 @@ template <class T>
     const std::function<void(BrioQuilt::MountInfo&)>& mountInfoFiller,
     const std::function<Lumen::Ptr<BrioQuilt::CollectionControl>(Lumen::Ptr<T>&)>& controlGetter,
     const std::function<void()>& wipedHandler) {
-  Lumen::Ptr<T> quilt = mountQuilt<T>(Asic::writableSharedMemory(*entityManager), typeName, path,
-                                      mountInfoFiller);
+  Lumen::Ptr<T> quilt =
+      mountQuilt<T>(Asic::writableSharedMemory(*entityManager), typeName, path, mountInfoFiller);
   if (!quilt) {
     return quilt;
   }

@@ -20,8 +20,8 @@ class Exception : public std::exception {
   String text_;
 };
 
-// A read of shared memory met bytes that do not add up: a checksum, a link out of range, a chain that
-// is longer than its collection. Whoever reads catches it around that one call, hands msg() to
+// A read of shared memory met bytes that do not add up: a checksum, a link out of range, a chain
+// that is longer than its collection. Whoever reads catches it around that one call, hands msg() to
 // Quilt::QuiltMapBase::doCorruptionDetected and goes on with the default record.
 class CorruptionDetectedException : public Exception {
  public:

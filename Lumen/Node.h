@@ -10,8 +10,8 @@ namespace Lumen {
 
 class Publisher;
 
-// Base of every shared object. The use count and the flag bits are one 32-bit word; the count is kept
-// by Lumen::Ptr. A node is made with a count of 0 and belongs to the first Ptr that takes it.
+// Base of every shared object. The use count and the flag bits are one 32-bit word; the count is
+// kept by Lumen::Ptr. A node is made with a count of 0 and belongs to the first Ptr that takes it.
 class Node {
  public:
   // The object wants to be notified of changes of what it watches.

@@ -6,8 +6,8 @@
 
 namespace Lumen {
 
-// Intrusive reference-counted pointer to a Lumen::Node (anything with refInc() and refDec()). One word;
-// may be null. Dereferencing a null pointer is undefined.
+// Intrusive reference-counted pointer to a Lumen::Node (anything with refInc() and refDec()). One
+// word; may be null. Dereferencing a null pointer is undefined.
 template <class T>
 class Ptr {
  public:
@@ -24,11 +24,11 @@ class Ptr {
   Ptr(const Ptr& other) noexcept : Ptr(other.node_) {}
   Ptr(Ptr&& other) noexcept : node_(std::exchange(other.node_, nullptr)) {}
   template <class U>
-    requires std::convertible_to<U*, T*>
-  Ptr(const Ptr<U>& other) noexcept : Ptr(static_cast<T*>(other.get())) {}
+  requires std::convertible_to<U*, T*> Ptr(const Ptr<U>& other)
+  noexcept : Ptr(static_cast<T*>(other.get())) {}
   template <class U>
-    requires std::convertible_to<U*, T*>
-  Ptr(Ptr<U>&& other) noexcept : node_(other.detach()) {}
+  requires std::convertible_to<U*, T*> Ptr(Ptr<U>&& other)
+  noexcept : node_(other.detach()) {}
   ~Ptr() {
     if (node_ != nullptr) {
       node_->refDec();

@@ -5,7 +5,8 @@
 
 namespace Lumen {
 
-// Number of an attribute as a change notification carries it. Only the low 16 bits name the attribute.
+// Number of an attribute as a change notification carries it. Only the low 16 bits name the
+// attribute.
 struct FieldId {
   std::uint32_t value = 0;
 
@@ -17,9 +18,9 @@ struct FieldId {
 
 class Publisher;
 
-// One end of a notification: a dispatch function that a publisher calls for each change. Embedded in, or
-// inherited by, the object that listens. Not copied: its address is its identity. It must be removed from
-// every publisher before it dies.
+// One end of a notification: a dispatch function that a publisher calls for each change. Embedded
+// in, or inherited by, the object that listens. Not copied: its address is its identity. It must be
+// removed from every publisher before it dies.
 class Subscriber {
  public:
   // `key` points to the key of the member or the queue index that changed, `oldValue` to the value
@@ -40,10 +41,10 @@ class Subscriber {
   Dispatch dispatch_ = nullptr;
 };
 
-// Tells subscribers of attribute changes of one object. One word when nobody listens. Subscribers may
-// come and go while it publishes: one that goes is not called any more, one that comes is called from
-// the next publication on. Subscribers are called in the order of their coming. The publisher must
-// outlive a publication.
+// Tells subscribers of attribute changes of one object. One word when nobody listens. Subscribers
+// may come and go while it publishes: one that goes is not called any more, one that comes is
+// called from the next publication on. Subscribers are called in the order of their coming. The
+// publisher must outlive a publication.
 class Publisher {
  public:
   Publisher() noexcept;
@@ -51,7 +52,8 @@ class Publisher {
   Publisher(const Publisher&) = delete;
   Publisher& operator=(const Publisher&) = delete;
 
-  // A subscriber that is there already is not added again; removing one that is absent does nothing.
+  // A subscriber that is there already is not added again; removing one that is absent does
+  // nothing.
   void subscriberAdd(Subscriber* subscriber);
   void subscriberRemove(Subscriber* subscriber) noexcept;
   [[nodiscard]] bool hasSubscribers() const noexcept { return state_ != nullptr; }

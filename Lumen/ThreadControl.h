@@ -4,9 +4,9 @@
 
 namespace Lumen {
 
-// Says whether the process runs threads that share nodes. Off (the default), use counts and allocation
-// counters are plain increments; on, they are atomic ones. Turn it on before the second thread starts
-// and never off again.
+// Says whether the process runs threads that share nodes. Off (the default), use counts and
+// allocation counters are plain increments; on, they are atomic ones. Turn it on before the second
+// thread starts and never off again.
 class ThreadControl {
  public:
   [[nodiscard]] static bool threaded() noexcept {

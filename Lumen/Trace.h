@@ -5,9 +5,9 @@
 #include <functional>
 #include <string_view>
 
-// Level-selected traces. A trace that is off costs one test of its handle's 16-bit mask, and evaluates
-// none of its arguments. Levels: 1 failures, 2 milestones, 3 decisions, 6 the end of a sweep, 8 function
-// entry with arguments, 9 inner steps of a walk.
+// Level-selected traces. A trace that is off costs one test of its handle's 16-bit mask, and
+// evaluates none of its arguments. Levels: 1 failures, 2 milestones, 3 decisions, 6 the end of a
+// sweep, 8 function entry with arguments, 9 inner steps of a walk.
 
 namespace Lumen {
 
@@ -24,8 +24,8 @@ struct TraceRecord {
 
 using TraceSink = std::function<void(const TraceRecord&)>;
 
-// Replaces where traces go; an empty sink restores the default, a line on stderr. Gives back the sink
-// before. Not to be called while other threads trace.
+// Replaces where traces go; an empty sink restores the default, a line on stderr. Gives back the
+// sink before. Not to be called while other threads trace.
 TraceSink traceSinkIs(TraceSink sink);
 
 namespace Impl {
@@ -48,12 +48,12 @@ void fmtrace(const Handle& handle, unsigned short level, const char* file, const
 
 }  // namespace Lumen
 
-// LUMEN_TRACE(handle, level, className, format, args...): the check and the call. `handle` is evaluated
-// twice, the arguments only when the level is on.
-#define LUMEN_TRACE(handle, level, className, ...)                                             \
-  do {                                                                                         \
-    if ((handle).isOn(level)) [[unlikely]] {                                                   \
+// LUMEN_TRACE(handle, level, className, format, args...): the check and the call. `handle` is
+// evaluated twice, the arguments only when the level is on.
+#define LUMEN_TRACE(handle, level, className, ...)                                                \
+  do {                                                                                            \
+    if ((handle).isOn(level)) [[unlikely]] {                                                      \
       ::Lumen::fmtrace((handle), (level), __FILE__, static_cast<const char*>(__func__), __LINE__, \
-                       (className), __VA_ARGS__);                                              \
-    }                                                                                          \
+                       (className), __VA_ARGS__);                                                 \
+    }                                                                                             \
   } while (false)

@@ -4,7 +4,8 @@
 
 namespace Lumen {
 
-// Names the class of a node: the type module that describes it and the class's index in that module.
+// Names the class of a node: the type module that describes it and the class's index in that
+// module.
 struct TypeData {
   std::string_view module;
   unsigned classIndex = 0;

@@ -95,7 +95,8 @@ class OrderedSwTableAccessor {
   }
 
  private:
-  // Gives the key its next version: one above the one in flight, {0, 0} for a key that is not in flight.
+  // Gives the key its next version: one above the one in flight, {0, 0} for a key that is not in
+  // flight.
   template <class Key>
   EntryVersion nextVersion(const Key& key);
   // Leaves the transient state if `version` is still the newest operation on the key.

@@ -54,7 +54,7 @@ Intake::Handle Intake::dependencyOf(const Intent& intent) const {
   const std::size_t place = placeOf(after.table(), after.unit);
   const Newest& newest = places_[place].newest;
   if (const auto found = newest.find(after.key); found != newest.end()) {
-    return nullptr;
+    return found->second;
   }
   if (tables_[place]->has(after.key)) {
     return nullptr;

@@ -1,5 +1,5 @@
-// The journey of an operation in one process: entryWrite, the question and the commit, the report, the
-// handler; beside what the store alone needs for the same records, in the same run.
+// The journey of an operation in one process: entryWrite, the question and the commit, the report,
+// the handler; beside what the store alone needs for the same records, in the same run.
 //
 //   W   a new configuration record, its log record and the version word, straight into the store
 //   H   one hit of the store
@@ -143,16 +143,16 @@ StoreCosts storeCosts() {
       log->entryLogConfigIs(Log(Asic::LogVersion{version}, entry.logEntry, Asic::UnitId{0}, 0));
       control->scratchpadIs(version);
     }
-    w = std::min(w, std::chrono::duration<double, std::nano>(Clock::now() - start).count() /
-                        double(kKeys));
+    w = std::min(
+        w, std::chrono::duration<double, std::nano>(Clock::now() - start).count() / double(kKeys));
     start = Clock::now();
     std::uint64_t sum = 0;
     for (std::size_t i = 0; i < kKeys; ++i) {
       bool found = false;
       sum += config->swTableEntries().find(agent.keys[i], found).version.value;
     }
-    h = std::min(h, std::chrono::duration<double, std::nano>(Clock::now() - start).count() /
-                        double(kKeys));
+    h = std::min(
+        h, std::chrono::duration<double, std::nano>(Clock::now() - start).count() / double(kKeys));
     if (sum == 0) {
       std::abort();
     }
@@ -176,8 +176,8 @@ void journey(const StoreCosts& store) {
   const auto write = [&](std::uint64_t variant) {
     for (std::size_t i = first; i < first + kInFlight; ++i) {
       (void)table.entryWriteWithResponseHandler(
-          agent.keys[i],
-          TestSupport::sampleEntry<typename T::Entry>(agent.keys[i], variant), nullptr, handler);
+          agent.keys[i], TestSupport::sampleEntry<typename T::Entry>(agent.keys[i], variant),
+          nullptr, handler);
     }
   };
   const auto remove = [&] {
@@ -203,9 +203,9 @@ void journey(const StoreCosts& store) {
     for (std::size_t i = first; i < first + kInFlight; ++i) {
       sum += table.entryRead(agent.keys[i]).logEntry.isEq(typename T::Entry().logEntry) ? 0U : 1U;
     }
-    entryRead = std::min(entryRead, std::chrono::duration<double, std::nano>(Clock::now() - start)
-                                            .count() /
-                                        double(kInFlight));
+    entryRead =
+        std::min(entryRead, std::chrono::duration<double, std::nano>(Clock::now() - start).count() /
+                                double(kInFlight));
     if (sum == 0) {
       std::abort();
     }

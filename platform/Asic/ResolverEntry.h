@@ -39,8 +39,8 @@ class ResolverEntry : public Lumen::Node {
   }
 
  protected:
-  // `queue` is that of the table whose operation this is; `operation` and `handle` are what its commit
-  // will touch first, which the resolver has fetched into the cache ahead.
+  // `queue` is that of the table whose operation this is; `operation` and `handle` are what its
+  // commit will touch first, which the resolver has fetched into the cache ahead.
   ResolverEntry(Lumen::Ptr<const DependencyEntryHandle> dependency, EntryFlags flags,
                 ResolverTableQueue& queue, const void* operation = nullptr,
                 const void* handle = nullptr)

@@ -10,8 +10,9 @@
 
 namespace PactResourceTable {
 
-// What a resource table gives out for a key: the state of the resource and, in the class of each table,
-// its key and its results. One handle per key and client; the table changes it, everybody else reads.
+// What a resource table gives out for a key: the state of the resource and, in the class of each
+// table, its key and its results. One handle per key and client; the table changes it, everybody
+// else reads.
 class ResourceHandle : public Lumen::Node {
  public:
   ~ResourceHandle() override;

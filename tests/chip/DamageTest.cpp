@@ -36,7 +36,8 @@ class ChipMeets : public TestSupport::ChipFixture<Isem1Tag> {
   }
   // Where the bytes of a record stand in a file, by the bytes themselves.
   template <class Value>
-  static std::vector<std::uint64_t> placesOf(const std::filesystem::path& file, const Value& value) {
+  static std::vector<std::uint64_t> placesOf(const std::filesystem::path& file,
+                                             const Value& value) {
     std::ifstream in(file, std::ios::binary);
     const std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const std::string wanted(reinterpret_cast<const char*>(&value), sizeof(value));
@@ -107,7 +108,8 @@ TEST_F(ChipMeets, ADamagedLogRecordAndReadsTheCollectionsInstead) {
   EXPECT_EQ(chipTable().reached(), 3U);
   EXPECT_EQ(chipTable().counts().records, 1U);
   EXPECT_EQ(chipTable().counts().resyncs, 2U);
-  EXPECT_TRUE(wasSaid("Isem1Tag: read from its configuration collections since its log is damaged"));
+  EXPECT_TRUE(
+      wasSaid("Isem1Tag: read from its configuration collections since its log is damaged"));
   EXPECT_EQ(onChip(), 3U);
   write(3, 5);
   settle();

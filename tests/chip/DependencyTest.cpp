@@ -60,8 +60,7 @@ class ChipWaits : public TestSupport::ChipFixture<Isem1Tag> {
     (void)intf->makeSwTable(unit0, nullptr, false);
     const auto path = Asic::Constants::groupNeededPath(
         Asic::Constants::canonicalizeGroupName("KelpTunnelNi", "KelpEmServerGroup"), T::tableId);
-    return {intf->entryLog(),
-            Lumen::dynamicPtrCast<Asic::NeededQuilt>(memory()->getEntity(path))};
+    return {intf->entryLog(), Lumen::dynamicPtrCast<Asic::NeededQuilt>(memory()->getEntity(path))};
   }
   void SetUp() override {
     start();
@@ -117,9 +116,8 @@ TEST_F(ChipWaits, InTheMiddleOfABatch) {
   EXPECT_EQ(chipTable(kIsem).held()->waitsFor, (Asic::TableVersion{kLem, Asic::LogVersion{650}}));
   // What is held back is not reported.
   bool found = false;
-  const auto status = Lumen::dynamicPtrCast<Asic::StatusQuilt>(
-      memory()->openReader(Asic::Constants::groupStatusPath(group()->canonicalName()),
-                           Asic::kStatusQuiltType));
+  const auto status = Lumen::dynamicPtrCast<Asic::StatusQuilt>(memory()->openReader(
+      Asic::Constants::groupStatusPath(group()->canonicalName()), Asic::kStatusQuiltType));
   EXPECT_EQ(status->map().find(kIsem, found).version.value, 1U);
   work();
   EXPECT_EQ(reached(kIsem), 3U);
@@ -156,15 +154,16 @@ TEST_F(ChipWaits, NotInACircleAndSaysSo) {
   EXPECT_EQ(reached(kIsem), 2U);
   EXPECT_EQ(reached(kLem), 2U);
   EXPECT_EQ(chip_->notices().countOf("circles of dependencies"), 1U);
-  EXPECT_TRUE(wasSaid("Isem1Tag version 1 waits for version 1 of LemVpwsAc version 1 waits for "
-                      "version 1 of Isem1Tag: a circle; version 1 of Isem1Tag goes out without"));
+  EXPECT_TRUE(
+      wasSaid("Isem1Tag version 1 waits for version 1 of LemVpwsAc version 1 waits for "
+              "version 1 of Isem1Tag: a circle; version 1 of Isem1Tag goes out without"));
   EXPECT_TRUE(chip_->check().same());
 }
 
 TEST_F(ChipWaits, TheAgentsOwnDependenciesAreKeptInOrder) {
   // Through the library: an entry that needs another one's.
-  const auto lem = KelpEmServer::KelpInterface<LemVpwsAc>::getIntf(agent_)->makeSwTable(
-      unit0, nullptr, false);
+  const auto lem =
+      KelpEmServer::KelpInterface<LemVpwsAc>::getIntf(agent_)->makeSwTable(unit0, nullptr, false);
   const auto isem = table();
   const auto key = TestSupport::sampleKey<LemVpwsAc::Entry::Key>(1);
   const auto first =

@@ -8,6 +8,8 @@
 #include "Brio/Log.h"
 #include "BrioSharedMem/EntityPath.h"
 #include "LogFixture.h"
+#include "Vault/Entity.h"
+#include "Vault/EntityType.h"
 
 // Collections whose former content is lost, by what really loses it: files that are removed, cut
 // or overwritten while no agent runs.
@@ -18,6 +20,20 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr const char* kRelaunch = "hardware/tinsel/agent/relaunch/config/KelpTunnelNi";
+
+// What may stand where the relaunch generation is looked for.
+class OtherEntity final : public Vault::Entity {
+ public:
+  static constexpr const char* kTypeName = "Test::OtherEntity";
+  static constexpr const char* kInitialValue = "untouched";
+  using Vault::Entity::Entity;
+
+  [[nodiscard]] std::string value() const {
+    const auto row = store().row(path());
+    return row ? row->value : "";
+  }
+};
+const Vault::EntityTypeRegistrar<OtherEntity> otherEntityType;
 
 // Collects log messages for its life.
 class LogCapture {
@@ -193,6 +209,19 @@ TYPED_TEST(LogWiped, WithoutARelaunchEntityTheReportIsClearedAllTheSame) {
   EXPECT_EQ(messages.lines().size(), 1U);
   EXPECT_FALSE(this->log().tableConfigQuilt(this->unit0)->collectionControl()->wiped());
   EXPECT_EQ(this->vault_->getEntity(kRelaunch), nullptr) << "none is made";
+}
+
+TYPED_TEST(LogWiped, AnEntityOfAnotherTypeAtTheRelaunchPathIsPassedOver) {
+  this->leaveSomething();
+  std::filesystem::remove(this->configFile(this->unit0));
+  this->start();
+  this->vault_->entityDel(kRelaunch);
+  const auto other = this->vault_->template entityIs<OtherEntity>(kRelaunch);
+  LogCapture messages;
+  (void)this->log(this->unit0);
+  EXPECT_EQ(messages.lines().size(), 1U);
+  EXPECT_FALSE(this->log().tableConfigQuilt(this->unit0)->collectionControl()->wiped());
+  EXPECT_EQ(other->value(), "untouched");
 }
 
 TYPED_TEST(LogWiped, AFirstStartIsNoLoss) {

@@ -217,6 +217,28 @@ TEST(QuiltMap, TheLogIsWalkedInTheOrderOfItsVersions) {
   }
 }
 
+TEST(QuiltMap, TheLogBeginsBehindWhatCleanupHasRemoved) {
+  Store store;
+  const auto writer = store.mount<LogQuilt>("log", 100);
+  const auto reader = store.reader<LogQuilt>("log");
+  for (std::uint64_t version = 1; version <= 50; ++version) {
+    writer->map().recordIs(LogRecord::of(version));
+  }
+  for (std::uint64_t version = 1; version <= 50; ++version) {
+    for (const auto* map : {&writer->map(), &reader->map()}) {
+      LogRecord record;
+      Quilt::IterHint hint;
+      ASSERT_TRUE(map->first(record, hint));
+      EXPECT_EQ(record, LogRecord::of(version));
+    }
+    EXPECT_TRUE(writer->map().recordDel(version));
+  }
+  // A version below all others comes back into view.
+  writer->map().recordIs(LogRecord::of(60));
+  writer->map().recordIs(LogRecord::of(40));
+  EXPECT_EQ(versions(reader->map()), (std::vector<std::uint64_t>{40, 60}));
+}
+
 TEST(QuiltMap, TheLogIsInOrderEvenWithVersionsFarApart) {
   Store store;
   const auto writer = store.mount<LogQuilt>("log", 16);
