@@ -25,7 +25,8 @@ Peer::Peer(Socket socket, std::string name, Intake& intake, std::function<void(P
       lastWrite_(Clock::now()) {}
 
 bool Peer::mayTakeMore() const noexcept {
-  return intake_.hasRoom() && inFlight() < kMostInFlight && true;
+  return intake_.hasRoom() && inFlight() < kMostInFlight &&
+         waiting_.size() + writing_.size() < kMostWaiting;
 }
 
 void Peer::read() {

@@ -41,7 +41,8 @@ constexpr std::uint64_t kBytesPerIntent = 3000;
 constexpr std::uint64_t kBytesAnyway = 256 << 20;
 
 // What ended the demo from outside; 0 if nothing did.
-volatile std::sig_atomic_t interruptedBy = 0;
+std::atomic<int> interruptedBy{0};
+static_assert(std::atomic<int>::is_always_lock_free, "a signal handler stores it");
 void interrupt(int number) { interruptedBy = number; }
 
 // The intents of a run, as a file and as values. A line that is none is an empty value: the agent

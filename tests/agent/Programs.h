@@ -1,5 +1,11 @@
 #pragma once
 
+// The programs that are tested, as the build names them.
+#ifndef KELP_AGENT
+#define KELP_AGENT "kelp-agent"
+#define KELP_CHIP "kelp-chip"
+#endif
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
