@@ -104,7 +104,7 @@ void Intake::take(const Intent& intent, const std::shared_ptr<Source>& source, s
   const auto handler = [this, &slot](const Handle& handle) { ended(slot, handle); };
   slot.handle = intent.op == IntentOp::write ? table.write(intent.entry, dependency, handler)
                                              : table.remove(slot.key, dependency, handler);
-  
+  *slot.newest = slot.handle;
 }
 
 void Intake::ended(Slot& slot, const Handle& handle) {
