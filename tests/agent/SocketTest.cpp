@@ -124,6 +124,7 @@ TEST_F(AgentSocket, APeerGetsTheOutcomesOfItsOwnIntents) {
   // What one peer wrote another may name.
   EXPECT_TRUE(two.send(writeInner(2, afterFodo(2))));
   EXPECT_TRUE(two.receives("\"line\":2,"));
+  ASSERT_EQ(outcomes(two.seen()).size(), 2U);
   EXPECT_EQ(outcomes(two.seen())[1]["outcome"], "success");
 }
 
@@ -235,14 +236,14 @@ TEST_F(AgentSocket, APeerThatTakesNoOutcomesIsDroppedAndHoldsNobodyUp) {
   EXPECT_TRUE(comesTrue([&] {
     const ssize_t count = slow.trySend(text);
     sent += count > 0 ? static_cast<unsigned>(count) : 0;
-    if (sent < 3000000) {
+    if (sent < 1000000) {
       return count < 0 && errno == EPIPE;
     }
     return true;
   }));
   expectServing();
   EXPECT_TRUE(program.says("socket:1 is dropped: it has taken no outcome for 1 s"));
-  EXPECT_LT(sent, 3000000U) << "the agent holds whatever it is sent";
+  EXPECT_LT(sent, 1000000U) << "the agent holds whatever it is sent";
   expectServing(4000001);
 }
 
