@@ -68,6 +68,10 @@ int Agent::run() {
   loop_.run();
   outcomes_.flush();
   tellProgress(true);
+  if (stopped_ && intake_->inFlight() != 0) {
+    say("stopped: {} intents have no outcome yet; those that are in a log stay there",
+        intake_->inFlight());
+  }
   if (!options_.summary.empty()) {
     tellSummary();
   }
@@ -96,6 +100,7 @@ void Agent::waitForSignal() {
       tellSummary();
       waitForSignal();
     } else {
+      stopped_ = true;
       loop_.stop();
     }
   });

@@ -69,6 +69,7 @@ class Agent {
   std::string told_;
   bool failedOtherwise_ = false;
   bool gaveUp_ = false;
+  bool stopped_ = false;  // by a signal
 };
 
 }  // namespace Agent

@@ -179,11 +179,6 @@ void Peer::drop(std::string_view why) {
   if (!socket_.is_open()) {
     return;
   }
-  // What it has not taken yet, as far as that goes without waiting.
-  asio::error_code ignored;
-  socket_.non_blocking(true, ignored);
-  const std::string rest = writing_.substr(written_) + waiting_;
-  (void)socket_.write_some(asio::buffer(rest), ignored);
   say("{} is dropped: {}; its intents go on", name(), why);
   close();
 }
@@ -192,6 +187,10 @@ void Peer::close() {
   if (socket_.is_open()) {
     const auto self = shared_from_this();
     asio::error_code ignored;
+    // What it has not taken yet, as far as that goes without waiting.
+    const std::string rest = writing_.substr(written_) + waiting_;
+    socket_.non_blocking(true, ignored);
+    (void)socket_.write_some(asio::buffer(rest), ignored);
     socket_.close(ignored);
     waiting_.clear();
     gone_(*this);

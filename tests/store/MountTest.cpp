@@ -352,6 +352,7 @@ TEST(Reader, IsToldThatThereIsNothing) {
       errorOf([&] { static_cast<void>(store.reader<LogQuilt>("not/there")); });
   EXPECT_THAT(error, HasSubstr("not/there: cannot open"));
   EXPECT_THAT(error, HasSubstr("start the process that writes it"));
+  EXPECT_THROW(static_cast<void>(store.reader<LogQuilt>("not/there")), BrioSharedMem::AbsentError);
 }
 
 TEST(Reader, OfAnotherLayoutIsToldSoAndChangesNothing) {
@@ -364,6 +365,8 @@ TEST(Reader, OfAnotherLayoutIsToldSoAndChangesNothing) {
   EXPECT_THAT(error, HasSubstr("has another layout"));
   EXPECT_THAT(error, HasSubstr("StoreTest::LogQuilt"));
   EXPECT_THAT(error, HasSubstr("StoreTest::ConfigQuilt"));
+  EXPECT_THROW(static_cast<void>(store.reader<ConfigQuilt>("log")),
+               BrioSharedMem::OtherLayoutError);
   EXPECT_EQ(bytesOf(store.file("log")), before);
   EXPECT_EQ(filesIn(store.folder()), files);
 }
