@@ -41,6 +41,7 @@ Agent::Agent(const Options& options)
   // A peer or a reader of ours that goes away is an error of the write.
   std::signal(SIGPIPE, SIG_IGN);
   intake_.emplace(store_.makeTables(options.units), options.units, options.inFlight);
+  // Whatever can't be opened is said before the first intent is taken.
   files_.emplace(loop_, options.intents, *intake_, outcomes_, [this] { endIfDone(); });
   if (!options.socket.empty()) {
     socket_.emplace(loop_, options.socket, *intake_);
@@ -175,6 +176,8 @@ void Agent::afterNews() {
   endIfDone();
 }
 
+// Not by hasPendingHwWrites(): a table whose operation failed on its dependency answers that with
+// true until the key is used again, and nothing of it is on its way to the hardware.
 void Agent::endIfDone() {
   if (options_.exitWhenDone && files_->ended() && intake_->inFlight() == 0 &&
       intake_->logsTakenIn()) {

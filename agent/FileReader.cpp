@@ -90,6 +90,7 @@ void FileReader::wait() {
 
 void FileReader::step() {
   for (unsigned lines = 0; !ended(); ++lines) {
+    // What is not read waits in the file, or holds up whoever writes into the pipe.
     if (!intake_.hasRoom()) {
       paused_ = true;
       return;

@@ -56,6 +56,7 @@ Intake::Handle Intake::dependencyOf(const Intent& intent) const {
   if (const auto found = newest.find(after.key); found != newest.end()) {
     return found->second;
   }
+  // Left by an earlier run, whose order the log has kept.
   if (tables_[place]->has(after.key)) {
     return nullptr;
   }
@@ -101,6 +102,8 @@ void Intake::take(const Intent& intent, const std::shared_ptr<Source>& source, s
   }
   slot.key = Common::keyOf(intent.entry);
   slot.newest = &place.newest[slot.key];
+  // Two words, so that a ResponseHandler holds them without an allocation. A slot is free again
+  // only after its handler has run.
   const auto handler = [this, &slot](const Handle& handle) { ended(slot, handle); };
   slot.handle = intent.op == IntentOp::write ? table.write(intent.entry, dependency, handler)
                                              : table.remove(slot.key, dependency, handler);
@@ -108,6 +111,8 @@ void Intake::take(const Intent& intent, const std::shared_ptr<Source>& source, s
 }
 
 void Intake::ended(Slot& slot, const Handle& handle) {
+  // A failed operation stays the newest one of its key, so that whatever names it fails alike,
+  // whether it comes before the failure or long after it.
   const bool success = handle->entryState() == Asic::EntryState::entryStateSuccess;
   if (success && *slot.newest == handle) {
     *slot.newest = nullptr;

@@ -62,6 +62,7 @@ void Peer::handleRead(const asio::error_code& error, std::size_t count) {
 
 void Peer::resume() {
   if (paused_ && !turnPosted_ && mayTakeMore()) {
+    // At a turn of its own: the caller may be in the middle of telling outcomes.
     turnPosted_ = true;
     asio::post(socket_.get_executor(), [self = shared_from_this()] {
       self->turnPosted_ = false;

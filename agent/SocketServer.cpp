@@ -44,6 +44,7 @@ void removeStale(asio::io_context& loop, const std::string& path,
     fail(path, error ? error.message() : std::string("another process listens there"),
          "end it, or name another with --socket");
   }
+  // Refused: there is a file, and nobody behind it.
   unlink(path.c_str());
 }
 

@@ -6,6 +6,7 @@
 namespace Common {
 namespace {
 
+// The one place in which the programs instantiate the tables.
 template <KelpEmServer::TableSpec T>
 class TableOf final : public AnyTable {
  public:

@@ -90,6 +90,7 @@ void readWrite(const Json& json, typename T::Entry& entry) {
   if (const auto payload = json.find("payload"); payload != json.end()) {
     readPayload<T>(*payload, entry.logEntry, Place{"payload"});
   }
+  // The tables would take it, and every reader would take it for an entry that is not there.
   if (entry.isEq(typename T::Entry())) {
     throw InputError(
         fmt::format("the entry equals the default entry of {}, which means that there is none: "
@@ -139,6 +140,8 @@ bool isBlankOrComment(std::string_view line) noexcept {
 }
 
 Intent parseIntent(std::string_view line) {
+  // The operation first: it says what else may stand in the line, so that a misspelt name is said
+  // to be one before something else is said to be missing.
   const Json json = parseLine(line);
   Intent intent;
   intent.op = readOp(json);

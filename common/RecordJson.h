@@ -24,9 +24,8 @@
 //   whole number               a number, no larger than the field allows
 //   enumeration                its name: "push"
 //   interface (IntfId)         its name: "Ethernet3/1.100"
-//   array by an enumeration    an object by the names of the enumerators; elements that are left
-//   out
-//                              are default ones
+//   array by an enumeration    an object by the names of the enumerators; what is left out is a
+//                              default element
 //   record                     an object by the names of its fields; a record of a single field is
 //                              written as that field alone
 //
@@ -38,6 +37,7 @@ namespace Common {
 // What a field that the input leaves out means.
 enum class Absent : std::uint8_t { refused, keepsItsValue };
 
+// Whether T is an array, and then of what.
 template <class T>
 struct ArrayOf {
   static constexpr bool is = false;
@@ -101,6 +101,7 @@ void appendJson(std::string& out, const T& value) {
     out += '}';
   }
 }
+// The same as a string of its own.
 template <class T>
 [[nodiscard]] std::string jsonText(const T& value) {
   std::string text;
