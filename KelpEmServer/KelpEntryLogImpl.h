@@ -35,7 +35,6 @@ void reportWiped(const char* item) {
 }
 
 // --- mounting
-// ----------------------------------------------------------------------------------------
 
 template <TableSpec T>
 KelpEntryLog<T>::KelpEntryLog(Asic::SwTableId tableId,
@@ -139,7 +138,6 @@ void KelpEntryLog<T>::tableConfigQuiltDelAll() {
 }
 
 // --- the collections
-// ---------------------------------------------------------------------------------
 
 template <TableSpec T>
 typename T::ConfigQuilt* KelpEntryLog<T>::unitQuilt(Asic::UnitId unitId) const {
@@ -205,7 +203,6 @@ bool KelpEntryLog<T>::hasRoomFor(const Key& key, Asic::UnitId unitId) {
 }
 
 // --- writing
-// -----------------------------------------------------------------------------------------
 
 template <TableSpec T>
 Asic::LogVersion KelpEntryLog<T>::identicalVersion(ConfigQuilt& configQuilt,
@@ -307,7 +304,6 @@ Asic::LogVersion KelpEntryLog<T>::tableDel(const Lumen::Ptr<const Asic::NeededEn
 }
 
 // --- reading
-// -----------------------------------------------------------------------------------------
 
 template <TableSpec T>
 typename T::Entry::LogEntry KelpEntryLog<T>::entry(const Key& key, Asic::UnitId unitId) const {
@@ -354,7 +350,6 @@ unsigned KelpEntryLog<T>::entrys(Asic::UnitId unitId) const {
 }
 
 // --- cleanup
-// -----------------------------------------------------------------------------------------
 
 template <TableSpec T>
 void KelpEntryLog<T>::cleanupEntryLog(Asic::LogVersion version) {

@@ -15,8 +15,7 @@
 //      cut off. Its log record is written.
 //    The saved version follows last, so that a recovery which dies is done again.
 //  - published is below saved: the last step is missing, and is taken. What the change depended on
-//  may be
-//    lost; it waits for everything that all tables had published.
+//    may be lost; it waits for everything that all tables had published.
 //
 // A log that came back wiped starts over with all words 0, and nothing of this applies.
 

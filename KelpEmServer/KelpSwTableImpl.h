@@ -30,7 +30,6 @@ template <TableSpec T>
 using SwTableReader = Asic::OrderedSwTableAccessor<const KelpSwTable<T>>;
 
 // --- the entry wrapper
-// -------------------------------------------------------------------------------
 
 template <TableSpec T>
 void KelpEntryWrapper<T>::retrieveClientData() {
@@ -58,7 +57,6 @@ bool KelpEntryWrapper<T>::finalizeOnFailure(const Lumen::Ptr<KelpSwTable<T>>& ta
 }
 
 // --- the resolver entry
-// ------------------------------------------------------------------------------
 
 template <TableSpec T>
 KelpResolverEntry<T>::KelpResolverEntry(
@@ -80,7 +78,6 @@ void KelpResolverEntry<T>::commitEntry(const Lumen::Ptr<Asic::ResolverEntry>& se
 }
 
 // --- the iterator state
-// ------------------------------------------------------------------------------
 
 template <TableSpec T>
 typename T::Entry KelpSwTableIteratorState<T>::maybeUpdateCurrentEntry() {
@@ -94,7 +91,6 @@ const KelpSwTable<T>* KelpSwTableIteratorState<T>::table() const noexcept {
 }
 
 // --- the table: life
-// ---------------------------------------------------------------------------------
 
 template <TableSpec T>
 KelpSwTable<T>::KelpSwTable(const Lumen::Ptr<const Asic::CanonicalTableName>& canonicalName,
@@ -123,7 +119,6 @@ void KelpSwTable<T>::handleInitialized() {
 }
 
 // --- the table: operations
-// ---------------------------------------------------------------------------
 
 template <TableSpec T>
 Lumen::Ptr<const typename KelpSwTable<T>::Base::EntryHandle> KelpSwTable<T>::entryWrite(
@@ -244,7 +239,6 @@ void KelpSwTable<T>::clearTable(bool releaseResources) {
 }
 
 // --- the table: reads
-// --------------------------------------------------------------------------------
 
 template <TableSpec T>
 typename T::Entry KelpSwTable<T>::entryRead(const Key& key) const {

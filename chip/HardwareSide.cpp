@@ -97,8 +97,7 @@ void HardwareSide::mountStatus() {
   std::fill(rows_.begin(), rows_.end(), Row());
 }
 
-// ---- what no bell tells of
-// -------------------------------------------------------------------------
+// --- what no bell tells of
 
 void HardwareSide::tendGeneration() {
   const std::string file = memory_->folder() + "/vault.sqlite";
@@ -187,8 +186,7 @@ void HardwareSide::tend() {
   }
 }
 
-// ---- programming and reporting
-// ---------------------------------------------------------------------
+// --- programming and reporting
 
 std::uint64_t HardwareSide::resyncs() {
   std::uint64_t done = 0;

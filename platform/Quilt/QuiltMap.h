@@ -224,8 +224,7 @@ inline void QuiltMap<Record>::countIs(std::uint64_t records) {
   Seam::store(header_->records, records, std::memory_order_release);
 }
 
-// ---- space
-// ------------------------------------------------------------------------------------------
+// --- space
 
 // True if `count` slots can be taken without a question to the file system, now or after one.
 template <class Record>
@@ -297,8 +296,7 @@ bool QuiltMap<Record>::hasRoomFor(const Key& key) {
   return chains_.headsUsed(bucket) && locate(bucket, wanted).equal && slotsReady(1);
 }
 
-// ---- changing
-// ---------------------------------------------------------------------------------------
+// --- changing
 
 // Takes what lies behind `at` out of the collection, and counts anew what is left.
 template <class Record>

@@ -241,7 +241,6 @@ TYPED_TEST(LogCleanup, TheChangeLogIsWalkedInTheOrderOfItsVersions) {
 }
 
 // --- a full log
-// ------------------------------------------------------------------------------------
 
 class LogRoom : public TestSupport::LogFixture<KelpEmServer::EsemFodo> {};
 

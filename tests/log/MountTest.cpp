@@ -143,7 +143,6 @@ TYPED_TEST(LogMounting, TheCollectionOfAUnitCanBeSetTakenOutAndRemoved) {
 }
 
 // --- where the collections lie
-// ---------------------------------------------------------------------
 
 using OneTable = KelpEmServer::Isem1Tag;
 

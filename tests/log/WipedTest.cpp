@@ -257,7 +257,6 @@ TYPED_TEST(LogWiped, OfADamagedConfigurationTheWholeRecordsAreTakenOver) {
 }
 
 // --- the records of the messages
-// -------------------------------------------------------------------
 
 TEST(LogMessages, TheRecordsAreRegisteredWithTheirTexts) {
   std::vector<const Brio::LogDescriptor*> records;

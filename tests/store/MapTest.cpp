@@ -416,8 +416,7 @@ TEST(QuiltMap, LocalModeSharesNothingAndLeavesNoFile) {
                BrioSharedMem::StoreError);
 }
 
-// ---- against a model
-// --------------------------------------------------------------------------------
+// --- against a model
 
 std::uint64_t seed() {
   const char* given = std::getenv("KELP_TEST_SEED");

@@ -343,8 +343,7 @@ TEST(Mount, AFolderThatCannotBeMadeIsNamed) {
   EXPECT_THAT(error, HasSubstr("remove the file or folder that stands in the way"));
 }
 
-// ---- readers
-// ----------------------------------------------------------------------------------------
+// --- readers
 
 TEST(Reader, IsToldThatThereIsNothing) {
   Store store;
@@ -411,8 +410,7 @@ TEST(Reader, GetsAMappingOfItsOwnEachTimeAndSeesTheWriterAtWork) {
   EXPECT_EQ(one->map().find(1, found), LogRecord::of(1)) << "what is mapped stays readable";
 }
 
-// ---- names
-// ------------------------------------------------------------------------------------------
+// --- names
 
 TEST(FindEntities, FindsWhatLiesBelowAPathAndNothingElse) {
   Store store;

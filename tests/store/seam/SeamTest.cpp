@@ -188,8 +188,7 @@ TEST(EndOfAWriter, InARemovalFromTheLog) {
   }
 }
 
-// ---- mounts
-// -----------------------------------------------------------------------------------------
+// --- mounts
 
 // Ends a mount in front of each of its steps. `harm` is done to a collection of seven records
 // first; `check` looks at what the next mount finds.
