@@ -20,10 +20,11 @@ _FLOORS = (
     ("common/", 4),
     ("agent/", 4),
     ("chip/", 4),
+    ("demo/", 4),
     ("kelp/", 4),
 )
 # What may look at everything, and what nobody else may look at.
-_TOP_FOLDERS = ("tests/", "bench/", "fuzz/", "examples/")
+_TOP_FOLDERS = ("tests/", "bench/", "examples/")
 _TOP = 5
 _ROOTS = ("", "platform/")
 

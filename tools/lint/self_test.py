@@ -137,9 +137,10 @@ class Includes(OneTree):
             "platform/Asic/D.h": '#include "OrderedTable/E.h"\n', "OrderedTable/E.h": "",
             "OrderedTable/F.h": '#include "KelpEmServer/StampedLater.h"\n',
             "KelpEmServer/G.h": '#include "tests/x/Helper.h"\n', "tests/x/Helper.h": "",
-            "KelpEmServer/H.h": '// #include "agent/I.h"\n', "agent/I.h": ""}),
-            [("KelpEmServer/G.h", 1), ("Lumen/A.h", 2), ("OrderedTable/F.h", 1),
-             ("platform/Asic/D.h", 1)])
+            "KelpEmServer/H.h": '// #include "agent/I.h"\n', "agent/I.h": "",
+            "KelpEmServer/J.h": '#include "demo/K.h"\n', "demo/K.h": ""}),
+            [("KelpEmServer/G.h", 1), ("KelpEmServer/J.h", 1), ("Lumen/A.h", 2),
+             ("OrderedTable/F.h", 1), ("platform/Asic/D.h", 1)])
 
     def test_includes_by_dots_are_found(self):
         self.assertEqual(self.direction({"platform/Asic/A.h": '#include "../Vault/B.h"\n',
