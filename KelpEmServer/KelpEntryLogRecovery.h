@@ -82,7 +82,7 @@ std::vector<Asic::LogVersion> KelpEntryLog<T>::completeChange(Asic::LogVersion a
                                            BrioSharedMem::BrioSharedMemType::quilt);
   for (const Lumen::String& path : found->paths()) {
     const auto unitId = Asic::Constants::getUnitIdFromConfigPath(path);
-    if (!unitId) {
+    if (!unitId || path != KelpConstants<T>::configQuiltPath(*unitId)) {
       continue;
     }
     const auto quilt = mountQuilt<ConfigQuilt>(

@@ -222,7 +222,9 @@ void KelpInterface<T>::reconcile() {
               " No. of config entities found: {}, in quilt path: {}", found->count(), path);
   for (const Lumen::String& name : found->paths()) {
     const auto unitId = Asic::Constants::getUnitIdFromConfigPath(name);
-    if (!unitId || swTableSet_->swTableHas(*unitId)) {
+    // What lies deeper is no unit's collection, though its name may end like one.
+    if (!unitId || name != Asic::Constants::configQuiltPath(path, *unitId) ||
+        swTableSet_->swTableHas(*unitId)) {
       continue;
     }
     LUMEN_TRACE(interfaceTraceHandle<T>(), 3, className(), " Found inactive unit id: {} ", *unitId);

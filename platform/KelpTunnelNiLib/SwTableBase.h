@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "Asic/OrderedSwTable.h"
+#include "KelpTunnelNiLib/EntryRange.h"
 #include "Lumen/Assert.h"
 #include "Lumen/Node.h"
 #include "Lumen/Ptr.h"
@@ -148,6 +149,10 @@ class SwTableBase : public Asic::OrderedSwTableWithMarkSweep {
   [[nodiscard]] virtual EntryIteratorConst entryIteratorConst(const Key& key) const = 0;
   // An iterator at the beginning, with its first entry fetched.
   [[nodiscard]] virtual EntryIteratorConst entryIteratorConst() const = 0;
+  // The reader's view as a range of entries, for one pass each time it is begun.
+  [[nodiscard]] EntryRange<SwTableBase> entries() const noexcept {
+    return EntryRange<SwTableBase>(*this);
+  }
   // A fresh state at the beginning, or at `key`, with nothing fetched.
   [[nodiscard]] virtual Lumen::Ptr<IteratorState> initIterState() const = 0;
   [[nodiscard]] virtual Lumen::Ptr<IteratorState> initIterStateFromKey(const Key& key) const = 0;
