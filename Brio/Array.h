@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "Brio/Hash.h"
@@ -25,8 +26,19 @@ struct Array {
   [[nodiscard]] auto begin() const noexcept { return elements.begin(); }
   [[nodiscard]] auto end() const noexcept { return elements.end(); }
   [[nodiscard]] bool isEq(const Array& other) const noexcept { return elements == other.elements; }
+  // Mixes element after element, four words at a time.
   [[nodiscard]] std::uint32_t hash(std::uint32_t seed) const noexcept {
-    return hashSingleAttr(seed, *this);
+    static_assert(std::has_unique_object_representations_v<T>);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(elements.data());
+    for (std::size_t left = sizeof elements; left != 0;) {
+      std::uint64_t words[4] = {};
+      const std::size_t size = left < sizeof words ? left : sizeof words;
+      std::memcpy(words, bytes, size);
+      seed = Hash::hashMix<4>(seed, words);
+      bytes += size;
+      left -= size;
+    }
+    return seed;
   }
   friend constexpr auto operator<=>(const Array&, const Array&) = default;
 

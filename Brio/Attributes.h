@@ -81,6 +81,14 @@ constexpr AttributeList<Members...> attributeList(std::uint16_t firstId,
   return {firstId, std::tuple{attributes...}};
 }
 
+// The same for groups of attributes that stand one behind the other, each a tuple of Attribute.
+template <class... Groups>
+constexpr auto attributeGroups(std::uint16_t firstId, const Groups&... groups) {
+  return std::apply(
+      [&](const auto&... attributes) { return attributeList(firstId, attributes...); },
+      std::tuple_cat(groups...));
+}
+
 // The number of an attribute of Class, which has a static constexpr function attributes().
 template <class Class>
 [[nodiscard]] consteval Lumen::FieldId fieldId(std::string_view name) {

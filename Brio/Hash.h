@@ -39,17 +39,17 @@ inline constexpr std::uint64_t kMultiplier[4] = {0x9fb21c651e98df25ULL, 0xe7037e
 }
 
 // Folds N words into a running 32-bit hash. Every input bit reaches every output bit. The products
-// of one call do not wait for each other, so a long key is best mixed four words at a time.
+// of the words wait neither for each other nor for the running hash, which comes in last, so a long
+// key is best mixed four words at a time.
 template <unsigned N>
 [[nodiscard]] constexpr std::uint32_t hashMix(std::uint32_t hash,
                                               const std::uint64_t (&words)[N]) noexcept {
-  std::uint64_t state = hash * kMultiplier[2];
-  const std::uint64_t before = state;
+  std::uint64_t state = kMultiplier[1];
   for (unsigned i = 0; i < N; i += 2) {
     const std::uint64_t second = i + 1 < N ? words[i + 1] : N;
-    state ^= fold(words[i] ^ before ^ kMultiplier[(i / 2) & 1], second + kMultiplier[2] + i);
+    state ^= fold(words[i] ^ kMultiplier[(i / 2) & 1], second + kMultiplier[2] + i);
   }
-  return finish(state ^ kMultiplier[1]);
+  return finish(state ^ (std::uint64_t{hash} << 32 | hash));
 }
 
 // Hash of `size` bytes at `data`. Two chains of products run side by side.

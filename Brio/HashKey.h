@@ -10,8 +10,7 @@
 
 // What a keyed collection asks of its key type: a hash, an equality and an order. A key with
 // operations hash(seed) and isEq(other) brings its own; a plain value is hashed as one attribute
-// and compared with
-// ==. The order is operator<=>.
+// and compared by operator==. The order is operator<=>.
 
 namespace Brio {
 

@@ -302,7 +302,7 @@ void HashMap2018Generic::endOfEpoch(const HashMap2018VTable* vtable) {
     while (log2 > minLog2_ && 4ULL * peak_ < membersMax(size, log2)) {
       --log2;
     }
-    while (directoryLog2() > log2) {
+    while (directoryLog2() > log2 && mayMerge()) {
       directoryLog2Is(vtable, directoryLog2() - 1);
     }
   }
@@ -407,6 +407,19 @@ void HashMap2018Generic::splitOrdered(const HashMap2018VTable* vtable, HashMap20
     first = end;
   }
   release(vtable, bucket);
+}
+
+// Whether every two neighbouring buckets fit into one.
+bool HashMap2018Generic::mayMerge() const noexcept {
+  for (std::size_t i = 0; i < directorySize(); i += 2) {
+    const HashMap2018BucketHdr* low = directory_[i].bucket;
+    const HashMap2018BucketHdr* high = directory_[i + 1].bucket;
+    if (low != nullptr && high != nullptr &&
+        low->used() + high->used() > HashMap2018BucketHdr::kCapacityMax) {
+      return false;
+    }
+  }
+  return true;
 }
 
 // Fills the directory `to`, of half the size and empty, from the present one.

@@ -172,6 +172,7 @@ class HashMap2018Generic {
   void splitOrdered(const HashMap2018VTable* vtable, HashMap2018BucketHdr* bucket, Entry* to,
                     unsigned log2);
   void merge(const HashMap2018VTable* vtable, Entry* to, unsigned log2);
+  [[nodiscard]] bool mayMerge() const noexcept;
 
   Entry* directory_;
   unsigned members_ = 0;

@@ -194,7 +194,7 @@ class HashMap2018VTable::Impl {
     nodeTracker_.allocated(capacity, capacity * kBytesPerSlot);
   }
 
-  static inline Lumen::MemTrack nodeTracker_{Lumen::typeName<Node>()};
+  static inline Lumen::MemTrack nodeTracker_{Lumen::trackerName<Node>()};
 
   static constexpr HashMap2018VTable makeRecord() noexcept {
     constexpr std::uint32_t kSizeWord = sizeof(Node) << 16 | kStoredHashes | alignof(Node);

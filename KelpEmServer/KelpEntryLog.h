@@ -43,6 +43,9 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
 
   struct HN_TableConfigQuilt
       : Brio::Hm2018NE<T::salts.tableConfigQuilt, Asic::UnitId, Lumen::Ptr<ConfigQuilt>, 1> {
+    static constexpr const char* className() {
+      return kTableText<T, "KelpEntryLog::HN_TableConfigQuilt">.c_str();
+    }
     using Brio::Hm2018NE<T::salts.tableConfigQuilt, Asic::UnitId, Lumen::Ptr<ConfigQuilt>,
                          1>::Hm2018NE;
   };
@@ -158,6 +161,8 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
                                                   Asic::SwTableStats& stats) const;
   // Takes a change that a dying process cut off to its end. See KelpEntryLogRecovery.h.
   void finishCutOffChange();
+  [[nodiscard]] std::vector<Asic::LogVersion> versionsInLog(Asic::LogVersion after,
+                                                            Asic::LogVersion last);
   [[nodiscard]] std::vector<Asic::LogVersion> completeChange(Asic::LogVersion announced);
   [[nodiscard]] Lumen::Ptr<Asic::NeededEntry> everythingPublished() const;
   // The last three steps of every change.

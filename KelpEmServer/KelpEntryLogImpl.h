@@ -47,6 +47,22 @@ KelpEntryLog<T>::KelpEntryLog(Asic::SwTableId tableId,
 
 template <TableSpec T>
 void KelpEntryLog<T>::handleInitialized() {
+  // The numbers of attributes are known outside.
+  static_assert(Brio::fieldId<KelpEntryLog>("tableEntryLog") == Lumen::FieldId{258} &&
+                Brio::fieldId<KelpEntryLog>("tableConfigQuilt") == Lumen::FieldId{259} &&
+                Brio::fieldId<KelpEntryLog>("entryIs") == Lumen::FieldId{260} &&
+                Brio::fieldId<KelpEntryLog>("entryDel") == Lumen::FieldId{261} &&
+                Brio::fieldId<KelpEntryLog>("tableDel") == Lumen::FieldId{262} &&
+                Brio::fieldId<KelpEntryLog>("entry") == Lumen::FieldId{263} &&
+                Brio::fieldId<KelpEntryLog>("entryHas") == Lumen::FieldId{264} &&
+                Brio::fieldId<KelpEntryLog>("entryRsrcKeys") == Lumen::FieldId{265} &&
+                Brio::fieldId<KelpEntryLog>("entryLogVersion") == Lumen::FieldId{266} &&
+                Brio::fieldId<KelpEntryLog>("entrys") == Lumen::FieldId{267} &&
+                Brio::fieldId<KelpEntryLog>("entrysInDeletion") == Lumen::FieldId{268} &&
+                Brio::fieldId<KelpEntryLog>("cleanupEntryLog") == Lumen::FieldId{269} &&
+                Brio::fieldId<KelpEntryLog>("mountQuiltChangeLog") == Lumen::FieldId{270} &&
+                Brio::fieldId<KelpEntryLog>("mountQuiltConfig") == Lumen::FieldId{271} &&
+                Brio::fieldId<KelpEntryLog>("handleInitialized") == Lumen::FieldId{272});
   LUMEN_TRACE(entryLogTraceHandle<T>(), 8, className(), "");
   mountQuiltChangeLog();
 }
@@ -211,6 +227,10 @@ Asic::LogVersion KelpEntryLog<T>::identicalVersion(ConfigQuilt& configQuilt,
                                                    Asic::SwTableStats& stats) const {
   const ConfigRecord& record = findRecord(configQuilt, logEntry.key);
   if (record.isEq(Quilt::AllocBase<ConfigRecord>::defaultRecord()) || record.isDeleted != 0) {
+    return {};
+  }
+  // A version of a log that was lost is one that no report will ever cover.
+  if (record.version > this->tableVersion()) [[unlikely]] {
     return {};
   }
   if (record.entry.logEntry.isEq(logEntry) && record.entry.rsrcKeys.isEq(rsrcKeys)) {

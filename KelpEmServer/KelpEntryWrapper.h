@@ -25,15 +25,18 @@ class KELP_EM_EXPORT KelpEntryWrapper final : public Lumen::Node,
 
   static constexpr const char* className() { return kTableText<T, "KelpEntryWrapper">.c_str(); }
   static constexpr auto attributes() {
-    // The resource attributes come between rsrcKeys and setResolvedFields with the resources.
-    return Brio::attributeList(
-        130, Brio::stored("entry", &KelpEntryWrapper::entry_),
-        Brio::stored("entryHandle", &KelpEntryWrapper::entryHandle_),
-        Brio::view("key", &KelpEntryWrapper::key),
-        Brio::view("logEntry", &KelpEntryWrapper::logEntry),
-        Brio::view("rsrcKeys", &KelpEntryWrapper::rsrcKeys), Brio::operation("setResolvedFields"),
-        Brio::operation("retrieveClientData"), Brio::operation("finalizeOnSuccess"),
-        Brio::operation("finalizeOnFailure"));
+    return Brio::attributeGroups(
+        130,
+        std::tuple{Brio::stored("entry", &KelpEntryWrapper::entry_),
+                   Brio::stored("entryHandle", &KelpEntryWrapper::entryHandle_),
+                   Brio::view("key", &KelpEntryWrapper::key),
+                   Brio::view("logEntry", &KelpEntryWrapper::logEntry),
+                   Brio::view("rsrcKeys", &KelpEntryWrapper::rsrcKeys)},
+        T::WrapperResources::template attributes<KelpEntryWrapper>(),
+        std::tuple{Brio::operation("setResolvedFields", &KelpEntryWrapper::setResolvedFields),
+                   Brio::operation("retrieveClientData", &KelpEntryWrapper::retrieveClientData),
+                   Brio::operation("finalizeOnSuccess", &KelpEntryWrapper::finalizeOnSuccess),
+                   Brio::operation("finalizeOnFailure", &KelpEntryWrapper::finalizeOnFailure)});
   }
 
   // Copies the entry, and leaves the resources null.
@@ -57,6 +60,28 @@ class KELP_EM_EXPORT KelpEntryWrapper final : public Lumen::Node,
   void keyIs(const Key& key) noexcept { entry_.logEntry.key = key; }
   [[nodiscard]] const LogEntry& logEntry() const noexcept { return entry_.logEntry; }
   [[nodiscard]] const ResourceKeys& rsrcKeys() const noexcept { return entry_.rsrcKeys; }
+
+  // The keys of the resources, where the table names such.
+  [[nodiscard]] const auto& inLifIdxKey() const noexcept requires
+      requires(const ResourceKeys& keys) {
+    keys.inLifIdxKey;
+  }
+  { return entry_.rsrcKeys.inLifIdxKey; }
+  [[nodiscard]] const auto& vlanEditProfileKey() const noexcept requires
+      requires(const ResourceKeys& keys) {
+    keys.vlanEditProfileKey;
+  }
+  { return entry_.rsrcKeys.vlanEditProfileKey; }
+  [[nodiscard]] const auto& remarkProfileKey() const noexcept requires
+      requires(const ResourceKeys& keys) {
+    keys.remarkProfileKey;
+  }
+  { return entry_.rsrcKeys.remarkProfileKey; }
+  [[nodiscard]] std::uint16_t remarkProfileType() const noexcept requires
+      requires(const ResourceKeys& keys) {
+    keys.remarkProfileType;
+  }
+  { return entry_.rsrcKeys.remarkProfileType; }
 
   // Copies the values of the resources into the log entry; 0 where there is no handle. Nothing on a
   // table without resources.

@@ -61,6 +61,19 @@ Lumen::Ptr<Asic::GroupInterface> KelpInterface<T>::groupIntf() const {
 
 template <TableSpec T>
 void KelpInterface<T>::handleInitialized() {
+  // The numbers of attributes are known outside.
+  static_assert(Brio::fieldId<KelpInterface>("tableName") == Lumen::FieldId{258} &&
+                Brio::fieldId<KelpInterface>("tableId") == Lumen::FieldId{259} &&
+                Brio::fieldId<KelpInterface>("groupName") == Lumen::FieldId{260} &&
+                Brio::fieldId<KelpInterface>("agentName") == Lumen::FieldId{261} &&
+                Brio::fieldId<KelpInterface>("tableNamespace") == Lumen::FieldId{262} &&
+                Brio::fieldId<KelpInterface>("entryLog") == Lumen::FieldId{263} &&
+                Brio::fieldId<KelpInterface>("swTableStatus") == Lumen::FieldId{264} &&
+                Brio::fieldId<KelpInterface>("swTableSet") == Lumen::FieldId{265} &&
+                Brio::fieldId<KelpInterface>("makeSwTable") == Lumen::FieldId{266} &&
+                Brio::fieldId<KelpInterface>("getIntf") == Lumen::FieldId{267} &&
+                Brio::fieldId<KelpInterface>("handleInitialized") == Lumen::FieldId{268} &&
+                Brio::fieldId<KelpInterface>("onDelete") == Lumen::FieldId{269});
   const auto singleton = Asic::SwTableInterfacesSingleton::instance();
   if (singleton->swTableIntfHas(kKey.c_str())) {
     {

@@ -26,15 +26,13 @@ namespace KelpEmServer {
 //
 // Invariants among the collections:
 //  1. A key stands in at most one of transientAddEntry and transientRemoveEntry.
-//  2. Every key of either stands in transientVersionForKey, with the version of the wrapper's
-//  handle.
+//  2. Every key of either stands in transientVersionForKey, with the version of the handle of the
+//     wrapper.
 //  3. The converse does not hold: a remove-all empties the two and leaves the versions, so that the
-//  next
-//     write of such a key goes on counting.
+//     next write of such a key goes on counting.
 //  4. An entry stays in transient state after its commit failed on a dependency.
-//  5. entryHandleInLog holds handles in commit order; their log versions ascend, but for a
-//  suppressed
-//     write, which enters with the version that its record already had.
+//  5. entryHandleInLog holds handles in commit order; their log versions ascend, but for that of a
+//     suppressed write, which enters with the version that its record already had.
 //  6. groupResolver and entryLog are set for the table's whole life.
 //
 // Everything runs on the agent's one thread.
@@ -82,20 +80,32 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
 
   struct HN_TransientAddEntry : Brio::Hm2018NI<T::salts.transientAddEntry, Key, Lumen::Ptr<Wrapper>,
                                                TransientAddEntryKeyFunktor, 1> {
+    static constexpr const char* className() {
+      return kTableText<T, "KelpSwTable::HN_TransientAddEntry">.c_str();
+    }
     using Brio::Hm2018NI<T::salts.transientAddEntry, Key, Lumen::Ptr<Wrapper>,
                          TransientAddEntryKeyFunktor, 1>::Hm2018NI;
   };
   struct HN_TransientRemoveEntry
       : Brio::Hm2018NI<T::salts.transientRemoveEntry, Key, Lumen::Ptr<Wrapper>,
                        TransientRemoveEntryKeyFunktor, 1> {
+    static constexpr const char* className() {
+      return kTableText<T, "KelpSwTable::HN_TransientRemoveEntry">.c_str();
+    }
     using Brio::Hm2018NI<T::salts.transientRemoveEntry, Key, Lumen::Ptr<Wrapper>,
                          TransientRemoveEntryKeyFunktor, 1>::Hm2018NI;
   };
   struct HN_TransientVersionForKey
       : Brio::Hm2018NE<T::salts.transientVersionForKey, Key, Asic::EntryVersion, 1> {
+    static constexpr const char* className() {
+      return kTableText<T, "KelpSwTable::HN_TransientVersionForKey">.c_str();
+    }
     using Brio::Hm2018NE<T::salts.transientVersionForKey, Key, Asic::EntryVersion, 1>::Hm2018NE;
   };
   struct HN_MarkedKey : Brio::Hm2018NE<T::salts.markedKey, Key, void, 1> {
+    static constexpr const char* className() {
+      return kTableText<T, "KelpSwTable::HN_MarkedKey">.c_str();
+    }
     using Brio::Hm2018NE<T::salts.markedKey, Key, void, 1>::Hm2018NE;
   };
   struct QE_EntryHandleInLog {
@@ -262,7 +272,8 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
 
   // The keys written since mark().
   [[nodiscard]] const auto& markedKey() const noexcept { return markedKey_; }
-  const HN_MarkedKey& markedKeyIs(const Key& key);
+  // The node; null if a subscriber took the key out again.
+  const HN_MarkedKey* markedKeyIs(const Key& key);
   bool markedKeyDel(const Key& key);
   void markedKeyDelAll();
   [[nodiscard]] bool inMarkingState() const noexcept { return inMarkingState_; }

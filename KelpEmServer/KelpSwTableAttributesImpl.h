@@ -213,25 +213,24 @@ void KelpSwTable<T>::entryHandleInLogDelAll() {
     entryHandleInLog_.doClear(true);
     return;
   }
-  while (entryHandleInLogDeq()) {
+  while (!entryHandleInLog_.empty()) {
+    entryHandleInLogDeq();
   }
 }
 
 template <TableSpec T>
-const typename KelpSwTable<T>::HN_MarkedKey& KelpSwTable<T>::markedKeyIs(const Key& key) {
+const typename KelpSwTable<T>::HN_MarkedKey* KelpSwTable<T>::markedKeyIs(const Key& key) {
   const auto hashed = markedKey_.hashed(key);
   if (const auto* node = markedKey_.find(hashed)) {
-    return *node;
+    return node;
   }
   const HN_MarkedKey& node = markedKey_.newMember(hashed, HN_MarkedKey(key));
-  if (this->changes().hasSubscribers()) {
-    this->changes().publishChangeRecursive(Brio::fieldId<KelpSwTable>("markedKey"), &key);
-    // A subscriber may have changed the set.
-    const auto* present = markedKey_.find(hashed);
-    Lumen::assertThat(present != nullptr, "present");
-    return *present;
+  if (!this->changes().hasSubscribers()) {
+    return &node;
   }
-  return node;
+  this->changes().publishChangeRecursive(Brio::fieldId<KelpSwTable>("markedKey"), &key);
+  // A subscriber may have changed the set.
+  return markedKey_.find(hashed);
 }
 
 template <TableSpec T>

@@ -29,11 +29,32 @@ using SwTableAccessor = Asic::OrderedSwTableAccessor<KelpSwTable<T>>;
 template <TableSpec T>
 using SwTableReader = Asic::OrderedSwTableAccessor<const KelpSwTable<T>>;
 
+// The numbers of attributes are known outside.
+template <class Class>
+constexpr bool isAttribute(std::uint16_t number, std::string_view name) {
+  return Class::attributes().idOf(name) == number;
+}
+
 // --- the entry wrapper
 
 template <TableSpec T>
 void KelpEntryWrapper<T>::retrieveClientData() {
-  T::WrapperResources::retrieveClientData(entry_, swTableTraceHandle<T>());
+  static_assert(isAttribute<KelpEntryWrapper>(130, "entry") &&
+                isAttribute<KelpEntryWrapper>(131, "entryHandle") &&
+                isAttribute<KelpEntryWrapper>(132, "key") &&
+                isAttribute<KelpEntryWrapper>(133, "logEntry") &&
+                isAttribute<KelpEntryWrapper>(134, "rsrcKeys"));
+  constexpr auto kFirst =
+      std::tuple_size_v<decltype(T::WrapperResources::template attributes<KelpEntryWrapper>())> +
+      135;
+  static_assert(kFirst == 135 || kFirst == 139 || kFirst == 142);
+  static_assert(isAttribute<KelpEntryWrapper>(kFirst, "setResolvedFields") &&
+                isAttribute<KelpEntryWrapper>(kFirst + 1, "retrieveClientData") &&
+                isAttribute<KelpEntryWrapper>(kFirst + 2, "finalizeOnSuccess") &&
+                isAttribute<KelpEntryWrapper>(kFirst + 3, "finalizeOnFailure"));
+  T::WrapperResources::retrieveClientData(entry_, [](unsigned clientData) {
+    LUMEN_TRACE(swTableTraceHandle<T>(), 3, className(), " Setting clientData to: {} ", clientData);
+  });
 }
 
 template <TableSpec T>
@@ -69,6 +90,8 @@ KelpResolverEntry<T>::KelpResolverEntry(
 
 template <TableSpec T>
 bool KelpResolverEntry<T>::isResolved() {
+  static_assert(isAttribute<KelpResolverEntry>(258, "swTable") &&
+                isAttribute<KelpResolverEntry>(259, "swTableEntry"));
   return swTable_->isResolverEntryResolved(Lumen::Ptr<KelpResolverEntry>(this));
 }
 
@@ -81,6 +104,7 @@ void KelpResolverEntry<T>::commitEntry(const Lumen::Ptr<Asic::ResolverEntry>& se
 
 template <TableSpec T>
 typename T::Entry KelpSwTableIteratorState<T>::maybeUpdateCurrentEntry() {
+  static_assert(isAttribute<KelpSwTableIteratorState>(386, "bookmarkKey"));
   return Asic::IterStateAccessor<KelpSwTableIteratorState, KelpSwTable<T>>(this)
       .template maybeUpdateCurrentEntry<Entry>();
 }
@@ -112,6 +136,24 @@ KelpSwTable<T>::~KelpSwTable() {
 
 template <TableSpec T>
 void KelpSwTable<T>::handleInitialized() {
+  static_assert(
+      isAttribute<KelpSwTable>(898, "swTableHelper") &&
+      isAttribute<KelpSwTable>(899, "transientAddEntry") &&
+      isAttribute<KelpSwTable>(900, "transientRemoveEntry") &&
+      isAttribute<KelpSwTable>(901, "transientVersionForKey") &&
+      isAttribute<KelpSwTable>(902, "transientRemoveAllVersion") &&
+      isAttribute<KelpSwTable>(903, "getTableEntries_py") &&
+      isAttribute<KelpSwTable>(904, "entryLog") && isAttribute<KelpSwTable>(905, "groupResolver") &&
+      isAttribute<KelpSwTable>(907, "entryHandleInLog") &&
+      isAttribute<KelpSwTable>(908, "commitEntry") &&
+      isAttribute<KelpSwTable>(909, "updateEntry") &&
+      isAttribute<KelpSwTable>(910, "getNeededEntrySet") &&
+      isAttribute<KelpSwTable>(911, "isResolverEntryResolved") &&
+      isAttribute<KelpSwTable>(912, "setRsrcPtrs") &&
+      isAttribute<KelpSwTable>(913, "entryFromConfig") &&
+      isAttribute<KelpSwTable>(914, "restoreEntries") &&
+      isAttribute<KelpSwTable>(915, "clearTable") && isAttribute<KelpSwTable>(916, "markedKey") &&
+      isAttribute<KelpSwTable>(917, "inMarkingState"));
   LUMEN_TRACE(swTableTraceHandle<T>(), 8, className(),
               "doesMarkSweep: True hwErrorHandling: False");
   swTableHelperIs(Lumen::makeNode<Helper>());

@@ -1,9 +1,8 @@
 #include "KelpEmServer/LogMessages.h"
 
 namespace KelpEmServer {
-namespace {
 
-constexpr Brio::LogDescriptor kRecords[] = {
+constinit const Brio::LogDescriptor kLogRecords[3] = {
     {"HW_ABSTRACTION_EXCEPTION", "%s", "Exception", "\x01", 3},
     {"HW_ABSTRACTION_RELAUNCH_ERROR", "%s", "Duplicate Writer Detected, quilt path not cleaned up",
      "\x01", 3},
@@ -13,13 +12,11 @@ constexpr Brio::LogDescriptor kRecords[] = {
      "\x01", 3},
 };
 
-const Brio::LogSection section("KelpEmServer", kRecords);
+namespace {
+
+const Brio::LogSection section("KelpEmServer", kLogRecords);
 
 }  // namespace
-
-constinit const Brio::LogDescriptor HW_ABSTRACTION_EXCEPTION = kRecords[0];
-constinit const Brio::LogDescriptor HW_ABSTRACTION_RELAUNCH_ERROR = kRecords[1];
-constinit const Brio::LogDescriptor HW_ABSTRACTION_ERROR = kRecords[2];
 
 EntryLogHandles::EntryLogHandles()
     : hwAbstractionError(&HW_ABSTRACTION_ERROR, Lumen::Duration(), 1.0, 0, 0),

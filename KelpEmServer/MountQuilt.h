@@ -2,7 +2,6 @@
 
 #include <functional>
 
-#include "Asic/GenId.h"
 #include "Asic/SharedMemory.h"
 #include "BrioQuilt/CollectionControl.h"
 #include "BrioQuilt/MountInfo.h"
@@ -17,6 +16,12 @@ namespace KelpEmServer {
 [[nodiscard]] inline Lumen::String relaunchPath(const Lumen::String& agentName) {
   return "hardware/tinsel/agent/relaunch/config/" + agentName;
 }
+
+// Raises the relaunch generation of an agent by one; nothing if it has none. A state database that
+// can't be read or written is told at trace level 1 and holds up nobody: the report of what was
+// lost is worth more than the hint to the hardware side.
+void raiseRelaunchGeneration(const Vault::EntityManager& entityManager,
+                             const Lumen::String& agentName);
 
 // Mounts a collection of the manager for writing, or finds it mounted. Null if the entity is not a
 // T. Throws BrioSharedMem::StoreError if it can't be mounted.
@@ -51,10 +56,7 @@ template <class T>
   const Lumen::Ptr<BrioQuilt::CollectionControl> control = controlGetter(quilt);
   if (control->wiped()) {
     wipedHandler();
-    if (const auto relaunch =
-            Lumen::dynamicPtrCast<Asic::GenId>(entityManager->getEntity(relaunchPath(agentName)))) {
-      relaunch->majorIdInc(1);
-    }
+    raiseRelaunchGeneration(*entityManager, agentName);
     control->clearWiped();
   }
   return quilt;

@@ -5,6 +5,7 @@
 #include "KelpEmServer/Export.h"
 #include "KelpEmServer/TableSpec.h"
 #include "KelpEmServer/WrapperResources.h"
+#include "KelpTunnelNiLib/TableBases.h"
 #include "KelpTunnelNiLib/TableQuilts.h"
 
 // The catalogue of tables: the only place in which they differ. A further table is one more type

@@ -3,29 +3,33 @@
 #include <cstdint>
 #include <tuple>
 
-#include "Brio/TraceHandle.h"
+#include "Brio/Attributes.h"
 #include "KelpTunnelNiLib/ResourceHandles.h"
 #include "Lumen/Ptr.h"
-#include "Lumen/Trace.h"
 
 // What an entry in flight holds of the resources that it names: a handle for each, null until the
 // entry is resolved, and the values that come from it, 0 without a handle. One class per family of
 // tables; all have the same members, which the entry wrapper calls.
 //
-//   setResolvedFields(logEntry)         copies the values into the log entry, first value first
-//   retrieveClientData(entry, handle)   copies what a resource decides besides its result into the
-//   entry;
-//                                       handle is the trace handle of the caller
+//   attributes<Wrapper>()            the attributes of the family, for the list of the wrapper
+//   setResolvedFields(logEntry)      copies the values into the log entry, first value first
+//   retrieveClientData(entry, trace) copies what a resource decides besides its result into the
+//                                    entry; `trace` is called with the client data
 
 namespace KelpEmServer {
 
 // A table that names no resource.
 class NoResources {
  public:
+  template <class Wrapper>
+  static constexpr auto attributes() {
+    return std::tuple{};
+  }
+
   template <class LogEntry>
   void setResolvedFields(LogEntry&) const noexcept {}
-  template <class Entry>
-  void retrieveClientData(Entry&, const Brio::TraceHandle&) const noexcept {}
+  template <class Entry, class Trace>
+  void retrieveClientData(Entry&, Trace) const noexcept {}
 };
 
 // A table that names an ingress logical interface. The two indexes go to the log entry's members
@@ -47,8 +51,8 @@ class InLifResources {
     logEntry.*kFirst = first();
     logEntry.*kSecond = second();
   }
-  template <class Entry>
-  void retrieveClientData(Entry&, const Brio::TraceHandle&) const noexcept {}
+  template <class Entry, class Trace>
+  void retrieveClientData(Entry&, Trace) const noexcept {}
 
  protected:
   [[nodiscard]] std::uint32_t first() const noexcept {
@@ -66,6 +70,14 @@ class InLifResources {
 template <class LogEntry>
 class InLif01Resources : public InLifResources<&LogEntry::inLif0Index, &LogEntry::inLif1Index> {
  public:
+  template <class Wrapper>
+  static constexpr auto attributes() {
+    return std::tuple{Brio::view("inLifIdxKey", &Wrapper::inLifIdxKey),
+                      Brio::stored("inLifIdxKeyResPtr", &Wrapper::inLifIdxKeyResPtr),
+                      Brio::operation("inLif0Index", &Wrapper::inLif0Index),
+                      Brio::operation("inLif1Index", &Wrapper::inLif1Index)};
+  }
+
   [[nodiscard]] std::uint32_t inLif0Index() const noexcept { return this->first(); }
   [[nodiscard]] std::uint32_t inLif1Index() const noexcept { return this->second(); }
 };
@@ -74,6 +86,14 @@ class InLif01Resources : public InLifResources<&LogEntry::inLif0Index, &LogEntry
 template <class LogEntry>
 class InLif023Resources : public InLifResources<&LogEntry::inLif0Index, &LogEntry::inLif23Index> {
  public:
+  template <class Wrapper>
+  static constexpr auto attributes() {
+    return std::tuple{Brio::view("inLifIdxKey", &Wrapper::inLifIdxKey),
+                      Brio::stored("inLifIdxKeyResPtr", &Wrapper::inLifIdxKeyResPtr),
+                      Brio::operation("inLif0Index", &Wrapper::inLif0Index),
+                      Brio::operation("inLif23Index", &Wrapper::inLif23Index)};
+  }
+
   [[nodiscard]] std::uint32_t inLif0Index() const noexcept { return this->first(); }
   [[nodiscard]] std::uint32_t inLif23Index() const noexcept { return this->second(); }
 };
@@ -83,6 +103,17 @@ class VlanEditAndRemarkResources {
  public:
   using VlanEditHandle = KelpTunnelNiLib::VlanEditProfileResourceHandle;
   using RemarkHandle = KelpTunnelNiLib::RemarkProfileResourceHandle;
+
+  template <class Wrapper>
+  static constexpr auto attributes() {
+    return std::tuple{Brio::view("vlanEditProfileKey", &Wrapper::vlanEditProfileKey),
+                      Brio::stored("vlanEditProfileKeyResPtr", &Wrapper::vlanEditProfileKeyResPtr),
+                      Brio::operation("vlanEditProfile", &Wrapper::vlanEditProfile),
+                      Brio::view("remarkProfileType", &Wrapper::remarkProfileType),
+                      Brio::view("remarkProfileKey", &Wrapper::remarkProfileKey),
+                      Brio::stored("remarkProfileKeyResPtr", &Wrapper::remarkProfileKeyResPtr),
+                      Brio::operation("remarkProfile", &Wrapper::remarkProfile)};
+  }
 
   [[nodiscard]] const Lumen::Ptr<const VlanEditHandle>& vlanEditProfileKeyResPtr() const noexcept {
     return vlanEditProfileKeyResPtr_;
@@ -109,14 +140,13 @@ class VlanEditAndRemarkResources {
     logEntry.vlanEditProfile = vlanEditProfile();
     logEntry.remarkProfile = remarkProfile();
   }
-  template <class Entry>
-  void retrieveClientData(Entry& entry, const Brio::TraceHandle& traceHandle) const {
+  template <class Entry, class Trace>
+  void retrieveClientData(Entry& entry, Trace trace) const {
     if (!remarkProfileKeyResPtr_) {
       return;
     }
     const std::uint16_t clientData = remarkProfileKeyResPtr_->results().clientData.value;
-    LUMEN_TRACE(traceHandle, 3, "EsemFodoVdKelpEntryWrapper", " Setting clientData to: {} ",
-                clientData);
+    trace(clientData);
     entry.rsrcKeys.remarkProfileType = clientData;
   }
 

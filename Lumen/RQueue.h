@@ -31,7 +31,7 @@ class RQueue : public RQueueBase<T> {
   static MemTrack& elementTracker() noexcept { return elementTracker_; }
 
  private:
-  static inline MemTrack elementTracker_{typeName<Tag>()};
+  static inline MemTrack elementTracker_{trackerName<Tag>()};
 };
 
 }  // namespace Lumen

@@ -38,4 +38,14 @@ template <class T>
   return Impl::kTypeNameText<T>.data();
 }
 
+// The name that a class gives itself, or else the compiler's.
+template <class T>
+[[nodiscard]] constexpr const char* trackerName() noexcept {
+  if constexpr (requires { T::className(); }) {
+    return T::className();
+  } else {
+    return typeName<T>();
+  }
+}
+
 }  // namespace Lumen

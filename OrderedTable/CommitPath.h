@@ -135,6 +135,10 @@ void OrderedSwTableAccessor<T>::commitEntry(const Lumen::Ptr<ResolverEntry>& ent
   const EntryVersion entryConfVersion = entryHandle->version();
   Lumen::assertThat(isTableDelete || entryConfVersion.valid(), "entryConfVersion.valid()");
 
+  // A response handler may end the agent: both stay until the operation has.
+  const Lumen::Ptr<Table> table(t_);
+  const Lumen::Ptr<OrderedSwTableSet> swTableSet(t_->swTableSet());
+
   const auto end = [&](EntryState state) {
     entryHandle->entryStateIs(state);
     const ResponseHandler handler = entryHandle->responseHandler();
@@ -163,7 +167,6 @@ void OrderedSwTableAccessor<T>::commitEntry(const Lumen::Ptr<ResolverEntry>& ent
     return;
   }
 
-  const Lumen::Ptr<Table> table(t_);
   if (isTableDelete) {
     const MajorVersion currRemoveAllVersion = t_->transientRemoveAllVersion();
     Lumen::assertThat(currRemoveAllVersion.valid(), "currRemoveAllVersion.valid()");

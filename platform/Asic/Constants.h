@@ -10,12 +10,12 @@
 namespace Asic {
 
 // Where the collections of a group lie in the shared store. All are pure functions of their
-// arguments.
+// arguments. Below orderedTable/AGENT/GROUP:
 //
-//   orderedTable/AGENT/GROUP/status                          what the hardware side has taken in
-//   orderedTable/AGENT/GROUP/needed/TABLE                    dependencies of log records, by table
-//   number orderedTable/AGENT/GROUP/tables/NAMESPACE/NAME/log       change log
-//   orderedTable/AGENT/GROUP/tables/NAMESPACE/NAME/config/U  configuration collection of unit U
+//   status                          what the hardware side has taken in
+//   needed/TABLE                    dependencies of log records, by table number
+//   tables/NAMESPACE/NAME/log       change log
+//   tables/NAMESPACE/NAME/config/U  configuration collection of unit U
 class Constants {
  public:
   // AGENT/GROUP: the key of a group among those of the process, and its place in the store.

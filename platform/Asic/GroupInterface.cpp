@@ -75,6 +75,7 @@ void GroupInterface::entryLogMounted(SwTableId tableId,
   }
   log->changeLog = changeLog;
   log->delivered.reset();
+  log->lowestNeeded = {};
 
   const auto manager = writableSharedMemory(*entityManager_);
   const Lumen::String path = Constants::groupNeededPath(canonicalName_, tableId);
@@ -130,6 +131,7 @@ void GroupInterface::storeNeeded(TableLog& log, LogVersion version, const Needed
   }
   if (record.count != 0) {
     log.needed->map().recordIs(record);
+    log.lowestNeeded = std::min(log.lowestNeeded, version);
   }
 }
 
@@ -151,62 +153,91 @@ void GroupInterface::dropUnpublishedNeeded(TableLog& log) {
 }
 
 void GroupInterface::dropNeeded(TableLog& log, LogVersion version) {
-  auto& map = log.needed->map();
-  if (map.size() == 0) {
+  if (log.lowestNeeded > version) {
     return;
   }
+  auto& map = log.needed->map();
+  log.lowestNeeded = kNoneNeeded;
   try {
     NeededQuiltEntry record;
     Quilt::IterHint hint;
-    for (bool more = map.first(record, hint); more && record.version <= version;
-         more = map.next(record.version, record, hint)) {
+    for (bool more = map.first(record, hint); more; more = map.next(record.version, record, hint)) {
+      if (record.version > version) {
+        log.lowestNeeded = record.version;
+        break;
+      }
       map.recordDel(record.version);
     }
   } catch (const Lumen::CorruptionDetectedException& corruption) {
     map.doCorruptionDetected(corruption.msg());
+    log.lowestNeeded = {};
   }
 }
 
-StatusQuilt* GroupInterface::statusQuilt() {
+Lumen::Ptr<StatusQuilt> GroupInterface::statusQuilt() {
   if (!statusQuilt_ || statusQuilt_->replaced()) {
     try {
       statusQuilt_ = Lumen::dynamicPtrCast<StatusQuilt>(
           writableSharedMemory(*entityManager_)
               ->openReader(Constants::groupStatusPath(canonicalName_), kStatusQuiltType));
+      otherLayoutTold_ = false;
+    } catch (const BrioSharedMem::OtherLayoutError& error) {
+      // A hardware side that does not fit this agent: nothing it reports can be read.
+      if (!std::exchange(otherLayoutTold_, true)) {
+        LUMEN_TRACE(_defaultTraceHandle(), 1, kClass, "{}", error.what());
+      }
+      statusQuilt_ = nullptr;
     } catch (const BrioSharedMem::StoreError& error) {
       // The hardware side has not made it yet, or is making it anew.
       LUMEN_TRACE(_defaultTraceHandle(), 3, kClass, "No status collection: {}", error.what());
       statusQuilt_ = nullptr;
     }
   }
-  return statusQuilt_.get();
+  return statusQuilt_;
 }
 
 std::optional<LogVersion> GroupInterface::statusVersion(SwTableId tableId) {
-  const TableLog* log = tableLog(tableId);
-  StatusQuilt* status = log == nullptr ? nullptr : statusQuilt();
-  if (status == nullptr) {
-    return std::nullopt;
-  }
+  TableLog* log = tableLog(tableId);
+  const Lumen::Ptr<StatusQuilt> status = log == nullptr ? nullptr : statusQuilt();
+  return status ? rowOf(*status, *log) : std::nullopt;
+}
+
+std::optional<LogVersion> GroupInterface::rowOf(StatusQuilt& status, TableLog& log) {
   try {
     bool found = false;
-    const StatusQuiltEntry& row = status->map().find(tableId, found);
-    if (!found || row.incarnation != log->changeLog->incarnation()) {
+    const StatusQuiltEntry& row = status.map().find(log.tableId, found);
+    if (!found || row.incarnation != log.changeLog->incarnation()) {
       return std::nullopt;
     }
-    return LogVersion{std::min(row.version.value, log->changeLog->published())};
+    const LogVersion published{log.changeLog->published()};
+    if (row.version <= published) {
+      return row.version;
+    }
+    // Nobody can have taken in what is not published. Such a row counts as what was published when
+    // it was first seen, and does not go on counting with what comes later.
+    if (log.overreach != row.version) {
+      log.overreach = row.version;
+      log.overreachCounts = published;
+    }
+    return log.overreachCounts;
   } catch (const Lumen::CorruptionDetectedException& corruption) {
-    status->map().doCorruptionDetected(corruption.msg());
+    status.map().doCorruptionDetected(corruption.msg());
     return std::nullopt;
   }
 }
 
 std::size_t GroupInterface::pollStatus() {
+  // A response handler may end the agent, and may drop the status collection.
+  const Lumen::Ptr<GroupInterface> self(this);
+  const Lumen::Ptr<StatusQuilt> status = statusQuilt();
+  if (!status) {
+    return 0;
+  }
   std::size_t news = 0;
   // By index: a response handler may make another table's interface.
   for (std::size_t i = 0; i < logs_.size(); ++i) {
     const SwTableId tableId = logs_[i].tableId;
-    const std::optional<LogVersion> version = statusVersion(tableId);
+    const std::optional<LogVersion> version = rowOf(*status, logs_[i]);
     if (!version || version == logs_[i].delivered) {
       continue;
     }

@@ -67,7 +67,8 @@ class GroupInterface final : public Lumen::Node {
   [[nodiscard]] bool hasRoomFor(SwTableId tableId, LogVersion version);
 
   // Up to which version of the table's log the hardware side has taken it in: the row of the log's
-  // incarnation, no higher than what was published; nothing if there is no such row. A corrupt
+  // incarnation, no higher than what was published when the row was first seen; nothing if there is
+  // no such row. A corrupt
   // status collection is told so, and counts as no row.
   [[nodiscard]] std::optional<LogVersion> statusVersion(SwTableId tableId);
 
@@ -87,10 +88,18 @@ class GroupInterface final : public Lumen::Node {
     Lumen::Ptr<BrioQuilt::CollectionControl> changeLog;
     Lumen::Ptr<NeededQuilt> needed;
     std::optional<LogVersion> delivered;
+    // No dependencies are kept below; what an earlier process left may begin anywhere.
+    LogVersion lowestNeeded{};
+    // The last row that said more than was published, and what it counts as.
+    LogVersion overreach{};
+    LogVersion overreachCounts{};
   };
+  static constexpr LogVersion kNoneNeeded{~std::uint64_t{0}};
 
   [[nodiscard]] TableLog* tableLog(SwTableId tableId) noexcept;
-  [[nodiscard]] StatusQuilt* statusQuilt();
+  // Null if there is none that can be read.
+  [[nodiscard]] Lumen::Ptr<StatusQuilt> statusQuilt();
+  [[nodiscard]] static std::optional<LogVersion> rowOf(StatusQuilt& status, TableLog& log);
   void storeNeeded(TableLog& log, LogVersion version, const NeededEntry& needed);
   static void dropUnpublishedNeeded(TableLog& log);
   void dropNeeded(TableLog& log, LogVersion version);
@@ -103,6 +112,7 @@ class GroupInterface final : public Lumen::Node {
   std::vector<Lumen::Ptr<OrderedSwTableWithMarkSweep>> sweepables_;
   std::vector<TableLog> logs_;
   Lumen::Ptr<StatusQuilt> statusQuilt_;  // null until the hardware side has made it
+  bool otherLayoutTold_ = false;
   bool published_ = false;
 };
 

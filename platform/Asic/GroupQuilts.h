@@ -3,8 +3,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <tuple>
 
 #include "Asic/LogVersion.h"
+#include "Brio/Fields.h"
 #include "BrioQuilt/CollectionEntity.h"
 
 namespace Asic {
@@ -21,8 +23,14 @@ struct StatusQuiltEntry {
   std::uint64_t incarnation = 0;
 
   [[nodiscard]] const QuiltKey& quiltKey() const noexcept { return tableId; }
+
+  static constexpr auto fields() {
+    return std::tuple{Brio::field("tableId", &StatusQuiltEntry::tableId),
+                      Brio::field("version", &StatusQuiltEntry::version),
+                      Brio::field("incarnation", &StatusQuiltEntry::incarnation)};
+  }
 };
-static_assert(sizeof(StatusQuiltEntry) == 24);
+static_assert(sizeof(StatusQuiltEntry) == 24 && Brio::HasFields<StatusQuiltEntry>);
 
 using StatusQuilt = BrioQuilt::CollectionEntity<StatusQuiltEntry>;
 inline constexpr const char* kStatusQuiltType = "Asic::StatusQuilt";
@@ -50,7 +58,8 @@ struct NeededQuiltEntry {
 
   [[nodiscard]] const QuiltKey& quiltKey() const noexcept { return version; }
 };
-static_assert(sizeof(NeededQuiltEntry) == 144);
+static_assert(sizeof(NeededQuiltEntry) == 144 && offsetof(NeededQuiltEntry, count) == 8 &&
+              offsetof(NeededQuiltEntry, needed) == 16);
 
 using NeededQuilt = BrioQuilt::CollectionEntity<NeededQuiltEntry>;
 inline constexpr const char* kNeededQuiltType = "Asic::NeededQuilt";

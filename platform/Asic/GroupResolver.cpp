@@ -1,6 +1,7 @@
 #include "Asic/GroupResolver.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace Asic {
@@ -75,12 +76,16 @@ void GroupResolver::wake() {
 
 // Has the next operations of the queue fetched while this one is worked on.
 void GroupResolver::fetchAhead(const ResolverEntry& entry) noexcept {
+  // As numbers: what is fetched may be null, and may end before its second line.
+  const auto fetch = [](const void* object) {
+    const auto at = reinterpret_cast<std::uintptr_t>(object);
+    __builtin_prefetch(reinterpret_cast<const void*>(at));
+    __builtin_prefetch(reinterpret_cast<const void*>(at + 64));
+  };
   if (const ResolverEntry* next = entry.next_.get()) {
     __builtin_prefetch(next->operation_);
-    __builtin_prefetch(next->handle_);
-    __builtin_prefetch(static_cast<const char*>(next->handle_) + 64);
-    __builtin_prefetch(next->next_.get());
-    __builtin_prefetch(reinterpret_cast<const char*>(next->next_.get()) + 64);
+    fetch(next->handle_);
+    fetch(next->next_.get());
   }
 }
 
@@ -127,7 +132,16 @@ std::size_t GroupResolver::runPass() {
   if (inPass_) {
     return 0;
   }
-  inPass_ = true;
+  // A response handler may drop the last pointer to the group, or throw.
+  const Lumen::Ptr<GroupResolver> self(this);
+  struct Pass {
+    explicit Pass(bool& running) : running(running) { running = true; }
+    ~Pass() { running = false; }
+    Pass(const Pass&) = delete;
+    Pass& operator=(const Pass&) = delete;
+    bool& running;
+  };
+  std::optional<Pass> pass(inPass_);
   awake_ = false;
   const std::uint64_t end = nextArrival_;
   const std::uint64_t genAtStart = genId_;
@@ -156,10 +170,8 @@ std::size_t GroupResolver::runPass() {
     return queue->refusedAt_ != genId_;
   });
   passGenId_ = more ? genId_ - 1 : genId_;
-  inPass_ = false;
-  if (committed != 0 || nextArrival_ != end) {
-    maybeUpdateSuspend();
-  }
+  pass.reset();
+  maybeUpdateSuspend();
   return committed;
 }
 

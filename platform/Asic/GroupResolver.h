@@ -46,7 +46,10 @@ class GroupResolver final : public Lumen::Node {
   }
   // Whether a pass would ask anybody anything.
   [[nodiscard]] bool passWorthRunning() const noexcept;
-  void wakeUpIs(std::function<void()> wakeUp) { wakeUp_ = std::move(wakeUp); }
+  void wakeUpIs(std::function<void()> wakeUp) {
+    wakeUp_ = std::move(wakeUp);
+    awake_ = false;
+  }
 
   // Runs one pass and gives the number of operations committed. Called from within a pass (by a
   // response handler) it does nothing and gives 0.

@@ -201,10 +201,18 @@ Lumen::Ptr<EntitiesFound> EntityManager::findEntities(const Lumen::String& path,
   // Folders are named after the parts of the path, so that only one of them need be looked through.
   const Lumen::String start =
       below.empty() ? top : top + encodedPath(std::string_view(below).substr(0, below.size() - 1));
+  // A list that is cut short would make units look as if they were not there.
+  const auto check = [&](const std::error_code& error) {
+    if (error && error != std::errc::no_such_file_or_directory) {
+      throw Quilt::fileError(path, "look through", start, error.value());
+    }
+  };
   std::error_code error;
   std::filesystem::recursive_directory_iterator at(
       start, std::filesystem::directory_options::skip_permission_denied, error);
-  for (; !error && at != std::filesystem::recursive_directory_iterator(); at.increment(error)) {
+  check(error);
+  for (; !error && at != std::filesystem::recursive_directory_iterator();
+       at.increment(error), check(error)) {
     std::error_code gone;
     if (!at->is_regular_file(gone)) {
       continue;

@@ -8,8 +8,7 @@
 // How entity paths become file names. The parts between '/' become folders and the last one the
 // file. Letters, digits, '_', '-' and ':' stand for themselves; every other byte is a '%' and two
 // upper-case hexadecimal digits, and an empty part is a lone '%'. So no two paths have one name, no
-// part is "." or
-// "..", and no part has a '.', which parts the name from its suffix.
+// part is "." or "..", and no part has a '.', which parts the name from its suffix.
 
 namespace BrioSharedMem {
 

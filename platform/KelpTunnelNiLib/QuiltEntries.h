@@ -2,10 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <tuple>
 #include <type_traits>
 
 #include "Asic/LogVersion.h"
 #include "Asic/UnitId.h"
+#include "Brio/Fields.h"
 
 namespace KelpTunnelNiLib {
 
@@ -30,6 +32,12 @@ struct ConfigRecordEntryFirst {
   std::uint8_t isDeleted = 0;
   Reserved<7> reserved2;
 
+  static constexpr auto fields() {
+    return std::tuple{Brio::field("entry", &ConfigRecordEntryFirst::entry),
+                      Brio::field("version", &ConfigRecordEntryFirst::version),
+                      Brio::field("isDeleted", &ConfigRecordEntryFirst::isDeleted)};
+  }
+
   ConfigRecordEntryFirst() = default;
   ConfigRecordEntryFirst(const Entry& image, Asic::LogVersion at, bool deleted)
       : entry(image), version(at), isDeleted(deleted ? 1 : 0) {}
@@ -50,6 +58,12 @@ struct ConfigRecordVersionFirst {
   Entry entry;
   std::uint8_t isDeleted = 0;
   Reserved<8 - (sizeof(Entry) + 1) % 8> reserved;
+
+  static constexpr auto fields() {
+    return std::tuple{Brio::field("version", &ConfigRecordVersionFirst::version),
+                      Brio::field("entry", &ConfigRecordVersionFirst::entry),
+                      Brio::field("isDeleted", &ConfigRecordVersionFirst::isDeleted)};
+  }
 
   ConfigRecordVersionFirst() = default;
   ConfigRecordVersionFirst(const Entry& image, Asic::LogVersion at, bool deleted)
@@ -80,6 +94,12 @@ struct LogRecord {
   Asic::UnitId unitId;
   std::uint8_t flags = 0;  // 0 for a write; never both
   Reserved<8 - (sizeof(LogEntry) + 3) % 8> reserved;
+
+  static constexpr auto fields() {
+    return std::tuple{
+        Brio::field("version", &LogRecord::version), Brio::field("logEntry", &LogRecord::logEntry),
+        Brio::field("unitId", &LogRecord::unitId), Brio::field("flags", &LogRecord::flags)};
+  }
 
   LogRecord() = default;
   LogRecord(Asic::LogVersion at, const LogEntry& entry, Asic::UnitId unit, std::uint8_t bits)

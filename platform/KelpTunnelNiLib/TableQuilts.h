@@ -19,6 +19,7 @@ class ConfigQuilt final : public BrioQuilt::CollectionEntity<RecordT> {
  public:
   using Record = RecordT;
   using BrioQuilt::CollectionEntity<Record>::CollectionEntity;
+  static_assert(Brio::HasFields<Record>, "the place of each field is part of the layout");
 
   [[nodiscard]] Quilt::QuiltMap<Record>& swTableEntries() { return this->map(); }
   [[nodiscard]] const Quilt::QuiltMap<Record>& swTableEntries() const { return this->map(); }
@@ -36,6 +37,7 @@ class EntryLogQuilt final : public BrioQuilt::CollectionEntity<RecordT> {
  public:
   using Record = RecordT;
   using BrioQuilt::CollectionEntity<Record>::CollectionEntity;
+  static_assert(Brio::HasFields<Record>, "the place of each field is part of the layout");
 
   [[nodiscard]] Quilt::QuiltMap<Record>& entryLogConfig() { return this->map(); }
   [[nodiscard]] const Quilt::QuiltMap<Record>& entryLogConfig() const { return this->map(); }

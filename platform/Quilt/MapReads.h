@@ -333,7 +333,8 @@ inline bool MapReads<Record>::first(Record& out, IterHint& hint) const {
     return successor(0, out);
   } else {
     hint = IterHint();
-    return size() != 0 && stepFrom(0, out, hint.position());
+    // A reader does not go by the count: one flipped word must not empty the collection for it.
+    return (readOnly_ || size() != 0) && stepFrom(0, out, hint.position());
   }
 }
 
@@ -358,8 +359,13 @@ inline bool MapReads<Record>::next(const Key& after, Record& out, IterHint& hint
     }
     // A reader's walk need not compute the bucket again where the slot still has the key; it
     // searches the bucket all the same.
-    const bool known = at.map == serial_ && Link::slot(at.link) < slotBound_ &&
-                       Chains<Record>::keyOf(chains_.slot(Link::slot(at.link))) == wanted;
+    const auto stillThere = [&] {
+      const RecordSlot& slot = chains_.slot(Link::slot(at.link));
+      return slot.generation.load(std::memory_order_acquire) == Link::generation(at.link) &&
+             Chains<Record>::keyOf(slot) == wanted;
+    };
+    const bool known =
+        at.map == serial_ && at.link != 0 && Link::slot(at.link) < slotBound_ && stillThere();
     const std::uint32_t bucket = known ? at.bucket : chains_.bucketOf(wanted);
     if (chains_.headsUsed(bucket)) {
       for (Restarts restarts;;) {

@@ -75,7 +75,7 @@
 //   The writer of the collection writes all words; readers map the file read-only.
 //     heads, next     stale: the chain as it was at a moment of the search, see above
 //     generation      stale: impossible without a stale link, by (b)
-//     records         readers' size(), and "empty" for a walk. Too high by one at most
+//     records         readers' size(), and "empty" for a walk in key order. Too high by one at most
 //     lowKey, highKey where a walk in key order begins and ends. Stale: it began or ended earlier
 //     slotsReserved   refuses links that lead nowhere. Stale: a reader looks again first
 //     headsUsed       stale: the buckets were empty when the search began

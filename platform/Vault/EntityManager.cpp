@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "BrioSharedMem/EntityManager.h"
+#include "BrioSharedMem/EntityPath.h"
 
 namespace Vault {
 namespace {
@@ -67,9 +68,8 @@ Lumen::Ptr<Store> storeFor(const Lumen::String& name, bool localMode, const Lume
   if (localMode) {
     return localStore(name);
   }
-  const Lumen::String folder = root + "/" + name;
-  folderIs(folder);
-  return Lumen::makeNode<Store>(folder + "/vault.sqlite");
+  folderIs(root + '/' + BrioSharedMem::encodedPart(name));
+  return Lumen::makeNode<Store>(EntityManager::fileOf(name, root));
 }
 
 }  // namespace
@@ -98,6 +98,10 @@ EntityManager::EntityManager(Lumen::String name, bool localMode, Lumen::String r
 }
 
 EntityManager::~EntityManager() = default;
+
+Lumen::String EntityManager::fileOf(const Lumen::String& name, const Lumen::String& root) {
+  return root + '/' + BrioSharedMem::encodedPart(name) + "/vault.sqlite";
+}
 
 Lumen::Ptr<Brio::Entity> EntityManager::object(const Lumen::String& path,
                                                const Lumen::String& typeName) const {

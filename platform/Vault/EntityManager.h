@@ -15,7 +15,7 @@
 namespace Vault {
 
 // The agent's entity manager: the state database of a system, by the system's name. Its entities
-// lie in <root>/<name>/vault.sqlite (see Store for the table), and outlive the process. In local
+// lie in the file that fileOf() names (see Store for the table), and outlive the process. In local
 // mode they lie in private memory: all managers of one name in the process share them, and they are
 // gone with the process.
 //
@@ -32,6 +32,10 @@ class EntityManager final : public Lumen::Node {
   [[nodiscard]] const Lumen::String& root() const noexcept { return root_; }
   // The database's file; ":memory:" in local mode.
   [[nodiscard]] const Lumen::String& file() const noexcept { return store_->file(); }
+
+  // Where the state database of a system lies, whether it is there or not. The name is encoded like
+  // a part of an entity's path, so that database and collections share a folder.
+  [[nodiscard]] static Lumen::String fileOf(const Lumen::String& name, const Lumen::String& root);
 
   // The entity at `path`, of the class that its type names; null if there is none. The same object
   // for the same path as long as the entity is there.
