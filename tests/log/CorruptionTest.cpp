@@ -1,7 +1,4 @@
-#include <fcntl.h>
-#include <unistd.h>
-
-#include "BrioSharedMem/EntityPath.h"
+#include "FlipByte.h"
 #include "LogFixture.h"
 
 // Reads that meet bytes which do not add up: reported to the collection once, and then as if there
@@ -23,33 +20,16 @@ class LogCorruption : public TestSupport::LogFixture<T> {
     auto& map = this->log().tableConfigQuilt(this->unit0)->swTableEntries();
     const auto& record = map.find(this->key(number), found);
     ASSERT_TRUE(found);
-    garbleByte(map, &record.version);
+    TestSupport::flipByte(this->root_.path(), map, &record.version);
   }
   void garbleLog(std::uint64_t version) {
     bool found = false;
     auto& map = this->bareLog().tableEntryLog()->entryLogConfig();
     const auto& record = map.find(Asic::LogVersion{version}, found);
     ASSERT_TRUE(found);
-    garbleByte(map, &record.unitId);
+    TestSupport::flipByte(this->root_.path(), map, &record.unitId);
   }
   bool damaged() { return this->log().tableConfigQuilt(this->unit0)->mapBase().damaged(); }
-
- private:
-  // Changes a byte as another program would: through the file.
-  template <class Map>
-  void garbleByte(const Map& map, const void* at) {
-    const std::string file =
-        this->root_.path() + "/kelp-test/" + BrioSharedMem::encodedPath(map.path()) + ".quilt";
-    const auto offset = static_cast<off_t>(static_cast<const char*>(at) -
-                                           static_cast<const char*>(map.file()->at(0)));
-    const int fd = open(file.c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_GE(fd, 0) << file;
-    unsigned char byte = 0;
-    ASSERT_EQ(pread(fd, &byte, 1, offset), 1);
-    byte = static_cast<unsigned char>(~byte);
-    ASSERT_EQ(pwrite(fd, &byte, 1, offset), 1);
-    close(fd);
-  }
 };
 TYPED_TEST_SUITE(LogCorruption, TestSupport::AllTableTypes, TestSupport::TableTestName);
 
