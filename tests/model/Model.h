@@ -466,7 +466,9 @@ class Model {
     Stats& stats = at(place).stats;
     auto& records = table.config[place.unit];
     const auto record = records.find(operation.key);
-    if (operation.suppress && record != records.end() && !record->second.deleted) {
+    // A version above the table's is of a log that was lost.
+    if (operation.suppress && record != records.end() && !record->second.deleted &&
+        record->second.version <= table.tableVersion) {
       if (record->second.variant == operation.variant) {
         ++stats.suppressed;
         return record->second.version;
