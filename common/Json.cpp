@@ -11,6 +11,8 @@ namespace {
 
 // An intent of the deepest kind, a VLAN edit, is four objects deep.
 constexpr int kDeepest = 8;
+// And the widest of them has some ten names. So a search among them is short.
+constexpr std::size_t kMostNames = 64;
 constexpr std::size_t kLongestError = 600;
 constexpr std::size_t kLongestShown = 48;
 
@@ -79,6 +81,11 @@ class Watch {
         if (std::find(names.begin(), names.end(), name) != names.end()) {
           throw InputError(fmt::format("\"{}\" stands twice: write it once", name));
         }
+        if (names.size() == kMostNames) {
+          throw InputError(
+              fmt::format("an object of more than {} names: write an intent of the documented form",
+                          kMostNames));
+        }
         names.push_back(name);
         break;
       }
@@ -91,6 +98,33 @@ class Watch {
  private:
   std::vector<std::string> names_[kDeepest + 2];  // of the objects that are open, by depth
 };
+
+// How many bytes of `text` are one character of UTF-8, from its first byte on; 0 if none: a byte
+// that begins none, or a character that is cut off, written longer than needed, a surrogate or
+// above the last one.
+std::size_t utf8Length(std::string_view text) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char first = byte(0);
+  if (first < 0x80) {
+    return 1;
+  }
+  const std::size_t length = first < 0xc2   ? 0
+                             : first < 0xe0 ? 2
+                             : first < 0xf0 ? 3
+                             : first < 0xf5 ? 4
+                                            : 0;
+  if (length == 0 || text.size() < length) {
+    return 0;
+  }
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xc0U) != 0x80) {
+      return 0;
+    }
+  }
+  const bool allowed = !((first == 0xe0 && byte(1) < 0xa0) || (first == 0xed && byte(1) > 0x9f) ||
+                         (first == 0xf0 && byte(1) < 0x90) || (first == 0xf4 && byte(1) > 0x8f));
+  return allowed ? length : 0;
+}
 
 }  // namespace
 
@@ -157,15 +191,20 @@ void checkObject(const Json& json, const Place& place) {
 
 void appendString(std::string& out, std::string_view text) {
   out += '"';
-  for (const char character : text) {
-    if (character == '"' || character == '\\') {
+  while (!text.empty()) {
+    const char character = text.front();
+    const std::size_t length = utf8Length(text);
+    if (length == 0) {
+      out += "\\ufffd";
+    } else if (character == '"' || character == '\\') {
       out += '\\';
       out += character;
     } else if (static_cast<unsigned char>(character) < ' ') {
       out += fmt::format("\\u{:04x}", static_cast<unsigned char>(character));
     } else {
-      out += character;
+      out += text.substr(0, length);
     }
+    text.remove_prefix(std::max<std::size_t>(length, 1));
   }
   out += '"';
 }

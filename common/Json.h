@@ -31,7 +31,7 @@ struct Place {
 };
 
 // Parses one line. Throws InputError: not JSON, not an object, a name that stands twice in an
-// object, nested deeper than any input has reason to.
+// object, more names in one or deeper nested than any input has reason to.
 [[nodiscard]] Json parseLine(std::string_view line);
 
 // Throws InputError "PLACE is WRONG: EXPECTED".
@@ -50,7 +50,8 @@ void checkNames(const Json& json, const std::vector<std::string_view>& known, co
 // Throws InputError unless `json` is an object.
 void checkObject(const Json& json, const Place& place);
 
-// Adds `text` as a JSON string.
+// Adds `text` as a JSON string. Bytes that are no UTF-8, as file names may hold, become U+FFFD, the
+// replacement character, each.
 void appendString(std::string& out, std::string_view text);
 // `a, b and c`, and `"a", "b" or "c"`.
 [[nodiscard]] std::string listText(const std::vector<std::string_view>& names);
