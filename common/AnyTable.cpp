@@ -48,7 +48,6 @@ class TableOf final : public AnyTable {
       figures.written = stats->entryWriteCnt();
       figures.removed = stats->entryRemoveCnt();
       figures.suppressed = stats->suppressedWriteCnt();
-      figures.committed = stats->commitCnt();
     }
     figures.inLog = swTable_->entryLog()->tableEntryLog()->entryLogConfig().size();
     figures.entries = swTable_->entrys();

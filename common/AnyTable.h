@@ -18,7 +18,6 @@ struct TableFigures {
   std::uint64_t written = 0;             // writes accepted
   std::uint64_t removed = 0;             // removes of one key accepted
   std::uint64_t suppressed = 0;          // writes that the log dropped as identical
-  std::uint64_t committed = 0;           // operations that went through a commit, failed or not
   std::uint64_t inLog = 0;               // records in the change log, which the units share
   std::uint64_t entries = 0;             // entries in the reader's view
   bool pending = false;                  // hasPendingHwWrites()

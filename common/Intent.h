@@ -11,6 +11,9 @@
 
 namespace Common {
 
+// Chip units that an agent may have, from unit 0 on.
+inline constexpr unsigned kMostUnits = 1024;
+
 enum class IntentOp : std::uint8_t { write, remove, removeAll };
 
 // "write", "remove" or "removeAll".
