@@ -1,0 +1,28 @@
+#pragma once
+
+#include <chrono>
+
+namespace Kelp {
+
+// Sleeps between two looks, and hears what ends the program meanwhile. While it lives, SIGINT and
+// SIGTERM are taken here.
+class Waiter {
+ public:
+  enum class Woken { timeToLook, stopped, readerGone };
+
+  // Throws std::runtime_error.
+  Waiter();
+  ~Waiter();
+  Waiter(const Waiter&) = delete;
+  Waiter& operator=(const Waiter&) = delete;
+
+  // Readable once a signal has come.
+  [[nodiscard]] int fd() const noexcept { return fd_; }
+  // Sleeps for `most`, or until a signal comes or the reader of the standard output goes away.
+  [[nodiscard]] Woken sleep(std::chrono::milliseconds most) const;
+
+ private:
+  int fd_;
+};
+
+}  // namespace Kelp
