@@ -1,10 +1,25 @@
 #include "common/AnyTable.h"
 
+#include <fmt/format.h>
+
+#include <cstring>
+
 #include "KelpEmServer/AllTables.h"
 #include "Lumen/Assert.h"
 
 namespace Common {
 namespace {
+
+// Why a collection does not take a record more: it is full, or its file system is.
+template <class Map>
+std::string lackOfRoomIn(const Map& map, std::uint64_t most, const char* full) {
+  if (map.size() >= most) {
+    return fmt::format("{} holds {} records and is full; {}", map.path(), map.size(), full);
+  }
+  const int reason = map.file()->lastError();
+  return fmt::format("{}: the file system gives no space{}{}; make room in it", map.path(),
+                     reason == 0 ? "" : ": ", reason == 0 ? "" : std::strerror(reason));
+}
 
 // The one place in which the programs instantiate the tables.
 template <KelpEmServer::TableSpec T>
@@ -41,6 +56,21 @@ class TableOf final : public AnyTable {
   }
   [[nodiscard]] std::uint64_t lastCleanedVersion() const override {
     return swTable_->entryLog()->lastCleanedVersion().value;
+  }
+  [[nodiscard]] std::string lackOfRoom(const AnyKey* key) const override {
+    using Log = KelpEmServer::KelpEntryLog<T>;
+    const auto& log = swTable_->entryLog();
+    if (!log->hasRoomInLog()) {
+      return lackOfRoomIn(std::as_const(*log->tableEntryLog()).entryLogConfig(),
+                          Log::kChangeLogCapacity,
+                          "the hardware side has to take them in: start it");
+    }
+    if (key != nullptr && !log->hasRoomFor(own<KeyOf<T>>(*key).key, unit())) {
+      const auto collection = log->tableConfigQuilt(unit());
+      return lackOfRoomIn(std::as_const(*collection).swTableEntries(), Log::kConfigCapacity,
+                          "remove entries that are not needed");
+    }
+    return {};
   }
   [[nodiscard]] TableFigures figures() const override {
     TableFigures figures;

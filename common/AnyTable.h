@@ -60,6 +60,9 @@ class AnyTable {
   // The last version of the table's log, and up to which one the hardware side has taken it in.
   [[nodiscard]] virtual std::uint64_t tableVersion() const = 0;
   [[nodiscard]] virtual std::uint64_t lastCleanedVersion() const = 0;
+  // What there is no room for, in words and with the remedy: a change of the table, or an entry of
+  // `key` unless that is null. Empty if there is room, which is taken ahead then.
+  [[nodiscard]] virtual std::string lackOfRoom(const AnyKey* key) const = 0;
   // Costs a walk of the table.
   [[nodiscard]] virtual TableFigures figures() const = 0;
 
