@@ -14,6 +14,7 @@ namespace Agent {
 namespace {
 
 constexpr std::chrono::milliseconds kTick{100};
+constexpr std::chrono::seconds kAskAgainEvery{1};
 constexpr std::chrono::milliseconds kToldEvery{250};  // in a file; a screen is told at every tick
 constexpr std::size_t kPendingShown = 10;
 
@@ -33,7 +34,7 @@ Agent::Agent(const Options& options)
       signals_(loop_, SIGTERM, SIGINT, SIGUSR1),
       brisk_(openBrisk(options.brisk)),
       store_(options.name, options.root),
-      outcomes_(options.outcomes),
+      outcomes_(loop_, options.outcomes),
       bell_(loop_),
       tick_(loop_),
       lastMove_(Clock::now()),
@@ -41,11 +42,13 @@ Agent::Agent(const Options& options)
   // A peer or a reader of ours that goes away is an error of the write.
   std::signal(SIGPIPE, SIG_IGN);
   intake_.emplace(store_.makeTables(options.units), options.units, options.inFlight);
-  // Whatever can't be opened is said before the first intent is taken.
+  // Whatever can't be opened is said before the first intent is taken. What is written anew comes
+  // last: by then the store is known to be ours.
   files_.emplace(loop_, options.intents, *intake_, outcomes_, [this] { endIfDone(); });
   if (!options.socket.empty()) {
     socket_.emplace(loop_, options.socket, *intake_);
   }
+  outcomes_.open([this] { files_->resume(); });
   store_.group().groupResolver()->wakeUpIs([this] { asio::post(loop_, [this] { runPass(); }); });
   bell_.assign(store_.ownBell().fd());
 }
@@ -76,20 +79,36 @@ int Agent::run() {
   if (!options_.summary.empty()) {
     tellSummary();
   }
+  waitForReader();
   return exitStatus();
+}
+
+// What is done ends only when its outcomes have been taken; what was stopped does not wait.
+void Agent::waitForReader() {
+  while (outcomes_.waiting() != 0 && !stopped_ && !gaveUp_) {
+    loop_.restart();
+    loop_.run_one();
+    outcomes_.flush();
+  }
+  if (outcomes_.waiting() != 0) {
+    say("{} bytes of outcomes are lost: nobody has taken them", outcomes_.waiting());
+  }
 }
 
 int Agent::exitStatus() const {
   if (failedOtherwise_ || outcomes_.broken()) {
     return kNotStarted;
   }
+  if (stopped_ && (intake_->inFlight() != 0 || outcomes_.waiting() != 0)) {
+    return kStopped;
+  }
   if (gaveUp_) {
     return kGaveUpWaiting;
   }
-  if (files_->skipped() != 0) {
-    return kLinesSkipped;
+  if (intake_->totals().failed != 0) {
+    return kIntentsFailed;
   }
-  return intake_->totals().failed == 0 ? kDone : kIntentsFailed;
+  return files_->skipped() == 0 ? kDone : kLinesSkipped;
 }
 
 void Agent::waitForSignal() {
@@ -138,6 +157,7 @@ void Agent::waitForTick() {
 
 void Agent::handleTick() {
   const auto now = Clock::now();
+  askAgain(now);
   if (intake_->inFlight() != 0 || !intake_->logsTakenIn()) {
     // A hardware side that was killed between its report and its ring has left us asleep.
     lookAtStatus();
@@ -148,6 +168,18 @@ void Agent::handleTick() {
   outcomes_.flush();
   tellProgress(false);
   giveUpIfStuck(now);
+}
+
+// What waits for room in a file system waits for something that nobody tells of.
+void Agent::askAgain(Clock::time_point now) {
+  Asic::GroupResolver& resolver = *store_.group().groupResolver();
+  if (resolver.size() == 0 || now - lastAsked_ < kAskAgainEvery) {
+    return;
+  }
+  lastAsked_ = now;
+  intake_->tellLackOfRoom();
+  resolver.updateGenId();
+  resolver.maybeUpdateSuspend();
 }
 
 void Agent::runPass() {
@@ -192,9 +224,10 @@ void Agent::giveUpIfStuck(Clock::time_point now) {
   const Intake::Totals& totals = intake_->totals();
   const std::uint64_t moves = std::accumulate(
       intake_->tables().begin(), intake_->tables().end(),
-      totals.accepted + totals.succeeded + totals.failed,
+      totals.accepted + totals.succeeded + totals.failed + outcomes_.written(),
       [](std::uint64_t sum, const auto& table) { return sum + table->lastCleanedVersion(); });
-  const bool pending = intake_->inFlight() != 0 || !intake_->logsTakenIn();
+  const bool pending =
+      intake_->inFlight() != 0 || !intake_->logsTakenIn() || outcomes_.waiting() != 0;
   if (moves != moves_ || !pending) {
     moves_ = moves;
     lastMove_ = now;
@@ -205,6 +238,12 @@ void Agent::giveUpIfStuck(Clock::time_point now) {
 
 void Agent::giveUp() {
   gaveUp_ = true;
+  if (intake_->inFlight() == 0 && intake_->logsTakenIn()) {
+    say("gave up: nobody has taken an outcome for {} s",
+        std::chrono::duration<double>(*options_.timeout).count());
+    loop_.stop();
+    return;
+  }
   say("gave up: nothing has moved for {} s; is the hardware side running on --name {} --root {}?",
       std::chrono::duration<double>(*options_.timeout).count(), options_.name, options_.root);
   const auto pending = intake_->pending(kPendingShown);
@@ -251,6 +290,9 @@ void Agent::tellSummary() {
   const std::string text = summaryText(options_, *intake_, files_->skipped());
   if (options_.summary.empty()) {
     sayText(text);
+  } else if (options_.summary == "-" && options_.outcomes == "-") {
+    outcomes_.add(text);  // behind the outcomes that wait for the same reader
+    outcomes_.flush();
   } else if (!writeSummary(options_.summary, text)) {
     failedOtherwise_ = true;
   }

@@ -42,12 +42,14 @@ class Agent {
   void waitForTick();
   void handleBell();
   void handleTick();
+  void askAgain(Clock::time_point now);
   void runPass();
   void lookAtStatus();
   void afterNews();
   void endIfDone();
   void giveUpIfStuck(Clock::time_point now);
   void giveUp();
+  void waitForReader();
   void tellProgress(bool last);
   void tellSummary();
   [[nodiscard]] int exitStatus() const;
@@ -66,6 +68,7 @@ class Agent {
   Clock::time_point lastMove_;  // when an intent came or ended, or the hardware side went on
   std::uint64_t moves_ = 0;
   Clock::time_point lastTold_;
+  Clock::time_point lastAsked_;
   std::string told_;
   bool failedOtherwise_ = false;
   bool gaveUp_ = false;

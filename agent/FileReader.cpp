@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,8 +42,25 @@ int openFile(const std::string& name) {
     return open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   }
   // A description of our own: who shares the standard input need not be told that we never block.
+  // A socket has no name to be opened by; each read of it says that it does not wait.
   const int own = open("/proc/self/fd/0", O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  return own >= 0 ? own : fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+  return own >= 0 ? own : fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+}
+
+// As read(), but never waits, whoever shares the descriptor: EAGAIN instead.
+ssize_t readWithoutWaiting(int descriptor, char* bytes, std::size_t most) {
+  if ((fcntl(descriptor, F_GETFL) & O_NONBLOCK) == 0) {
+    pollfd ready{descriptor, POLLIN, 0};
+    if (poll(&ready, 1, 0) == 0) {
+      errno = EAGAIN;
+      return -1;
+    }
+    const ssize_t count = recv(descriptor, bytes, most, MSG_DONTWAIT);
+    if (count >= 0 || errno != ENOTSOCK) {
+      return count;
+    }
+  }
+  return read(descriptor, bytes, most);
 }
 
 }  // namespace
@@ -91,7 +110,7 @@ void FileReader::wait() {
 void FileReader::step() {
   for (unsigned lines = 0; !ended(); ++lines) {
     // What is not read waits in the file, or holds up whoever writes into the pipe.
-    if (!intake_.hasRoom()) {
+    if (!intake_.hasRoom() || outcomes_.full()) {
       paused_ = true;
       return;
     }
@@ -125,7 +144,7 @@ void FileReader::step() {
 FileReader::Read FileReader::readSome(File& file) {
   const int descriptor = file.descriptor->native_handle();
   while (true) {
-    const ssize_t count = read(descriptor, chunk_.data(), chunk_.size());
+    const ssize_t count = readWithoutWaiting(descriptor, chunk_.data(), chunk_.size());
     if (count > 0) {
       file.lines.append(std::string_view(chunk_.data(), static_cast<std::size_t>(count)));
       return Read::some;

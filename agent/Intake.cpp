@@ -29,15 +29,11 @@ Intake::Intake(std::vector<std::unique_ptr<Common::AnyTable>> tables, unsigned u
 
 Intake::~Intake() = default;
 
-std::size_t Intake::placeOf(std::size_t table, Asic::UnitId unit) const {
+std::size_t Intake::placeOf(std::size_t table, Asic::UnitId unit, std::string_view where) const {
   if (unit.value >= units_) {
-    throw InputError(units_ == 1
-                         ? fmt::format("unit {} is not there: write 0, or start the agent with "
-                                       "more --units",
-                                       unit)
-                         : fmt::format("unit {} is not there: write 0 to {}, or start the agent "
-                                       "with more --units",
-                                       unit, units_ - 1));
+    throw InputError(
+        fmt::format("{}unit {} is not there: write 0{}, or start the agent with more --units",
+                    where, unit, units_ == 1 ? std::string() : fmt::format(" to {}", units_ - 1)));
   }
   return table * units_ + unit.value;
 }
@@ -51,13 +47,15 @@ Intake::Handle Intake::dependencyOf(const Intent& intent) const {
     return nullptr;
   }
   const Common::EntryName& after = *intent.after;
-  const std::size_t place = placeOf(after.table(), after.unit);
-  const Newest& newest = places_[place].newest;
-  if (const auto found = newest.find(after.key); found != newest.end()) {
-    return found->second;
+  const std::size_t at = placeOf(after.table(), after.unit, "after.");
+  const Place& place = places_[at];
+  const auto found = place.known.find(after.key);
+  // An operation before a remove-all counts for nothing, whether or not it has ended meanwhile.
+  if (found != place.known.end() && found->second.number > place.lastRemoveAll) {
+    return found->second.newest;
   }
   // Left by an earlier run, whose order the log has kept.
-  if (tables_[place]->has(after.key)) {
+  if (tables_[at]->has(after.key)) {
     return nullptr;
   }
   std::string key;
@@ -96,28 +94,62 @@ void Intake::take(const Intent& intent, const std::shared_ptr<Source>& source, s
     if (place.removeAlls.empty()) {
       withRemoveAlls_.push_back(at);
     }
+    place.lastRemoveAll = slot.number;
     place.removeAlls.push_back({&slot, false, 0});
     table.removeAll(dependency, [this, &slot](const Handle&) { removeAllFailed(slot); });
     return;
   }
   slot.key = Common::keyOf(intent.entry);
-  slot.newest = &place.newest[slot.key];
+  slot.known = &place.known[slot.key];
   // Two words, so that a ResponseHandler holds them without an allocation. A slot is free again
   // only after its handler has run.
   const auto handler = [this, &slot](const Handle& handle) { ended(slot, handle); };
   slot.handle = intent.op == IntentOp::write ? table.write(intent.entry, dependency, handler)
                                              : table.remove(slot.key, dependency, handler);
-  *slot.newest = slot.handle;
+  slot.known->newest = slot.handle;
+  slot.known->number = slot.number;
+  ++slot.known->inFlight;
 }
 
 void Intake::ended(Slot& slot, const Handle& handle) {
   // A failed operation stays the newest one of its key, so that whatever names it fails alike,
   // whether it comes before the failure or long after it.
   const bool success = handle->entryState() == Asic::EntryState::entryStateSuccess;
-  if (success && *slot.newest == handle) {
-    *slot.newest = nullptr;
+  if (success && slot.known->newest == handle) {
+    slot.known->newest = nullptr;
+  }
+  if (!success) {
+    rooms_.look(*tables_[slot.place], &slot.key);
+  }
+  if (--slot.known->inFlight == 0) {
+    keyIsIdle(slot.place, slot.key, *slot.known);
   }
   end(slot, success, handle->logVersion().value);
+}
+
+// Forgets the key, if the table answers for it; else remembers it for a while.
+void Intake::keyIsIdle(std::size_t at, const AnyKey& key, const Known& known) {
+  if (!known.newest && tables_[at]->has(key)) {
+    places_[at].known.erase(key);
+    return;
+  }
+  remembered_.push_back({at, key, known.number});
+  if (remembered_.size() > kMostRemembered) {
+    const Remembered& oldest = remembered_.front();
+    KnownKeys& keys = places_[oldest.place].known;
+    const auto found = keys.find(oldest.key);
+    if (found != keys.end() && found->second.inFlight == 0 &&
+        found->second.number == oldest.number) {
+      keys.erase(found);
+    }
+    remembered_.pop_front();
+  }
+}
+
+void Intake::tellLackOfRoom() {
+  for (const auto& table : tables_) {
+    rooms_.look(*table, nullptr);
+  }
 }
 
 void Intake::removeAllFailed(Slot& slot) {
@@ -171,7 +203,7 @@ void Intake::end(Slot& slot, bool success, std::uint64_t version) {
   slot.source->inFlightDec();
   slot.source = nullptr;
   slot.handle = nullptr;
-  slot.newest = nullptr;
+  slot.known = nullptr;
   free_.push_back(&slot);
 }
 

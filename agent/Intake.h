@@ -5,9 +5,11 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
+#include "agent/RoomTeller.h"
 #include "agent/Source.h"
 #include "common/AnyTable.h"
 #include "common/Intent.h"
@@ -19,12 +21,17 @@ namespace Agent {
 // An intent depends on the newest operation on the key that its `after` names. As long as that is
 // in flight, or once it has failed, its handle is the dependency, so that the library waits for it,
 // or fails the dependant, whenever the two come; one that ended well, now or in an earlier run, is
-// no dependency any more. For that, every key of this run is kept: 80 bytes each.
+// no dependency any more. An entry that is there answers for itself. Keys whose operation failed,
+// and those that were removed, have to be remembered for that: the last kMostRemembered of them,
+// some 150 bytes each. An older one is not known any more, as if nobody had written it, and neither
+// is what a remove-all has taken away.
 //
 // A remove-all has no handle. It has reached the hardware side once it is committed and the log has
 // been taken in up to the version that it had then.
 class Intake {
  public:
+  static constexpr std::size_t kMostRemembered = 65536;
+
   struct Totals {
     std::uint64_t accepted = 0;
     std::uint64_t succeeded = 0;
@@ -61,6 +68,8 @@ class Intake {
             std::uint64_t line);
   // After a pass of the resolver, and after a report of the hardware side.
   void removeAllsSettle();
+  // Says which tables have no room for changes.
+  void tellLackOfRoom();
 
   // Whether the hardware side has taken in every log up to its end.
   [[nodiscard]] bool logsTakenIn() const;
@@ -72,8 +81,13 @@ class Intake {
   struct HashKey {
     std::size_t operator()(const Common::AnyKey& key) const noexcept;
   };
-  // The newest operation of this run on a key; null once it has ended well.
-  using Newest = std::unordered_map<Common::AnyKey, Handle, HashKey>;
+  // What is known of a key of this run.
+  struct Known {
+    Handle newest;               // the newest operation on it; null once that has ended well
+    std::uint64_t number = 0;    // of the newest operation
+    std::uint32_t inFlight = 0;  // operations on it; it stays as long as there are any
+  };
+  using KnownKeys = std::unordered_map<Common::AnyKey, Known, HashKey>;
 
   // An intent in flight.
   struct Slot {
@@ -83,8 +97,8 @@ class Intake {
     Common::IntentOp op = Common::IntentOp::write;
     std::size_t place = 0;  // of its table and unit
     Common::AnyKey key;
-    Handle handle;             // null of a remove-all
-    Handle* newest = nullptr;  // the key's place among the newest
+    Handle handle;           // null of a remove-all
+    Known* known = nullptr;  // what is known of the key
   };
   struct RemoveAll {
     Slot* slot;
@@ -93,17 +107,28 @@ class Intake {
   };
   // One table of one unit.
   struct Place {
-    Newest newest;
+    KnownKeys known;
+    std::uint64_t lastRemoveAll = 0;  // number of the intent; 0: none yet
     std::deque<RemoveAll> removeAlls;
     std::uint64_t failed = 0;
     std::uint64_t removeAllsFailed = 0;
   };
 
-  [[nodiscard]] std::size_t placeOf(std::size_t table, Asic::UnitId unit) const;
+  // A key without an operation in flight that must not be forgotten yet.
+  struct Remembered {
+    std::size_t place;
+    Common::AnyKey key;
+    std::uint64_t number;  // of its newest operation; another one means that it is in use again
+  };
+
+  // Where a unit that is not there was named is told by `where`, such as "after.".
+  [[nodiscard]] std::size_t placeOf(std::size_t table, Asic::UnitId unit,
+                                    std::string_view where = {}) const;
   [[nodiscard]] Handle dependencyOf(const Common::Intent& intent) const;
   [[nodiscard]] Slot& freeSlot();
   void end(Slot& slot, bool success, std::uint64_t version);
   void ended(Slot& slot, const Handle& handle);
+  void keyIsIdle(std::size_t at, const Common::AnyKey& key, const Known& known);
   void removeAllFailed(Slot& slot);
   void tell(const Slot& slot, bool success, std::uint64_t version);
 
@@ -114,8 +139,10 @@ class Intake {
   std::deque<Slot> slots_;  // never shrinks: addresses are kept
   std::vector<Slot*> free_;
   std::vector<std::size_t> withRemoveAlls_;  // the places that wait for one
-  std::uint64_t nextNumber_ = 0;
+  std::deque<Remembered> remembered_;
+  std::uint64_t nextNumber_ = 1;
   Totals totals_;
+  RoomTeller rooms_;
   std::string text_;  // of the outcome that is being written
 };
 

@@ -2,10 +2,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include "common/Intent.h"
+
 namespace Agent {
 namespace {
-
-constexpr unsigned kMostUnits = 1024;
 
 std::chrono::milliseconds milliseconds(double seconds) {
   return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
@@ -19,8 +19,10 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       "docs/intents.md tells how intents are written.");
   app.footer(
       "Exit status: 0 all that was asked for was done; 1 could not start, or could not write "
-      "outcomes; 2 lines of a file were wrong and skipped; 3 intents failed; 4 gave up waiting. "
-      "SIGTERM and SIGINT stop it cleanly; SIGUSR1 makes it write the summary.");
+      "outcomes; 2 lines of a file were wrong and skipped; 3 intents failed; 4 gave up waiting; 5 "
+      "stopped by a signal while intents had no outcome. The largest that applies is given, 1 "
+      "before "
+      "all others. SIGTERM and SIGINT stop it cleanly; SIGUSR1 makes it write the summary.");
   double timeout = 0;
   double peerTimeout = 30;
   app.add_option("--name", options.name, "Name of the store")->capture_default_str();
@@ -33,7 +35,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
                  "Listen on a Unix socket: intents in, their outcomes out, one on a line")
       ->type_name("PATH");
   app.add_option("--units", options.units, "Number of chip units, from unit 0")
-      ->check(CLI::Range(1U, kMostUnits))
+      ->check(CLI::Range(1U, Common::kMostUnits))
       ->capture_default_str();
   app.add_option("--outcomes", options.outcomes,
                  "Where the outcomes of files go: a file, - (the standard output) or none")

@@ -8,13 +8,14 @@
 
 namespace Agent {
 
-// How the process ends. The largest that applies is given, but for a store that can't be opened.
+// How the process ends. The largest that applies is given, but kNotStarted goes before all others.
 enum ExitStatus : int {
   kDone = 0,           // all that was asked for was done
   kNotStarted = 1,     // a store, file or socket can't be opened, or an outcome not written
-  kLinesSkipped = 2,   // a line of a file of intents was wrong; all others were carried out
-  kIntentsFailed = 3,  // every line was right, but an intent ended as failed
+  kLinesSkipped = 2,   // a line of a file of intents was wrong
+  kIntentsFailed = 3,  // an intent ended as failed
   kGaveUpWaiting = 4,  // --timeout: something never reached its end
+  kStopped = 5,        // by a signal, while intents had no outcome or nobody had taken one
 };
 
 // What the command line says.

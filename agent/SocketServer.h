@@ -31,7 +31,6 @@ class SocketServer {
   void resume();
   // To be called now and then. Drops the peers that have taken no output since `timeout`.
   void checkPeers(std::chrono::milliseconds timeout);
-  [[nodiscard]] std::size_t peers() const noexcept { return peers_.size(); }
 
  private:
   using Protocol = asio::local::stream_protocol;

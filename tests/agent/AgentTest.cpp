@@ -2,9 +2,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <regex>
-
 #include "Programs.h"
 
 namespace {
@@ -64,7 +61,8 @@ TEST_F(AgentProcess, WrongLinesAreSkippedWithTheirPlace) {
       "in.jsonl",
       writeFodo(1, 1) + "{\"op\":\"wri\n" + R"({"op":"removeAll","table":"Isem9","unit":0})" +
           "\n" + R"({"op":"remove","table":"EsemFodo","unit":1,"key":{"fodo":1}})" + "\n" +
-          writeFodo(2, 70000) + writeFodo(0, 0) + std::string(70000, 'x') + "\n" + writeFodo(3, 3));
+          writeFodo(2, 70000) + writeFodo(0, 0) + std::string(70000, 'x') + "\n" + writeFodo(3, 3) +
+          writeFodo(4, 4, R"(,"after":{"table":"EsemFodo","unit":7,"key":{"fodo":1}})"));
   auto program = agent({"--intents", intents, "--exit-when-done", "--summary", path("summary")});
   EXPECT_EQ(program.ends(), 2);
   const std::string err = program.err();
@@ -78,10 +76,11 @@ TEST_F(AgentProcess, WrongLinesAreSkippedWithTheirPlace) {
   said(5, "payload.outLif is 70000: write a whole number from 0 to 65535");
   said(6, "the entry equals the default entry of EsemFodo");
   said(7, "the line is longer than 65536 bytes: write one intent on a line");
-  EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 6) << err;
+  said(9, "after.unit 7 is not there: write 0, or start the agent with more --units");
+  EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 7) << err;
   EXPECT_EQ(outcomes(program.out()).size(), 2U);
   EXPECT_EQ(outcomeOf(program.out(), 8)["outcome"], "success");
-  EXPECT_EQ(summary("summary")["intents"]["skipped"], 6);
+  EXPECT_EQ(summary("summary")["intents"]["skipped"], 7);
 }
 
 TEST_F(AgentProcess, ALastLineWithoutAnEndCountsIfItIsWhole) {
@@ -128,7 +127,7 @@ TEST_F(AgentProcess, AfterIsSatisfiedByWhatThisRunOrAnEarlierOneWrote) {
 
 TEST_F(AgentProcess, AfterIsSatisfiedByWhatHasEndedInThisRun) {
   const auto hardware = chip();
-  auto program = agent({"--intents", "-"}, true);
+  auto program = agent({"--intents", "-"}, AgentTest::Input::pipe);
   program.write(writeFodo(1, 1) + removeFodo(1));
   EXPECT_TRUE(program.prints("\"op\":\"remove\""));
   program.write(writeInner(1, afterFodo(1)));
@@ -146,15 +145,16 @@ TEST_F(AgentProcess, WhatFindsNoRoomFailsAndWithItWhatComesAfter) {
     text += writeFodo(fodo, 7);
   }
   // In flight together, and once more when the failure is long known.
-  text += writeInner(1, afterFodo(kRoom + 1)) + writeInner(2, afterFodo(kRoom));
+  // Between them a wrong line, which is the lesser evil.
+  text += writeInner(1, afterFodo(kRoom + 1)) + "wrong\n" + writeInner(2, afterFodo(kRoom));
   auto program = agent(
       {"--intents", file("in", text), "--intents", "-", "--summary", path("s"), "--exit-when-done"},
-      true);
+      AgentTest::Input::pipe);
   EXPECT_TRUE(program.prints("\"key\":{\"tunnel\":1,\"vlan\":2}"));
   program.write(writeInner(3, afterFodo(kRoom + 1)));
   program.closeInput();
   EXPECT_EQ(program.ends(), 3);
-  EXPECT_EQ(program.err(), "");
+  EXPECT_THAT(program.err(), HasSubstr(":65539: not JSON"));
   std::vector<std::string> failed;
   for (const Json& one : outcomes(program.out())) {
     if (one["outcome"] == "failed") {
@@ -169,7 +169,8 @@ TEST_F(AgentProcess, WhatFindsNoRoomFailsAndWithItWhatComesAfter) {
 
 TEST_F(AgentProcess, ARemoveAllEndsWhenTheHardwareHasTakenItIn) {
   const std::string removeAll = R"({"op":"removeAll","table":"EsemFodo","unit":0})";
-  auto program = agent({"--intents", "-", "--exit-when-done", "--summary", path("s")}, true);
+  auto program =
+      agent({"--intents", "-", "--exit-when-done", "--summary", path("s")}, AgentTest::Input::pipe);
   // Nothing is there to be removed, so nothing has to be told to anybody.
   program.write(removeAll + "\n");
   EXPECT_TRUE(program.prints("\"line\":1,"));
@@ -234,7 +235,7 @@ TEST_F(AgentProcess, ReadsNoFurtherThanThereIsRoomInFlight) {
 
 TEST_F(AgentProcess, TakesIntentsFromItsStandardInputAsTheyCome) {
   const auto hardware = chip();
-  auto program = agent({"--intents", "-", "--exit-when-done"}, true);
+  auto program = agent({"--intents", "-", "--exit-when-done"}, AgentTest::Input::pipe);
   const std::string line = writeFodo(1, 1);
   program.write(line.substr(0, 20));
   std::this_thread::sleep_for(std::chrono::milliseconds(30));
@@ -286,6 +287,138 @@ TEST_F(AgentProcess, OutcomesGoWhereTheyAreSent) {
       {"--intents", file("c", writeFodo(3, 3)), "--exit-when-done", "--outcomes", "/dev/full"});
   EXPECT_EQ(third.ends(), 1);
   EXPECT_THAT(third.err(), HasSubstr("/dev/full: cannot write outcomes: No space left on device"));
+}
+
+TEST_F(AgentProcess, OutcomesThatNobodyTakesHoldNobodyUp) {
+  const auto hardware = chip();
+  std::string text;
+  constexpr unsigned kIntents = 20000;  // some 2.5 MB of outcomes
+  for (unsigned fodo = 1; fodo <= kIntents; ++fodo) {
+    text += writeFodo(fodo, 7);
+  }
+  const std::string intents = file("in", text);
+  ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+  // Once to a named pipe, once to the standard output.
+  for (const bool named : {true, false}) {
+    const int reader = open(path("pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    std::vector<std::string> arguments = {
+        "--intents", intents, "--exit-when-done", "--summary", path("s"), "--in-flight", "100"};
+    if (named) {
+      arguments.insert(arguments.end(), {"--outcomes", path("pipe")});
+    }
+    const auto start = [&] {
+      return named ? agent(arguments) : agentInto(path("pipe"), arguments);
+    };
+    auto program = start();
+    const auto accepted = [&] {
+      return summaryOf(program, "s")["intents"]["accepted"].get<unsigned>();
+    };
+    // It stops to take intents, and not to listen.
+    unsigned last = 0;
+    EXPECT_TRUE(comesTrue([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      return std::exchange(last, accepted()) == last && last > 1000;
+    }));
+    EXPECT_LT(last, kIntents);
+    program.kill(SIGTERM);
+    EXPECT_EQ(program.ends(), 5);
+    EXPECT_THAT(program.err(), HasSubstr("bytes of outcomes are lost: nobody has taken them"));
+    // Whoever comes late gets them all.
+    char bytes[4096];
+    while (read(reader, bytes, sizeof(bytes)) > 0) {
+    }
+    auto again = start();
+    std::string seen;
+    EXPECT_TRUE(comesTrue([&] {
+      for (ssize_t count = 0; (count = read(reader, bytes, sizeof(bytes))) > 0;) {
+        seen.append(bytes, static_cast<std::size_t>(count));
+      }
+      return std::count(seen.begin(), seen.end(), '\n') == kIntents;
+    }));
+    EXPECT_EQ(again.ends(), 0);
+    EXPECT_EQ(outcomes(seen).size(), kIntents);
+    close(reader);
+  }
+}
+
+TEST_F(AgentProcess, GivesUpOnAReaderOfOutcomesThatTakesNone) {
+  const auto hardware = chip();
+  std::string text;
+  for (unsigned fodo = 1; fodo <= 1000; ++fodo) {
+    text += writeFodo(fodo, 7);
+  }
+  ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+  auto early = agent({"--outcomes", path("pipe"), "--exit-when-done"});
+  EXPECT_EQ(early.ends(), 1);
+  EXPECT_THAT(early.err(), HasSubstr("nobody reads this pipe: start its reader first"));
+  const int reader = open(path("pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  auto program = agent({"--intents", file("in", text), "--outcomes", path("pipe"),
+                        "--exit-when-done", "--timeout", "0.5"});
+  EXPECT_EQ(program.ends(), 4);
+  EXPECT_THAT(program.err(), HasSubstr("gave up: nobody has taken an outcome for 0.5 s"));
+  close(reader);
+}
+
+TEST_F(AgentProcess, AStandardInputThatIsASocketHoldsNobodyUp) {
+  const auto hardware = chip();
+  auto program = agent({"--intents", "-", "--exit-when-done", "--summary", path("s")},
+                       AgentTest::Input::socket);
+  program.write(writeFodo(1, 1) + "{\"op\"");
+  EXPECT_TRUE(program.prints("\"line\":1,"));
+  EXPECT_EQ(summaryOf(program, "s")["intents"]["accepted"], 1);
+  program.write(std::string(":\"removeAll\",\"table\":\"EsemFodo\",\"unit\":0}\n"));
+  EXPECT_TRUE(program.prints("\"line\":2,"));
+  program.closeInput();
+  EXPECT_EQ(program.ends(), 0);
+}
+
+TEST_F(AgentProcess, AKeyThatWasRemovedLongAgoIsNotKnownAnyMore) {
+  const auto hardware = chip();
+  constexpr unsigned kRemembered = 65536;
+  std::string text = writeInner(1);
+  // The removed ones are remembered, the one that stays needs not be.
+  for (unsigned fodo = 1; fodo <= kRemembered + 1; ++fodo) {
+    text += removeFodo(fodo);
+  }
+  auto program = agent({"--intents", file("in", text), "--intents", "-", "--exit-when-done"},
+                       AgentTest::Input::pipe);
+  EXPECT_TRUE(program.prints("\"line\":65538,"));
+  program.write(writeInner(2, afterFodo(1)) + writeInner(3, afterFodo(2)) +
+                writeInner(4, R"(,"after":{"table":"IsemInnerEth","unit":0,)"
+                              R"("key":{"tunnel":1,"vlan":1}})"));
+  program.closeInput();
+  EXPECT_EQ(program.ends(), 2);
+  EXPECT_THAT(program.err(),
+              HasSubstr("stdin:1: after names an entry that nobody wrote, {\"fodo\":1} of"));
+  EXPECT_EQ(outcomes(program.out()).size(), kRemembered + 4U);
+}
+
+TEST_F(AgentProcess, AfterMayNotNameWhatARemoveAllHasTakenAway) {
+  const std::string removeAll = R"({"op":"removeAll","table":"EsemFodo","unit":0})"
+                                "\n";
+  const std::string intents = file("in", writeFodo(1, 1) + removeAll + writeInner(1, afterFodo(1)) +
+                                             writeFodo(1, 2) + writeInner(2, afterFodo(1)));
+  // Whether it is in flight still or has ended.
+  for (const bool inFlight : {true, false}) {
+    const std::string name = inFlight ? "kelp" : "other";
+    const auto hardware = chip({"--name", "other"});
+    auto program = agent({"--intents", intents, "--name", name, "--exit-when-done", "--timeout",
+                          inFlight ? "0.3" : "60"});
+    EXPECT_EQ(program.ends(), inFlight ? 4 : 2);
+    EXPECT_THAT(program.err(), HasSubstr(intents + ":3: after names an entry that nobody wrote"));
+    EXPECT_THAT(program.err(), Not(HasSubstr(intents + ":5: after")));
+  }
+}
+
+TEST_F(AgentProcess, TheHelpAndTheDocumentTellEveryExitStatus) {
+  auto program = agent({"--help"});
+  EXPECT_EQ(program.ends(), 0);
+  const std::string document = contentOf(KELP_INTENTS_DOCUMENT);
+  for (unsigned status = 0; status <= 5; ++status) {
+    EXPECT_THAT(program.out(), testing::ContainsRegex("[ :]" + std::to_string(status) + " [a-z]"));
+    EXPECT_THAT(document, HasSubstr("\n| " + std::to_string(status) + " | "));
+  }
 }
 
 TEST_F(AgentProcess, TellsHowFarItIs) {

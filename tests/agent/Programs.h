@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -54,12 +55,13 @@ inline bool comesTrue(const std::function<bool()>& holds) {
   return true;
 }
 
-// A process with its outputs in files, and its input from a pipe if `piped`. Killed with the
-// object.
+enum class Input { none, pipe, socket };
+
+// A process with its outputs in files, and its input from what `from` says. Killed with the object.
 class Program {
  public:
   Program(const std::string& program, std::vector<std::string> arguments,
-          const std::string& outputs, bool piped = false)
+          const std::string& outputs, Input from = Input::none)
       : out_(outputs + ".out"), err_(outputs + ".err") {
     arguments.insert(arguments.begin(), program);
     std::vector<char*> raw;
@@ -68,12 +70,13 @@ class Program {
     }
     raw.push_back(nullptr);
     int input[2] = {-1, -1};
-    if (piped && pipe2(input, O_CLOEXEC) != 0) {
+    if ((from == Input::pipe && pipe2(input, O_CLOEXEC) != 0) ||
+        (from == Input::socket && socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, input) != 0)) {
       throw std::runtime_error("no pipe");
     }
     process_ = fork();
     if (process_ == 0) {
-      const int in = piped ? input[0] : open("/dev/null", O_RDONLY);
+      const int in = from != Input::none ? input[0] : open("/dev/null", O_RDONLY);
       const int flags = O_WRONLY | O_CREAT | O_TRUNC;
       dup2(in, STDIN_FILENO);
       dup2(open(out_.c_str(), flags, 0644), STDOUT_FILENO);
@@ -81,7 +84,7 @@ class Program {
       execv(program.c_str(), raw.data());
       _exit(127);
     }
-    if (piped) {
+    if (from != Input::none) {
       close(input[0]);
       input_ = input[1];
     }
@@ -143,12 +146,21 @@ class WithStore : public testing::Test {
     std::ofstream(path(name)) << content;
     return path(name);
   }
-  Program agent(std::vector<std::string> arguments, bool piped = false) {
+  Program agent(std::vector<std::string> arguments, Input from = Input::none) {
     return {KELP_AGENT, onStore(std::move(arguments)), path("agent" + std::to_string(++programs_)),
-            piped};
+            from};
   }
   Program chip(std::vector<std::string> arguments = {}) {
     return {KELP_CHIP, onStore(std::move(arguments)), path("chip" + std::to_string(++programs_))};
+  }
+  // An agent whose standard output is `file`, and may be a pipe.
+  Program agentInto(const std::string& file, std::vector<std::string> arguments) {
+    std::string line = "exec " KELP_AGENT;
+    for (const std::string& argument : onStore(std::move(arguments))) {
+      line += " '" + argument + "'";
+    }
+    return {
+        "/bin/sh", {"-c", line + " > '" + file + "'"}, path("agent" + std::to_string(++programs_))};
   }
   // Waits until the agent on the store is in its loop or about to be.
   [[nodiscard]] bool started() const {

@@ -1,9 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "Asic/GenId.h"
 #include "KelpEmServer/KelpConstants.h"
@@ -13,13 +16,16 @@
 
 namespace {
 
+using AgentTest::contentOf;
 using AgentTest::Json;
 using AgentTest::outcomeOf;
 using AgentTest::outcomes;
 using AgentTest::removeFodo;
 using AgentTest::writeFodo;
 using AgentTest::writeInner;
+using testing::Contains;
 using testing::HasSubstr;
+using testing::Pair;
 
 class AgentRestart : public AgentTest::WithStore {
  protected:
@@ -29,6 +35,39 @@ class AgentRestart : public AgentTest::WithStore {
     return vault->entityIs<Asic::GenId>(KelpEmServer::relaunchPath(KelpEmServer::kAgentName))
         ->majorId();
   }
+  // What the store and the programs have written, by file. Not the trace, which goes on, nor the
+  // page on which SQLite keeps its readers.
+  [[nodiscard]] std::map<std::string, std::string> everyFile() const {
+    std::map<std::string, std::string> files;
+    for (const auto& one : std::filesystem::recursive_directory_iterator(root_.path())) {
+      const std::string name = one.path().native();
+      const bool ofTheTest = name.find("/agent") != std::string::npos &&
+                             (name.ends_with(".out") || name.ends_with(".err"));
+      if (one.is_regular_file() && !ofTheTest && name != path("b") && !name.ends_with("-shm")) {
+        files[name] = dataOf(name);
+      } else if (one.is_socket()) {
+        files[name] = std::to_string(inodeOf(name));
+      }
+    }
+    return files;
+  }
+  // What is in a file, without its holes: the store's files are nearly nothing else.
+  static std::string dataOf(const std::string& name) {
+    std::string data;
+    const int file = open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    for (off_t at = 0, end = 0; (at = lseek(file, end, SEEK_DATA)) >= 0;) {
+      end = lseek(file, at, SEEK_HOLE);
+      const std::size_t size = data.size();
+      data.resize(size + static_cast<std::size_t>(end - at));
+      EXPECT_EQ(pread(file, data.data() + size, data.size() - size, at), end - at);
+    }
+    close(file);
+    return data;
+  }
+  static ino_t inodeOf(const std::string& file) {
+    struct stat status {};
+    return stat(file.c_str(), &status) == 0 ? status.st_ino : 0;
+  }
   [[nodiscard]] std::string logFile() const {
     return path("kelp/" +
                 KelpEmServer::KelpConstants<KelpEmServer::EsemFodo>::tableEntryLogQuiltPath() +
@@ -37,20 +76,35 @@ class AgentRestart : public AgentTest::WithStore {
 };
 
 TEST_F(AgentRestart, ASecondAgentOnAStoreNamesTheFirst) {
-  auto first = agent({"--intents", "-"}, true);
+  const std::vector<std::string> arguments = {"--intents", "-",       "--outcomes", path("o"),
+                                              "--summary", path("s"), "--brisk",    path("b"),
+                                              "--socket",  path("k")};
+  auto first = agent(arguments, AgentTest::Input::pipe);
   first.write(removeFodo(1));
-  EXPECT_TRUE(first.prints("\"line\":1,"));
-  auto second = agent({"--exit-when-done"});
+  EXPECT_TRUE(AgentTest::comesTrue([&] { return !contentOf(path("o")).empty(); }));
+  const auto before = everyFile();
+  EXPECT_THAT(before, Contains(Pair(path("o"), HasSubstr("\"line\":1,"))));
+  // As when somebody presses the arrow key and return in another window.
+  auto second = agent(arguments, AgentTest::Input::pipe);
   EXPECT_EQ(second.ends(), 1);
   EXPECT_THAT(second.err(), HasSubstr(std::to_string(first.process())));
   EXPECT_THAT(second.err(), HasSubstr(root_.path()));
+  EXPECT_TRUE(everyFile() == before);
+  // And with a trace of its own, which is no reason to refuse it.
+  auto third = agent({"--intents", "-", "--outcomes", path("o"), "--summary", path("s"), "--socket",
+                      path("k"), "--exit-when-done"},
+                     AgentTest::Input::pipe);
+  EXPECT_EQ(third.ends(), 1);
+  EXPECT_THAT(third.err(), HasSubstr(std::to_string(first.process())));
+  EXPECT_TRUE(everyFile() == before);
   // The first goes on as if nothing had been.
   first.write(removeFodo(2));
-  EXPECT_TRUE(first.prints("\"line\":2,"));
+  EXPECT_TRUE(AgentTest::comesTrue(
+      [&] { return contentOf(path("o")).find("\"line\":2,") != std::string::npos; }));
   first.kill(SIGINT);
   EXPECT_EQ(first.ends(), 0);
-  auto third = agent({"--exit-when-done"});
-  EXPECT_EQ(third.ends(), 0);
+  auto last = agent({"--exit-when-done"});
+  EXPECT_EQ(last.ends(), 0);
 }
 
 TEST_F(AgentRestart, AfterACleanStopVersionsContinueAndEntriesStay) {
@@ -61,7 +115,7 @@ TEST_F(AgentRestart, AfterACleanStopVersionsContinueAndEntriesStay) {
     ASSERT_TRUE(AgentTest::comesTrue(
         [&] { return tableOf(summaryOf(program, "s"), "EsemFodo", 0)["tableVersion"] == 2; }));
     program.kill(SIGTERM);
-    EXPECT_EQ(program.ends(), 0);
+    EXPECT_EQ(program.ends(), 5);
     EXPECT_EQ(program.err(),
               "kelp-agent: stopped: 2 intents have no outcome yet; those that are in a log stay "
               "there\n");
