@@ -10,9 +10,10 @@
 #endif
 
 // The seam through which every store to shared memory goes, and every operation on a file of the
-// store that changes something. It is a plain store, and nothing, unless the program is built with
-// KELP_STORE_SEAM: then the steps are counted, and the process ends without a word in front of the
-// step that was chosen. A program uses the one form or the other in all its units.
+// store or of the state database that changes something. It is a plain store, and nothing, unless
+// the program is built with KELP_STORE_SEAM: then the steps are counted, and the process ends
+// without a word in front of the step that was chosen. A program uses the one form or the other in
+// all its units.
 
 namespace Quilt::Seam {
 

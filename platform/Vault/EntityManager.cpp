@@ -11,6 +11,7 @@
 
 #include "BrioSharedMem/EntityManager.h"
 #include "BrioSharedMem/EntityPath.h"
+#include "Quilt/Seam.h"
 
 namespace Vault {
 namespace {
@@ -50,6 +51,7 @@ const Lumen::String& checkedName(const Lumen::String& name) {
 }
 
 void folderIs(const Lumen::String& folder) {
+  Quilt::Seam::step();
   if (::mkdir(folder.c_str(), 0750) == 0) {
     return;
   }

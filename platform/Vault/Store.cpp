@@ -9,6 +9,8 @@
 #include <cstring>
 #include <utility>
 
+#include "Quilt/Seam.h"
+
 namespace Vault {
 namespace {
 
@@ -67,6 +69,9 @@ class Store::Statement {
   }
   // True: there is a row. False: done.
   bool step() {
+    if (sqlite3_stmt_readonly(statement_) == 0) {
+      Quilt::Seam::step();
+    }
     const int code = sqlite3_step(statement_);
     if (code != SQLITE_ROW && code != SQLITE_DONE) {
       store_.fail(code, "cannot read or write");
@@ -115,6 +120,7 @@ void Store::open() {
     // Made here and not by SQLite, for the mode; the files beside it take the same. A file that is
     // there is not opened: closing it again would drop the locks that SQLite holds for this
     // process.
+    Quilt::Seam::step();
     const int made = ::open(file_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0640);
     if (made < 0 && errno != EEXIST) {
       throw VaultError(fmt::format("{}: cannot make the state database: {}; {}", file_,
@@ -175,6 +181,7 @@ int Store::schemaVersion() const {
 }
 
 void Store::execute(const char* sql) const {
+  Quilt::Seam::step();
   const int code = sqlite3_exec(database_.get(), sql, nullptr, nullptr, nullptr);
   if (code != SQLITE_OK) {
     fail(code, fmt::format("cannot run \"{}\"", sql));
