@@ -15,15 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "Asic/Constants.h"
-#include "Asic/OrderedTableInterface.h"
-#include "Asic/SharedMemory.h"
-#include "Brio/TraceHandle.h"
+#include "BenchAgent.h"
 #include "HeapCount.h"
-#include "KelpEmServer/AllTables.h"
 #include "Lumen/MemTrack.h"
-#include "SampleEntries.h"
-#include "TempRoot.h"
 
 namespace {
 
@@ -31,7 +25,12 @@ constexpr std::size_t kInFlight = 10000;
 constexpr std::size_t kKeys = 60000;
 constexpr int kRounds = 25;
 
-using Clock = std::chrono::steady_clock;
+using Bench::Clock;
+
+template <class T>
+struct Agent : Bench::Agent<T> {
+  Agent() : Bench::Agent<T>(kKeys) {}
+};
 
 // Nanoseconds per operation of the fastest round of each stage.
 class Stages {
@@ -72,49 +71,6 @@ class Stages {
   std::vector<std::string> order_;
 };
 
-template <class T>
-struct Agent {
-  using Table = KelpEmServer::KelpSwTable<T>;
-  using Entry = typename T::Entry;
-  using Key = typename Entry::Key;
-
-  Agent() {
-    vault = Lumen::makeNode<Vault::EntityManager>(std::string("bench-") + T::name.c_str(), false,
-                                                  root.path());
-    agent = Lumen::makeNode<Asic::OrderedTableInterface>(vault);
-    agent->skipMarkOnRestoreIs(true);
-    intf = KelpEmServer::KelpInterface<T>::getIntf(agent);
-    table = intf->makeSwTable(Asic::UnitId{0}, nullptr, false);
-    group = agent->groupIntfColl()->groupIntf(
-        Asic::Constants::canonicalizeGroupName(KelpEmServer::kAgentName, KelpEmServer::kGroupName));
-    for (std::size_t i = 0; i < kKeys; ++i) {
-      keys.push_back(TestSupport::sampleKey<Key>(i * 2654435761U % kKeys));
-    }
-  }
-  ~Agent() {
-    table = nullptr;
-    intf = nullptr;
-    group = nullptr;
-    agent->stop();
-    agent = nullptr;
-    Asic::writableSharedMemory(*vault)->entityDelAll();
-  }
-
-  void pass() {
-    while (group->groupResolver()->runPass() != 0) {
-    }
-  }
-  void report() { table->tableStatusVersion(intf->entryLog()->tableVersion()); }
-
-  TestSupport::TempRoot root;
-  Lumen::Ptr<Vault::EntityManager> vault;
-  Lumen::Ptr<Asic::OrderedTableInterface> agent;
-  Lumen::Ptr<KelpEmServer::KelpInterface<T>> intf;
-  Lumen::Ptr<Table> table;
-  Lumen::Ptr<Asic::GroupInterface> group;
-  std::vector<Key> keys;
-};
-
 struct StoreCosts {
   double w;
   double h;
@@ -134,7 +90,7 @@ StoreCosts storeCosts() {
   std::uint64_t version = 0;
   for (int round = 0; round < kRounds; ++round) {
     const std::uint64_t first = version + 1;
-    auto start = Clock::now();
+    const auto start = Clock::now();
     for (std::size_t i = 0; i < kKeys; ++i) {
       ++version;
       KelpTunnelNiLib::Isem1TagEntry entry;
@@ -145,17 +101,7 @@ StoreCosts storeCosts() {
     }
     w = std::min(
         w, std::chrono::duration<double, std::nano>(Clock::now() - start).count() / double(kKeys));
-    start = Clock::now();
-    std::uint64_t sum = 0;
-    for (std::size_t i = 0; i < kKeys; ++i) {
-      bool found = false;
-      sum += config->swTableEntries().find(agent.keys[i], found).version.value;
-    }
-    h = std::min(
-        h, std::chrono::duration<double, std::nano>(Clock::now() - start).count() / double(kKeys));
-    if (sum == 0) {
-      std::abort();
-    }
+    h = std::min(h, Bench::storeHit(agent, 1));
     for (std::uint64_t v = first; v <= version; ++v) {
       log->entryLogConfigDel(Asic::LogVersion{v});
     }
