@@ -6,11 +6,14 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <thread>
 #include <utility>
 
 #include "Asic/Constants.h"
 #include "BrioQuilt/MountInfo.h"
+#include "BrioSharedMem/StoreError.h"
+#include "KelpEmServer/MountQuilt.h"
 #include "KelpEmServer/TableCatalogue.h"
 #include "Lumen/Exception.h"
 #include "Vault/EntityManager.h"
@@ -30,6 +33,8 @@ constexpr std::chrono::milliseconds kLongestNap{50};
 // A check is repeated this often while the agent goes on.
 constexpr int kCheckTries = 50;
 constexpr std::chrono::milliseconds kCheckPause{20};
+// And for no longer than this, but for catching up.
+constexpr std::chrono::seconds kCheckMost{2};
 
 Lumen::String groupName() {
   return Asic::Constants::canonicalizeGroupName(KelpEmServer::kAgentName, KelpEmServer::kGroupName);
@@ -94,13 +99,34 @@ void HardwareSide::mountStatus() {
     notices_.say("the status collection was lost or damaged, and is made anew");
     status_->collectionControl()->clearWiped();
   }
+  takeRoomForReports();
   std::fill(rows_.begin(), rows_.end(), Row());
+}
+
+// A row that is there can always be replaced, so all that is ever reported has its room from here
+// on.
+void HardwareSide::takeRoomForReports() {
+  auto& rows = status_->map();
+  for (const auto& table : tables_) {
+    if (rows.hasRoomFor(table->id())) {
+      continue;
+    }
+    const int reason = rows.file()->lastError();
+    throw BrioSharedMem::StoreError(
+        rows.size() >= Asic::kStatusCapacity
+            ? fmt::format("{}: full of rows of tables that are not the chip's; stop the agent and "
+                          "remove the collection's file below {}, it is made anew",
+                          rows.path(), memory_->folder())
+            : fmt::format("{}: no room for the reports in {}: {}; make room in the file system, or "
+                          "name another root folder with --root, here and to kelp-agent",
+                          rows.path(), memory_->folder(), std::strerror(reason)));
+  }
 }
 
 // --- what no bell tells of
 
 void HardwareSide::tendGeneration() {
-  const std::string file = memory_->folder() + "/vault.sqlite";
+  const Lumen::String file = Vault::EntityManager::fileOf(options_.name, options_.root);
   struct stat found {};
   if (::stat(file.c_str(), &found) != 0) {
     relaunch_ = nullptr;
@@ -109,8 +135,8 @@ void HardwareSide::tendGeneration() {
   try {
     if (!relaunch_ || vaultInode_ != found.st_ino) {
       const auto vault = Lumen::makeNode<Vault::EntityManager>(options_.name, false, options_.root);
-      relaunch_ = Lumen::dynamicPtrCast<Asic::GenId>(vault->getEntity(
-          Lumen::String("hardware/tinsel/agent/relaunch/config/") + KelpEmServer::kAgentName));
+      relaunch_ = Lumen::dynamicPtrCast<Asic::GenId>(
+          vault->getEntity(KelpEmServer::relaunchPath(KelpEmServer::kAgentName)));
       vaultInode_ = found.st_ino;
       if (!relaunch_) {
         return;
@@ -373,15 +399,42 @@ bool HardwareSide::caughtUp() const {
   return any;
 }
 
+// Takes in what is published now. What the agent adds meanwhile would make it an endless task, and
+// so may a table that waits for another while others go on: that is waited for until `until` only.
+void HardwareSide::catchUp(Clock::time_point until) {
+  std::vector<std::uint64_t> targets;
+  for (const auto& table : tables_) {
+    targets.push_back(table->published());
+  }
+  const auto left = [&] {
+    std::uint64_t versions = 0;
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+      versions += targets[i] - std::min(targets[i], tables_[i]->reached());
+    }
+    return versions;
+  };
+  std::uint64_t least = left();
+  while (work() != 0) {
+    const std::uint64_t now = left();
+    if (now == 0 || (now >= least && Clock::now() >= until)) {
+      return;
+    }
+    least = std::min(least, now);
+  }
+}
+
 CheckResult HardwareSide::check() {
   CheckResult result;
+  const auto until = Clock::now() + kCheckMost;
   for (int tries = 0; tries < kCheckTries; ++tries) {
     if (tries != 0) {
+      if (Clock::now() + kCheckPause >= until) {
+        break;
+      }
       std::this_thread::sleep_for(kCheckPause);
     }
     tend();
-    while (work() != 0) {
-    }
+    catchUp(until);
     result.tables.clear();
     std::vector<std::uint64_t> before;
     for (const auto& table : tables_) {

@@ -46,8 +46,9 @@ struct Options {
 // collections that have come or have been made anew, and the relaunch generation.
 class HardwareSide {
  public:
-  // Attaches to the store, and makes its own part there. Throws StoreError, BellError: another
-  // process does the same, or the file system refuses.
+  // Attaches to the store, and makes its own part there, with room for all that it will ever
+  // report. Throws StoreError, BellError: another process does the same, or the file system
+  // refuses.
   explicit HardwareSide(Options options);
   ~HardwareSide();
   HardwareSide(const HardwareSide&) = delete;
@@ -64,14 +65,15 @@ class HardwareSide {
   // Takes in up to a batch of each table and reports it, without sleeping. Returns the number of
   // versions that it went on; 0 means that all is done that can be done.
   std::uint64_t work();
-  // Looks at what no bell tells of. Throws OtherLayoutError.
+  // Looks at what no bell tells of. Throws OtherLayoutError; StoreError if its own part of the
+  // store was removed and cannot be made again.
   void tend();
 
   // All that is published is on the chip, and there is a log at all.
   [[nodiscard]] bool caughtUp() const;
 
   // Takes in what is published and compares the model with the configuration collections, again if
-  // the agent has gone on meanwhile, for a second or so.
+  // the agent has gone on meanwhile, for two seconds at most.
   [[nodiscard]] CheckResult check();
 
   [[nodiscard]] const Tables& tables() const noexcept { return tables_; }
@@ -94,11 +96,13 @@ class HardwareSide {
   void attachBells();
   void mountStatus();
   void unmountStatus();
+  void takeRoomForReports();
   void tendGeneration();
   void tellOfMissing();
   std::uint64_t takeIn();
   std::uint64_t resyncs();
   void breakCycles();
+  void catchUp(std::chrono::steady_clock::time_point until);
   void pace(int otherFd);
   void report();
   [[nodiscard]] bool hasWork() const;

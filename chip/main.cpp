@@ -23,6 +23,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// How the process ends.
+enum ExitStatus : int {
+  kDone = 0,         // and the model is right, if --check asked for that
+  kCouldNotRun = 1,  // the store can't be opened or is of another layout, a file not written
+  kDiffers = 2,      // --check: the model is not what the collections hold, or there is no log
+};
+
 // The signals that the program answers to, as a descriptor.
 class Signals {
  public:
@@ -88,8 +95,13 @@ void run(Chip::HardwareSide& side, const Signals& signals, const Settings& setti
   auto lastWork = Clock::now();
   for (;;) {
     std::chrono::milliseconds most(60'000);
-    if (settings.untilIdle) {
-      most = std::chrono::milliseconds(*settings.untilIdle);
+    if (settings.untilIdle && side.caughtUp()) {
+      const auto end = lastWork + std::chrono::milliseconds(*settings.untilIdle);
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+      if (left.count() <= 0) {
+        return;
+      }
+      most = left;
     }
     const auto turn = side.turn(signals.fd(), most);
     if (turn == Chip::HardwareSide::Turn::worked) {
@@ -103,10 +115,6 @@ void run(Chip::HardwareSide& side, const Signals& signals, const Settings& setti
       }
       static_cast<void>(conclude(side, settings, true));
     }
-    if (settings.untilIdle && side.caughtUp() &&
-        Clock::now() - lastWork >= std::chrono::milliseconds(*settings.untilIdle)) {
-      return;
-    }
   }
 }
 
@@ -116,7 +124,7 @@ int kelpChip(Settings settings) {
   settings.chip.delayPerBatch = std::chrono::microseconds(settings.delayPerBatch);
   Chip::HardwareSide side(settings.chip);
   run(side, signals, settings);
-  return conclude(side, settings, settings.check) ? 0 : 1;
+  return conclude(side, settings, settings.check) ? kDone : kDiffers;
 }
 
 }  // namespace
@@ -143,18 +151,20 @@ int main(int argc, char** argv) {
                  "End once all that is published has been on the chip for this many milliseconds")
       ->check(most);
   app.add_flag("--check", settings.check,
-               "At the end compare the model with the configuration collections, entry by entry; "
-               "the exit status is 1 if they differ");
+               "At the end compare the model with the configuration collections, entry by entry");
   app.add_option("--summary", settings.summaryFile,
                  "File for what was done, in JSON: at the end and at each SIGUSR1");
   app.add_option("--model", settings.modelFile,
                  "File for the entries on the chip, in JSON lines: at the end and at each SIGUSR1");
+  app.footer(
+      "Exit status: 0 after a signal or --until-idle; 1 if the store can't be opened or a file not "
+      "written; 2 if --check found a difference, or no log to compare with.");
   CLI11_PARSE(app, argc, argv);
 
   try {
     return kelpChip(std::move(settings));
   } catch (const std::exception& error) {
     fmt::print(stderr, "kelp-chip: {}\n", error.what());
-    return 1;
+    return kCouldNotRun;
   }
 }

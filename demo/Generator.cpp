@@ -91,15 +91,18 @@ class Unit {
     services_.pop_back();
     remove(service);
   }
-  // Empties the table of what comes out of tunnels, and sets half of it up again.
-  void restartTunnels() {
-    Intent all = intent(IntentOp::removeAll, EntryOf<IsemInnerEth>{});
-    out_.push_back(std::move(all));
+  // Empties a table, and sets a third of it up again.
+  void restartTable(std::size_t table) {
+    Common::withTable(table, [&](auto tag) {
+      out_.push_back(intent(IntentOp::removeAll, EntryOf<typename decltype(tag)::Table>{}));
+    });
     std::size_t count = 0;
     for (const Service& service : services_) {
-      if (service.kind == Kind::tunnel && count++ % 2 == 0) {
-        out_.push_back(intent(IntentOp::write, innerEth(service)));
-      }
+      forEachEntry(service, [&](AnyEntry entry) {
+        if (entry.index() == table && count++ % 3 == 0) {
+          out_.push_back(intent(IntentOp::write, std::move(entry)));
+        }
+      });
     }
   }
 
@@ -289,15 +292,17 @@ std::vector<Intent> metroEdge(const Plan& plan) {
   for (unsigned i = 0; i < plan.units; ++i) {
     units.emplace_back(Asic::UnitId{static_cast<std::uint16_t>(i)}, random, intents);
   }
-  // Two thirds are mostly setting up, then come changes of all kinds.
-  bool restarted = false;
+  // Two thirds are mostly setting up, then come changes of all kinds. Each table is restarted once
+  // on one of the units, the first when 70 % are through, the last at 91 %.
+  std::size_t restarted = 0;
   while (intents.size() < plan.intents) {
     const bool young = intents.size() < plan.intents * 2 / 3;
     Unit& unit = units[random() % units.size()];
     const std::uint64_t draw = random() % 100;
-    if (!restarted && intents.size() >= plan.intents * 4 / 5) {
-      units.back().restartTunnels();
-      restarted = true;
+    if (restarted < Common::kTables &&
+        intents.size() >= plan.intents * (70 + 3 * restarted) / 100) {
+      units[restarted % units.size()].restartTable(restarted);
+      ++restarted;
     } else if (unit.empty() || (!unit.full() && draw < (young ? 80U : 25U))) {
       unit.setUp();
     } else if (draw < (young ? 88U : 60U)) {

@@ -17,9 +17,9 @@ struct Plan {
 // The life of a metro-edge switch, as intents: attachment circuits on tagged and untagged ports
 // with their cross-connects, pseudowires, what comes out of tunnels, and the encapsulations on the
 // way out, with VLAN edits and remark profiles. Services are set up and changed, written again as
-// they are, and taken down; what hangs together is ordered with `after`; near the end one table of
-// one unit is emptied at once and partly filled again. All tables take part, on all units. The same
-// plan gives the same intents, as many as asked for.
+// they are, and taken down; what hangs together is ordered with `after`. Late in that life every
+// table is emptied at once on one of the units, one table after the other, and partly filled again.
+// All tables take part, on all units. The same plan gives the same intents, as many as asked for.
 [[nodiscard]] std::vector<Common::Intent> metroEdge(const Plan& plan);
 
 }  // namespace Demo

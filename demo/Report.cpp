@@ -64,7 +64,10 @@ void Report::readSummaries(const std::string& agentFile, const std::string& chip
     row.written = table.at("written").get<std::uint64_t>();
     row.removed = table.at("removed").get<std::uint64_t>();
     row.suppressed = table.at("suppressed").get<std::uint64_t>();
-    row.inLog = table.at("entries").get<std::uint64_t>();
+    row.entries = table.at("entries").get<std::uint64_t>();
+    if (rows.empty() || rows.back().table != row.table) {
+      row.inLog = table.at("inLog").get<std::uint64_t>();
+    }
     row.pending = table.at("pending").get<bool>();
     row.onChip = entries[{row.table, row.unit}];
     rows.push_back(std::move(row));
@@ -72,37 +75,39 @@ void Report::readSummaries(const std::string& agentFile, const std::string& chip
 }
 
 bool Report::good() const noexcept {
-  return agentStatus == 0 && chipStatus == 0 && outcomes.succeeded == intents &&
-         chipAndIntents.same() && collectionsAndIntents.same() &&
-         equalToCollections == expectedEntries;
+  return agentStatus == 0 && chipEqual && outcomes.succeeded == intents && chipAndIntents.same() &&
+         collectionsAndIntents.same() && equalToCollections == expectedEntries;
 }
 
 std::string Report::text() const {
   std::string out;
   const auto line = [&](auto&&... values) {
     fmt::format_to(std::back_inserter(out),
-                   "{:<14} {:>5} {:>10} {:>10} {:>11} {:>8} {:>10} {:>8}\n", values...);
+                   "{:<14} {:>5} {:>9} {:>9} {:>11} {:>9} {:>9} {:>9} {:>8}\n", values...);
   };
-  line("table", "unit", "written", "removed", "suppressed", "in log", "on chip", "pending");
+  line("table", "unit", "written", "removed", "suppressed", "entries", "on chip", "in log",
+       "pending");
   Row sum;
+  sum.inLog = 0;
   for (const Row& row : rows) {
-    line(row.table, row.unit, row.written, row.removed, row.suppressed, row.inLog, row.onChip,
-         row.pending ? "yes" : "no");
+    line(row.table, row.unit, row.written, row.removed, row.suppressed, row.entries, row.onChip,
+         row.inLog ? fmt::format("{}", *row.inLog) : std::string(), row.pending ? "yes" : "no");
     sum.written += row.written;
     sum.removed += row.removed;
     sum.suppressed += row.suppressed;
-    sum.inLog += row.inLog;
+    sum.entries += row.entries;
+    *sum.inLog += row.inLog.value_or(0);
     sum.onChip += row.onChip;
     sum.pending = sum.pending || row.pending;
   }
-  line("all", "", sum.written, sum.removed, sum.suppressed, sum.inLog, sum.onChip,
+  line("all", "", sum.written, sum.removed, sum.suppressed, sum.entries, sum.onChip, *sum.inLog,
        sum.pending ? "yes" : "no");
   fmt::format_to(std::back_inserter(out),
                  "\n{} intents: {} carried out, {} failed; {:.1f} s, {:.0f} a second; {} records "
                  "waited for another table's\n",
                  intents, outcomes.succeeded, outcomes.failed, seconds,
                  seconds > 0 ? static_cast<double>(intents) / seconds : 0.0, heldBack);
-  if (chipStatus == 0) {
+  if (chipEqual) {
     fmt::format_to(std::back_inserter(out),
                    "check: the chip equals the configuration collections: {} entries, one by one\n",
                    equalToCollections);

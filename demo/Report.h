@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,16 +23,18 @@ struct Report {
     std::uint64_t written = 0;
     std::uint64_t removed = 0;
     std::uint64_t suppressed = 0;
-    std::uint64_t inLog = 0;   // entries that are committed
-    std::uint64_t onChip = 0;  // entries of the chip's model
-    bool pending = false;      // something of it has not come to its end
+    std::uint64_t entries = 0;           // in the reader's view
+    std::optional<std::uint64_t> inLog;  // records of the table's log; the units share one, so
+                                         // that only the first row of a table has it
+    std::uint64_t onChip = 0;            // entries of the chip's model
+    bool pending = false;                // something of it has not come to its end
   };
 
   double seconds = 0;
   std::uint64_t intents = 0;
   Outcomes outcomes;
   int agentStatus = 0;
-  int chipStatus = 0;  // 1: its model differs from the configuration collections
+  bool chipEqual = false;  // to the configuration collections, by kelp-chip's own check
   std::uint64_t expectedEntries = 0;
   Comparison chipAndIntents;
   Comparison collectionsAndIntents;

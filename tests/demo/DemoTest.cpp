@@ -4,7 +4,9 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -96,6 +98,43 @@ TEST_F(Processes, TheDemoNamesAWrongLineAndDoesNotSucceed) {
   EXPECT_THAT(obituary_, HasSubstr("absent.jsonl: cannot be read"));
 }
 
+TEST_F(Processes, TheDemoSkipsALineOfAUnitThatNoAgentHas) {
+  writeFile(file("own.jsonl"),
+            R"({"op":"write","table":"EsemFodo","unit":0,"key":{"fodo":5},"payload":{"outLif":77}}
+{"op":"write","table":"EsemFodo","unit":2000,"key":{"fodo":6},"payload":{"outLif":78}}
+{"op":"write","table":"EsemFodo","unit":1,"key":{"fodo":7},"payload":{"outLif":79}}
+)");
+  EXPECT_EQ(run("kelp-demo", {file("own.jsonl")}), 1) << output_ << obituary_;
+  EXPECT_THAT(output_, HasSubstr("own.jsonl:2: unit 2000 is not there: write 0 to 1"));
+  EXPECT_THAT(output_, HasSubstr("3 intents: 2 carried out"));
+  EXPECT_THAT(output_, HasSubstr("check: the chip equals what the intents add up to: 2 entries"));
+}
+
+TEST_F(Processes, TheDemoShowsEntriesAndWhatTheLogsHold) {
+  writeFile(file("own.jsonl"),
+            R"({"op":"write","table":"EsemFodo","unit":0,"key":{"fodo":5},"payload":{"outLif":77}}
+{"op":"write","table":"EsemFodo","unit":1,"key":{"fodo":6},"payload":{"outLif":78}}
+{"op":"write","table":"EsemFodo","unit":1,"key":{"fodo":7},"payload":{"outLif":79}}
+)");
+  EXPECT_EQ(run("kelp-demo", {file("own.jsonl")}), 0) << output_ << obituary_;
+  const auto line = [&](const std::string& start) {
+    const auto at = output_.find("\n" + start);
+    std::istringstream words(at == std::string::npos ? "" : output_.substr(at + 1));
+    std::string text;
+    std::getline(words, text);
+    words.str(text);
+    words.clear();
+    return std::vector<std::string>(std::istream_iterator<std::string>(words), {});
+  };
+  // table, unit, written, removed, suppressed, entries, on chip, in log, pending: the log is the
+  // units' together, and the hardware side has taken all of it in.
+  EXPECT_THAT(line("EsemFodo           0"),
+              testing::ElementsAre("EsemFodo", "0", "1", "0", "0", "1", "1", "0", "no"));
+  EXPECT_THAT(line("EsemFodo           1"),
+              testing::ElementsAre("EsemFodo", "1", "2", "0", "0", "2", "2", "no"));
+  EXPECT_THAT(line("all "), testing::ElementsAre("all", "3", "0", "0", "3", "3", "0", "no"));
+}
+
 TEST(Generator, GivesTheSameIntentsForTheSamePlan) {
   const Demo::Plan plan{2, 3000, 42};
   std::string first;
@@ -115,10 +154,16 @@ TEST(Generator, LeavesNothingOut) {
   ASSERT_EQ(intents.size(), plan.intents);
   std::vector<std::uint64_t> tables(Common::kTables * plan.units);
   std::uint64_t ops[3] = {};
+  std::vector<std::uint64_t> emptied(Common::kTables);
+  std::vector<std::uint64_t> emptiedOn(plan.units);
   std::uint64_t across = 0;
   for (const auto& intent : intents) {
     ++tables[intent.table() * plan.units + intent.unit.value];
     ++ops[static_cast<std::size_t>(intent.op)];
+    if (intent.op == Common::IntentOp::removeAll) {
+      ++emptied[intent.table()];
+      ++emptiedOn[intent.unit.value];
+    }
     across += intent.after && intent.after->table() != intent.table() ? 1U : 0U;
     // Each is written as it is read.
     std::string text;
@@ -130,7 +175,10 @@ TEST(Generator, LeavesNothingOut) {
   EXPECT_THAT(tables, testing::Each(testing::Gt(5U)));
   EXPECT_GT(ops[0], 1000U);
   EXPECT_GT(ops[1], 200U);
-  EXPECT_EQ(ops[2], 1U);
+  // Every table is emptied once, on one unit or another.
+  EXPECT_EQ(ops[2], Common::kTables);
+  EXPECT_THAT(emptied, testing::Each(1U));
+  EXPECT_THAT(emptiedOn, testing::Each(Common::kTables / plan.units));
   EXPECT_GT(across, 500U);
 }
 
@@ -219,7 +267,7 @@ TEST_F(ChipProgram, DoesNotCheckWhatIsNotThere) {
   }
   chip->signal(SIGTERM);
   ASSERT_TRUE(chip->waitFor(std::chrono::seconds(20)));
-  EXPECT_EQ(chip->exitStatus(), 1);
+  EXPECT_EQ(chip->exitStatus(), 2);
   EXPECT_THAT(chip->output(), HasSubstr("THERE IS NO LOG OF ANY TABLE"));
 }
 
@@ -294,9 +342,79 @@ TEST_F(ChipProgram, ADamagedCollectionIsSaidByItsExitStatus) {
   }
   io.close();
   chip = nullptr;
-  EXPECT_EQ(run("kelp-chip", store({"--until-idle", "100", "--check"})), 1);
+  EXPECT_EQ(run("kelp-chip", store({"--until-idle", "100", "--check"})), 2);
   EXPECT_THAT(output_, HasSubstr("collection damaged"));
   EXPECT_THAT(output_, HasSubstr("THE CHIP DIFFERS"));
+}
+
+TEST_F(ChipProgram, ALogOfAnotherLayoutIsNamedAndEndsIt) {
+  writeIntents(500);
+  {
+    const auto chip = start("kelp-chip", store({}));
+    ASSERT_EQ(run("kelp-agent", agentDrives()), 0) << obituary_;
+  }
+  // What a build with other records would have left: a log, sound, but of another table's records.
+  const std::string tables = root_.path() + "/k/orderedTable/KelpTunnelNi/KelpEmServerGroup/tables";
+  std::filesystem::copy_file(tables + "/KelpEmServer/LemVpwsAcKelp/log.quilt",
+                             tables + "/KelpEmServer/Isem1TagKelp/log.quilt",
+                             std::filesystem::copy_options::overwrite_existing);
+  const std::string before = contentOf(tables + "/KelpEmServer/Isem1TagKelp/log.quilt");
+  EXPECT_EQ(run("kelp-chip", store({"--until-idle", "100", "--check"})), 1);
+  EXPECT_THAT(obituary_, AllOf(HasSubstr("Isem1TagKelp/log"), HasSubstr("has another layout")));
+  EXPECT_THAT(output_, Not(HasSubstr("check: ")));
+  EXPECT_EQ(contentOf(tables + "/KelpEmServer/Isem1TagKelp/log.quilt"), before);
+}
+
+TEST_F(ChipProgram, WaitsForLogsWithoutWorkWhenItIsToEndAtOnce) {
+  const auto cpuTicks = [](pid_t process) {
+    std::istringstream words(contentOf("/proc/" + std::to_string(process) + "/stat"));
+    std::vector<std::string> all(std::istream_iterator<std::string>(words), {});
+    return all.size() > 14 ? std::stoul(all[13]) + std::stoul(all[14]) : ~0UL;
+  };
+  const auto chip = start("kelp-chip", store({"--until-idle", "0", "--check"}));
+  for (int i = 0; i < 500 && contentOf(file("kelp-chip.err")).empty(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  const auto before = cpuTicks(chip->pid());
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  // In ticks of 10 ms.
+  EXPECT_LT(cpuTicks(chip->pid()) - before, 30U);
+  EXPECT_FALSE(chip->ended());
+  writeIntents(500);
+  const auto agent = start("kelp-agent", agentDrives());
+  // It may end when it has seen the first table only, and nothing in it.
+  ASSERT_TRUE(chip->waitFor(std::chrono::seconds(20)));
+  EXPECT_TRUE(chip->exitStatus().has_value());
+}
+
+TEST_F(ChipProgram, ARelaunchIsSeenWhateverTheNameOfTheSystem) {
+  writeIntents(300);
+  const auto of = [&](std::vector<std::string> more) {
+    more.insert(more.begin(), {"--name", "my.switch", "--root", root_.path()});
+    return more;
+  };
+  const auto chip = start("kelp-chip", of({"--summary", file("chip.json")}));
+  const std::vector<std::string> drives =
+      of({"--intents", file("intents"), "--outcomes", "none", "--exit-when-done"});
+  ASSERT_EQ(run("kelp-agent", drives), 0) << obituary_;
+  // A collection is lost: the agent makes it anew and raises the generation.
+  unsigned removed = 0;
+  for (const auto& at : std::filesystem::recursive_directory_iterator(root_.path())) {
+    if (at.path().native().ends_with("/EsemFodoKelp/config/0.quilt")) {
+      removed += std::filesystem::remove(at.path()) ? 1U : 0U;
+    }
+  }
+  ASSERT_EQ(removed, 1U);
+  ASSERT_EQ(run("kelp-agent", drives), 0) << obituary_;
+  for (int i = 0; i < 500 && contentOf(file("kelp-chip.err")).find("relaunch") == std::string::npos;
+       ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_THAT(contentOf(file("kelp-chip.err")),
+              HasSubstr("since the relaunch generation has risen"));
+  chip->signal(SIGTERM);
+  ASSERT_TRUE(chip->waitFor(std::chrono::seconds(20)));
+  EXPECT_EQ(summary().at("relaunchGeneration").get<int>(), 1);
 }
 
 TEST_F(ChipProgram, SlowHardwareIsSlow) {

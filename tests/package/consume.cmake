@@ -1,5 +1,6 @@
 # Installs BUILD_DIR below WORK_DIR, moves the prefix elsewhere, and builds and runs the consumer
-# against it by WAY: find_package, pkg_config, or other_fmt, which must fail.
+# against it by WAY: find_package, pkg-config, or other_fmt, which must fail. By programs it runs the
+# programs that were installed.
 cmake_minimum_required(VERSION 3.25)
 
 # run(STEP COMMAND...): ends the test with the command's output when it fails.
@@ -40,6 +41,17 @@ elseif(WAY STREQUAL "other_fmt")
   set(refusal "KelpEmServer was built with fmt [0-9]+, but fmt 99.0 was found")
   if(status EQUAL 0 OR NOT out MATCHES "${refusal}")
     message(FATAL_ERROR "another fmt was not refused by name (${status}): ${out}")
+  endif()
+  return()
+elseif(WAY STREQUAL "programs")
+  file(GLOB programs "${prefix}/${PROGRAM_DIR}/*")
+  foreach(program IN LISTS programs)
+    run("start" "${program}" --help)
+  endforeach()
+  # It starts the agent and the hardware side that lie beside it.
+  run("demo" "${prefix}/${PROGRAM_DIR}/kelp-demo" --intents 500 --quiet)
+  if(NOT output MATCHES "500 intents: 500 carried out")
+    message(FATAL_ERROR "the installed demo printed:\n${output}")
   endif()
   return()
 else()
