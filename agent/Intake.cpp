@@ -147,8 +147,15 @@ void Intake::keyIsIdle(std::size_t at, const AnyKey& key, const Known& known) {
 }
 
 void Intake::tellLackOfRoom() {
-  for (const auto& table : tables_) {
-    rooms_.look(*table, nullptr);
+  // To look is to take room ahead: only for those that need it.
+  std::vector<bool> waits(tables_.size());
+  for (const Slot& slot : slots_) {
+    const bool queued = slot.handle ? slot.handle->entryState() < Asic::EntryState::entryStateInLog
+                                    : slot.op == IntentOp::removeAll;
+    if (slot.source && queued && !waits[slot.place]) {
+      waits[slot.place] = true;
+      rooms_.look(*tables_[slot.place], nullptr);
+    }
   }
 }
 
