@@ -39,7 +39,8 @@ namespace Brio::HashMap2018Sizing {
 // Buckets grow by so many slots, a power of two: several at a time where they are small, one by one
 // where a slot alone is worth more than a copy.
 [[nodiscard]] constexpr unsigned slotStep(std::size_t nodeSize) noexcept {
-  return slotBytes(nodeSize) <= 24 ? 4 : slotBytes(nodeSize) <= 72 ? 2 : 1;
+  const std::size_t bytes = slotBytes(nodeSize);
+  return bytes <= 24 ? 8 : bytes <= 40 ? 4 : bytes <= 72 ? 2 : 1;
 }
 
 // Slots of a bucket for `used` members.

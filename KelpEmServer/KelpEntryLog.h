@@ -91,6 +91,13 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
   void mountQuiltConfig(Asic::UnitId unitId, Asic::LogVersion logVersion);
   void mountQuiltChangeLog();
 
+  // Has the processor fetch what a read or write of the key will look for (QuiltMap.h).
+  void fetchAhead(const Key& key, Asic::UnitId unitId, bool near) const noexcept {
+    if (const ConfigQuilt* configQuilt = unitQuilt(unitId)) {
+      configQuilt->swTableEntries().fetchAhead(key, near);
+    }
+  }
+
   // Writes an entry; the unit must be mounted, and there must be room. Returns the version of the
   // change, or that of the identical record that made it needless.
   Asic::LogVersion entryIs(const LogEntry& logEntry, const ResourceKeys& rsrcKeys,

@@ -281,6 +281,7 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
 
  private:
   void handleInitialized();
+  static void fetchAhead(const void* table, const void* operation, bool near);
   template <class Collection>
   void transientEntryIs(Collection& collection, Lumen::FieldId field,
                         const Lumen::Ptr<Wrapper>& wrapper);

@@ -158,6 +158,18 @@ void KelpSwTable<T>::handleInitialized() {
               "doesMarkSweep: True hwErrorHandling: False");
   swTableHelperIs(Lumen::makeNode<Helper>());
   this->statsIs();
+  this->resolverQueue().fetchAheadIs(&KelpSwTable::fetchAhead, this);
+}
+
+template <TableSpec T>
+void KelpSwTable<T>::fetchAhead(const void* table, const void* operation, bool near) {
+  const auto& self = *static_cast<const KelpSwTable*>(table);
+  const Key& key = static_cast<const Wrapper*>(operation)->key();
+  if (!near) {
+    self.transientAddEntry_.fetchAhead(self.transientAddEntry_.hashed(key));
+    self.transientVersionForKey_.fetchAhead(self.transientVersionForKey_.hashed(key));
+  }
+  self.entryLog_->fetchAhead(key, self.unitId(), near);
 }
 
 // --- the table: operations

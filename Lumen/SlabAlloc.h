@@ -62,6 +62,8 @@ void freeSlow(void* memory, std::size_t bytes) noexcept;
     Impl::FreeBlock*& head = Impl::freeLists.heads[Impl::sizeClass(bytes)];
     if (Impl::FreeBlock* block = head; block != nullptr) [[likely]] {
       head = block->next;
+      // The block that comes next is read when it is taken, and written at once.
+      __builtin_prefetch(head, 1);
       return block;
     }
   }

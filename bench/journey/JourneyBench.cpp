@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::size_t kInFlight = 10000;
 constexpr std::size_t kKeys = 60000;
-constexpr int kRounds = 25;
+int rounds = 25;
 
 using Bench::Clock;
 
@@ -88,7 +88,7 @@ StoreCosts storeCosts() {
   double w = std::numeric_limits<double>::max();
   double h = w;
   std::uint64_t version = 0;
-  for (int round = 0; round < kRounds; ++round) {
+  for (int round = 0; round < rounds; ++round) {
     const std::uint64_t first = version + 1;
     const auto start = Clock::now();
     for (std::size_t i = 0; i < kKeys; ++i) {
@@ -136,7 +136,7 @@ void journey(const StoreCosts& store) {
   Stages removes;
   Stages removeAlls;
   double entryRead = std::numeric_limits<double>::max();
-  for (int round = 0; round < kRounds; ++round) {
+  for (int round = 0; round < rounds; ++round) {
     first = std::size_t(round) * kInFlight % kKeys;
     writes.run("entryWrite", kInFlight, [&] { write(1); });
     writes.run("question and commit", kInFlight, [&] { agent.pass(); });
@@ -165,7 +165,7 @@ void journey(const StoreCosts& store) {
     removeAlls.run("question and commit", kInFlight, [&] { agent.pass(); });
     removeAlls.run("report", kInFlight, [&] { agent.report(); });
   }
-  if (handled != 4 * kInFlight * kRounds) {
+  if (handled != 4 * kInFlight * std::size_t(rounds)) {
     fmt::print("unexpected: {} handlers ran\n", handled);
     std::exit(1);
   }
@@ -211,9 +211,12 @@ void memory() {
 
 }  // namespace
 
-// journey_bench [TABLE]: one table only, for a profile.
+// journey_bench [TABLE [ROUNDS]]: one table only, for a profile.
 int main(int argc, char** argv) {
   const std::string only = argc > 1 ? argv[1] : "";
+  if (argc > 2) {
+    rounds = std::atoi(argv[2]);
+  }
   const StoreCosts store = storeCosts();
   fmt::print("W {:.1f} ns, H {:.1f} ns\n", store.w, store.h);
   KelpEmServer::TableList<KelpEmServer::EsemFodo, KelpEmServer::Isem1Tag,

@@ -74,18 +74,29 @@ void GroupResolver::wake() {
   }
 }
 
-// Has the next operations of the queue fetched while this one is worked on.
-void GroupResolver::fetchAhead(const ResolverEntry& entry) noexcept {
+// Has what the next operations need fetched while this one is worked on. Each pointer has been
+// fetched some operations before it is followed.
+void GroupResolver::fetchAhead(const TableQueue& queue, const ResolverEntry& entry) noexcept {
   // As numbers: what is fetched may be null, and may end before its second line.
   const auto fetch = [](const void* object) {
     const auto at = reinterpret_cast<std::uintptr_t>(object);
     __builtin_prefetch(reinterpret_cast<const void*>(at));
     __builtin_prefetch(reinterpret_cast<const void*>(at + 64));
   };
-  if (const ResolverEntry* next = entry.next_.get()) {
-    __builtin_prefetch(next->operation_);
-    fetch(next->handle_);
-    fetch(next->next_.get());
+  const ResolverEntry* ahead = entry.next_.get();
+  for (const bool near : {true, false}) {
+    if (ahead == nullptr) {
+      return;
+    }
+    if (queue.fetchAhead_ != nullptr && ahead->operation_ != nullptr) {
+      queue.fetchAhead_(queue.table_, ahead->operation_, near);
+    }
+    ahead = ahead->next_.get();
+  }
+  if (ahead != nullptr) {
+    fetch(ahead->operation_);
+    fetch(ahead->handle_);
+    fetch(ahead->next_.get());
   }
 }
 
@@ -99,7 +110,7 @@ bool GroupResolver::askFirst(TableQueue& queue, std::uint64_t end, std::uint64_t
       return true;
     }
     const Lumen::Ptr<ResolverEntry> entry = queue.front_;
-    fetchAhead(*entry);
+    fetchAhead(queue, *entry);
     if (!entry->isResolved()) {
       queue.refusedAt_ = genId_;
       return false;

@@ -62,7 +62,7 @@ class GroupResolver final : public Lumen::Node {
   friend class ResolverTableQueue;
 
   static bool frontIsLater(const TableQueue* a, const TableQueue* b) noexcept;
-  static void fetchAhead(const ResolverEntry& entry) noexcept;
+  static void fetchAhead(const TableQueue& queue, const ResolverEntry& entry) noexcept;
   void wake();
   void forget(TableQueue& queue) noexcept;
   bool askFirst(TableQueue& queue, std::uint64_t end, std::uint64_t limit, std::size_t& committed);

@@ -72,6 +72,14 @@ class ResolverTableQueue {
   ResolverTableQueue(const ResolverTableQueue&) = delete;
   ResolverTableQueue& operator=(const ResolverTableQueue&) = delete;
 
+  // Has the processor fetch what the commit of an operation will look for, first its keys' places
+  // (far), and some operations later what lies there (near).
+  using FetchAhead = void (*)(const void* table, const void* operation, bool near);
+  void fetchAheadIs(FetchAhead fetchAhead, const void* table) noexcept {
+    fetchAhead_ = fetchAhead;
+    table_ = table;
+  }
+
   [[nodiscard]] std::size_t size() const noexcept { return size_; }
   // The oldest operation, or null.
   [[nodiscard]] const Lumen::Ptr<ResolverEntry>& front() const noexcept { return front_; }
@@ -87,6 +95,8 @@ class ResolverTableQueue {
   GroupResolver* resolver_ = nullptr;  // set while the queue holds something
   std::uint64_t frontArrival_ = 0;
   std::uint64_t refusedAt_ = 0;  // the generation at which the front answered no; 0: not asked
+  FetchAhead fetchAhead_ = nullptr;
+  const void* table_ = nullptr;
 };
 
 }  // namespace Asic

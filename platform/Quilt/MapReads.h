@@ -24,6 +24,10 @@ class MapReads : public QuiltMapBase {
   // this object, good until its next read. Throws CorruptionDetectedException. No allocation.
   [[nodiscard]] const Record& find(const Key& key, bool& found) const;
 
+  // Has the processor fetch what a search for the key comes to first; `near`, when that is there,
+  // what it comes to next. Changes nothing.
+  void fetchAhead(const Key& key, bool near) const noexcept;
+
   // A walk in the collection's own order. first() fills the first record; next() the one that
   // follows `after`, which need not be there. False at the end. Throws CorruptionDetectedException;
   // `out` then holds anything. Records that come and go during a walk are shown or not, all others
@@ -198,6 +202,23 @@ inline const Record& MapReads<Record>::find(const Key& key, bool& found) const {
       }
     }
     restarts.again(*this, landing.link);
+  }
+}
+
+template <class Record>
+inline void MapReads<Record>::fetchAhead(const Key& key, bool near) const noexcept {
+  const std::uint32_t bucket = chains_.bucketOf(Words::of(key));
+  if (!chains_.headsUsed(bucket)) {
+    return;
+  }
+  const Word64& head = chains_.head(bucket);
+  if (!near) {
+    __builtin_prefetch(&head);
+  } else if (const std::uint64_t link = head.load(std::memory_order_relaxed);
+             link != 0 && Link::slot(link) < slotBound_) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&chains_.slot(Link::slot(link)));
+    __builtin_prefetch(bytes);
+    __builtin_prefetch(bytes + sizeof(RecordSlot) - 1);
   }
 }
 
