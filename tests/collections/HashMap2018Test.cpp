@@ -392,6 +392,26 @@ TEST(HashMap2018, PartsAnOverfullBucketByALargerDirectory) {
   EXPECT_TRUE(map.empty());
 }
 
+TEST(HashMap2018, DoesNotMergeBucketsThatFitIntoNone) {
+  Brio::HashMap2018<HN_Chosen> map;
+  // Two buckets that are neighbours in a directory of 2^17, each nearly as full as one can be; then
+  // as many members elsewhere, which go again, so that the directory might shrink.
+  constexpr std::uint32_t kHalf = 0x2000 + 0x1000;
+  for (std::uint32_t i = 0; i < 2 * kHalf; ++i) {
+    insertChosen(map, i, i % 2 * 0x8000 + i / 2 % 0x4000);
+  }
+  for (std::uint32_t i = 0; i < 400000; ++i) {
+    insertChosen(map, 1000000 + i, i << 12);
+  }
+  for (std::uint32_t i = 0; i < 400000; ++i) {
+    ASSERT_TRUE(map.del(ChosenKey{1000000 + i, i << 12}));
+  }
+  EXPECT_EQ(map.size(), 2 * kHalf);
+  for (std::uint32_t i = 0; i < 2 * kHalf; ++i) {
+    ASSERT_NE((map[ChosenKey{i, i % 2 * 0x8000 + i / 2 % 0x4000}]), nullptr) << i;
+  }
+}
+
 TEST(HashMap2018Iterator, RunsInARangeForWhoseBodyDeletesWhatItIsShown) {
   Brio::HashMap2018<HN_MapString> map;
   for (unsigned n = 0; n < 200; ++n) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -362,6 +363,48 @@ TEST_F(GroupResolverTest, ABlockedFrontThatComesOpenTakesItsPlaceByArrival) {
   open = true;
   resolver->runPass();
   EXPECT_THAT(commits(), ElementsAre("a1", "b2", "a3", "b4"));
+}
+
+TEST_F(GroupResolverTest, ACommitThatThrowsLeavesTheQueueUsable) {
+  enq(a, "a1")->effectIs([] { throw std::runtime_error("of a handler"); });
+  enq(a, "a2");
+  EXPECT_THROW(resolver->runPass(), std::runtime_error);
+  EXPECT_EQ(resolver->runPass(), 1U);
+  EXPECT_THAT(story, ElementsAre("? a1", "! a1", "? a2", "! a2"));
+}
+
+TEST_F(GroupResolverTest, AnotherOwnerOfTheLoopIsWokenThoughTheFirstNeverRanAPass) {
+  unsigned first = 0;
+  resolver->wakeUpIs([&] { ++first; });
+  enq(a, "a1");
+  unsigned second = 0;
+  resolver->wakeUpIs([&] { ++second; });
+  resolver->maybeUpdateSuspend();
+  EXPECT_EQ(first, 1U);
+  EXPECT_EQ(second, 1U);
+}
+
+TEST_F(GroupResolverTest, ANewsThatComesWithAQuestionWakesTheOwnerThoughNothingWasCommitted) {
+  enq(a, "a1")->answerIs([&] { return open; });
+  enq(b, "b1")->answerIs([&] {
+    if (!open) {
+      open = true;
+      resolver->updateGenId();
+    }
+    return false;
+  });
+  unsigned woken = 0;
+  resolver->wakeUpIs([&] { ++woken; });
+  EXPECT_EQ(resolver->runPass(), 0U);
+  EXPECT_EQ(woken, 1U) << "a1 was asked before the news";
+  EXPECT_EQ(resolver->runPass(), 1U);
+}
+
+TEST_F(GroupResolverTest, TheLastPointerToItMayGoWhileAPassRuns) {
+  enq(a, "a1")->effectIs([&] { resolver = nullptr; });
+  enq(a, "a2");
+  EXPECT_EQ(resolver->runPass(), 2U);
+  EXPECT_THAT(story, ElementsAre("? a1", "! a1", "? a2", "! a2"));
 }
 
 }  // namespace

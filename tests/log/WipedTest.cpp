@@ -256,6 +256,63 @@ TYPED_TEST(LogWiped, OfADamagedConfigurationTheWholeRecordsAreTakenOver) {
   EXPECT_EQ(whole, 99U);
 }
 
+TYPED_TEST(LogWiped, AStateDatabaseThatCannotBeReadHoldsUpNothing) {
+  (void)this->write(1);
+  const std::string database = this->vault_->file();
+  const std::string file = this->configFile(this->unit0);
+  this->start();
+  ASSERT_TRUE(std::filesystem::exists(database));
+  (void)this->bareLog();
+  this->bareLog().tableConfigQuiltDelAll();
+  this->memory()->entityDel(KelpEmServer::KelpConstants<TypeParam>::configQuiltPath(this->unit0));
+  std::filesystem::remove(file);
+  {
+    // A row that is no generation.
+    const auto text = Lumen::makeNode<Vault::Store>(database);
+    (void)text->valueChange("hardware/tinsel/agent/relaunch/config/KelpTunnelNi",
+                            [](const Lumen::String&) { return Lumen::String("no number"); });
+  }
+  LogCapture messages;
+  TestSupport::TraceCapture traces("MountQuilt/1");
+  this->bareLog().mountQuiltConfig(this->unit0, Asic::LogVersion{});
+  EXPECT_THAT(messages.lines(), ElementsAre(lostItem<TypeParam>("entryCfg")));
+  ASSERT_EQ(traces.lines().size(), 1U);
+  EXPECT_THAT(traces.lines()[0].text, testing::HasSubstr("The relaunch generation was not raised"));
+  EXPECT_FALSE(this->bareLog().tableConfigQuilt(this->unit0)->collectionControl()->wiped());
+}
+
+TYPED_TEST(LogWiped, ADamagedLogKeepsItsWholeRecordsAndItsVersions) {
+  for (std::uint64_t i = 0; i < 10; ++i) {
+    (void)this->write(i);
+  }
+  const auto& map = this->bareLog().tableEntryLog()->entryLogConfig();
+  const std::uint64_t slots = map.file()->geometry().slotsOffset;
+  const std::uint64_t slotBytes = map.file()->geometry().slotBytes;
+  const std::string file = this->logFile();
+  const std::uint64_t incarnation = this->logControl()->incarnation();
+  this->stop();
+  overwrite(file, slots + 3 * slotBytes + 16, 8);
+  LogCapture messages;
+  EXPECT_EQ(this->tableVersion(), 10U);
+  EXPECT_THAT(messages.lines(), ElementsAre(lostItem<TypeParam>("entryLog")));
+  EXPECT_EQ(this->logVersions().size(), 9U);
+  EXPECT_NE(this->logControl()->incarnation(), incarnation);
+  EXPECT_EQ(this->logControl()->published(), 10U);
+  EXPECT_EQ(this->write(11), 11U);
+}
+
+TYPED_TEST(LogWiped, ASavedVersionBehindThePublishedOneIsDamageAndReusesNoVersion) {
+  for (std::uint64_t i = 0; i < 10; ++i) {
+    (void)this->write(i);
+  }
+  this->logControl()->scratchpadIs(3);
+  this->stop();
+  TestSupport::TraceCapture traces(std::string(TypeParam::name.view()) + "KelpEntryLog/1");
+  EXPECT_EQ(this->tableVersion(), 10U);
+  EXPECT_EQ(this->write(11), 11U);
+  EXPECT_TRUE(traces.has(1, " The saved version 3 is behind the published one: 10"));
+}
+
 // --- the records of the messages
 
 TEST(LogMessages, TheRecordsAreRegisteredWithTheirTexts) {

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "Asic/GenId.h"
+#include "BrioSharedMem/EntityManager.h"
 #include "TempFolder.h"
 #include "Vault/EntityManager.h"
 
@@ -101,6 +102,15 @@ TEST_F(Vaults, KeepAnEntityThatIsMadeAgain) {
   vault->entityIs<Asic::GenId>(kPath)->majorIdInc(7);
   EXPECT_EQ(vault->entityIs<Asic::GenId>(kPath)->majorId(), 7U);
   EXPECT_THAT(vault->entityPaths(), ElementsAre(kPath));
+}
+
+TEST_F(Vaults, LieInTheFolderOfTheCollectionsWhateverTheNameIs) {
+  const auto vault = Lumen::makeNode<Vault::EntityManager>("my.switch 1", false, folder_.path());
+  const std::string folder =
+      BrioSharedMem::EntityManager::getEntityManager("my.switch 1", false)->folder();
+  EXPECT_EQ(vault->file(), folder + "/vault.sqlite");
+  EXPECT_EQ(Vault::EntityManager::fileOf("my.switch 1", folder_.path()), vault->file());
+  EXPECT_TRUE(std::filesystem::exists(vault->file()));
 }
 
 TEST_F(Vaults, AreReadableByAnyTool) {

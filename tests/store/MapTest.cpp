@@ -189,6 +189,38 @@ TEST(QuiltMap, AHintOfAnotherCollectionChangesNoAnswer) {
   EXPECT_EQ(shown, expected);
 }
 
+TEST(QuiltMap, AHintWhoseSlotHasBeenTakenForAnotherRecordChangesNoAnswer) {
+  Store store;
+  const auto entity = store.mount<ConfigQuilt>("it", 64);
+  for (std::uint32_t key = 0; key < 32; ++key) {
+    entity->map().recordIs(ConfigRecord::of(key, 1));
+  }
+  const auto reader = store.reader<ConfigQuilt>("it");
+  for (Quilt::QuiltMap<ConfigRecord>* map : {&entity->map(), &reader->map()}) {
+    for (std::uint32_t key = 0; key < 31; ++key) {
+      ConfigRecord record;
+      Quilt::IterHint hint;
+      ASSERT_TRUE(map->first(record, hint));
+      while (record.key.port != key) {
+        ASSERT_TRUE(map->next(record.key, record, hint));
+      }
+      // The slot of `key` goes to another one, which lies in another bucket.
+      ASSERT_TRUE(entity->map().recordDel(ConfigKey{key}));
+      entity->map().recordIs(ConfigRecord::of(1000 + key, 1));
+      const ConfigKey taken{1000 + key};
+      ConfigRecord expected;
+      Quilt::IterHint fresh;
+      const bool more = map->next(taken, expected, fresh);
+      ASSERT_EQ(map->next(taken, record, hint), more);
+      if (more) {
+        ASSERT_EQ(record.key.port, expected.key.port);
+      }
+      ASSERT_TRUE(entity->map().recordDel(taken));
+      entity->map().recordIs(ConfigRecord::of(key, 1));
+    }
+  }
+}
+
 TEST(QuiltMap, TheLogIsWalkedInTheOrderOfItsVersions) {
   Store store;
   const auto writer = store.mount<LogQuilt>("log", 1000);

@@ -407,4 +407,51 @@ TYPED_TEST(CommitPath, ChangesOfTwoUnitsTakeTheirVersionsFromOneSequence) {
   EXPECT_EQ(second->stats()->commitCnt(), 1U);
 }
 
+// --- a response handler that ends the agent
+
+TYPED_TEST(CommitPath, AHandlerMayEndTheAgentWhenAWriteFailsOnItsDependency) {
+  auto table = this->table();
+  const auto failed = this->handleIn(table, 5);
+  unsigned called = 0;
+  (void)table->entryWriteWithResponseHandler(this->key(1), this->entry(1), failed,
+                                             [&](const auto&) {
+                                               ++called;
+                                               table = nullptr;
+                                               this->agent_->stop();
+                                             });
+  const auto resolver = this->group()->groupResolver();
+  EXPECT_EQ(resolver->runPass(), 1U);
+  EXPECT_EQ(called, 1U);
+}
+
+TYPED_TEST(CommitPath, AHandlerMayEndTheAgentWhenARemoveHasNothingToDo) {
+  auto table = this->table();
+  unsigned called = 0;
+  (void)table->entryRemoveWithResponseHandler(this->key(1), nullptr, [&](const auto&) {
+    ++called;
+    table = nullptr;
+    this->agent_->stop();
+  });
+  (void)table->entryWrite(this->key(2), this->entry(2), nullptr);  // behind it in the queue
+  const auto resolver = this->group()->groupResolver();
+  EXPECT_EQ(resolver->runPass(), 1U);
+  EXPECT_EQ(called, 1U);
+  EXPECT_EQ(resolver->size(), 0U);
+}
+
+TYPED_TEST(CommitPath, AHandlerMayEndTheAgentWhenTheHardwareSideReports) {
+  auto table = this->table();
+  unsigned called = 0;
+  const auto handler = [&](const auto&) {
+    ++called;
+    table = nullptr;
+    this->agent_->stop();
+  };
+  (void)table->entryWriteWithResponseHandler(this->key(1), this->entry(1), nullptr, handler);
+  (void)table->entryWrite(this->key(2), this->entry(2), nullptr);
+  this->pass();
+  this->report(2);
+  EXPECT_EQ(called, 1U);
+}
+
 }  // namespace

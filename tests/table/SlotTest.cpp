@@ -209,4 +209,47 @@ TYPED_TEST(AttributeNumbersWithoutResources, CloseUpBehindTheOthers) {
   EXPECT_EQ(number<Wrapper>("finalizeOnFailure"), 138U);
 }
 
+template <class Wrapper>
+void expectBehindResources(unsigned first) {
+  EXPECT_EQ(number<Wrapper>("setResolvedFields"), first);
+  EXPECT_EQ(number<Wrapper>("retrieveClientData"), first + 1);
+  EXPECT_EQ(number<Wrapper>("finalizeOnSuccess"), first + 2);
+  EXPECT_EQ(number<Wrapper>("finalizeOnFailure"), first + 3);
+}
+
+template <class Table>
+void expectInLifNumbers(std::string_view second) {
+  using Wrapper = KelpEmServer::KelpEntryWrapper<Table>;
+  EXPECT_EQ(number<Wrapper>("inLifIdxKey"), 135U);
+  EXPECT_EQ(number<Wrapper>("inLifIdxKeyResPtr"), 136U);
+  EXPECT_EQ(number<Wrapper>("inLif0Index"), 137U);
+  EXPECT_EQ(number<Wrapper>(second), 138U);
+  expectBehindResources<Wrapper>(139);
+}
+
+TEST(AttributeNumbersOfResources, OfAnIngressInterface) {
+  expectInLifNumbers<KelpEmServer::Isem1Tag>("inLif1Index");
+  expectInLifNumbers<KelpEmServer::Isem2Tag>("inLif1Index");
+  expectInLifNumbers<KelpEmServer::IsemUntagged>("inLif1Index");
+  expectInLifNumbers<KelpEmServer::IsemMpls>("inLif23Index");
+}
+
+TEST(AttributeNumbersOfResources, OfAVlanEditAndARemarkProfile) {
+  using Wrapper = KelpEmServer::KelpEntryWrapper<KelpEmServer::EsemFodoVd>;
+  EXPECT_EQ(number<Wrapper>("vlanEditProfileKey"), 135U);
+  EXPECT_EQ(number<Wrapper>("vlanEditProfileKeyResPtr"), 136U);
+  EXPECT_EQ(number<Wrapper>("vlanEditProfile"), 137U);
+  EXPECT_EQ(number<Wrapper>("remarkProfileType"), 138U);
+  EXPECT_EQ(number<Wrapper>("remarkProfileKey"), 139U);
+  EXPECT_EQ(number<Wrapper>("remarkProfileKeyResPtr"), 140U);
+  EXPECT_EQ(number<Wrapper>("remarkProfile"), 141U);
+  expectBehindResources<Wrapper>(142);
+}
+
+// Only what is too large for the slab comes from the general heap.
+static_assert(sizeof(KelpEmServer::KelpEntryWrapper<KelpEmServer::Isem2Tag>) <=
+              PoolSlab::kLargestSize);
+static_assert(sizeof(KelpEmServer::KelpEntryWrapper<KelpEmServer::EsemFodoVd>) >
+              PoolSlab::kLargestSize);
+
 }  // namespace

@@ -360,4 +360,38 @@ TYPED_TEST(SoftwareTableStateDeathTest, AWrapperIsReplacedUnderItsOwnKeyOnly) {
   EXPECT_EQ(node.value(), same);
 }
 
+// A subscriber that takes every marked key out again at once.
+template <class Table>
+class Unmark final : private Lumen::Subscriber {
+ public:
+  using Key = typename Table::Key;
+
+  explicit Unmark(const Lumen::Ptr<Table>& table) : Subscriber(&Unmark::changed), table_(table) {
+    table_->publisher()->subscriberAdd(this);
+  }
+  ~Unmark() { table_->publisher()->subscriberRemove(this); }
+
+ private:
+  static void changed(Lumen::Publisher*, Lumen::Subscriber* self, Lumen::FieldId field,
+                      const void* key, const void*) {
+    if (field.attribute() == 916) {
+      static_cast<Unmark*>(self)->table_->markedKeyDel(*static_cast<const Key*>(key));
+    }
+  }
+
+  Lumen::Ptr<Table> table_;
+};
+
+TYPED_TEST(SoftwareTableState, ASubscriberMayTakeAMarkOutAgain) {
+  const auto table = this->table();
+  {
+    const Unmark unmark(table);
+    EXPECT_EQ(table->markedKeyIs(this->key(1)), nullptr);
+  }
+  EXPECT_EQ(table->markedKey().size(), 0U);
+  const auto* node = table->markedKeyIs(this->key(1));
+  ASSERT_NE(node, nullptr);
+  EXPECT_TRUE(node->key().isEq(this->key(1)));
+}
+
 }  // namespace
