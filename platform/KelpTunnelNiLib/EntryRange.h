@@ -61,5 +61,5 @@ class EntryRange {
 }  // namespace KelpTunnelNiLib
 
 template <class SwTable>
-inline constexpr bool
-    std::ranges::enable_borrowed_range<KelpTunnelNiLib::EntryRange<SwTable>> = true;
+inline constexpr bool std::ranges::enable_borrowed_range<KelpTunnelNiLib::EntryRange<SwTable>> =
+    true;
