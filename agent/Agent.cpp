@@ -41,12 +41,20 @@ Agent::Agent(const Options& options)
       lastTold_(lastMove_) {
   // A peer or a reader of ours that goes away is an error of the write.
   std::signal(SIGPIPE, SIG_IGN);
-  intake_.emplace(store_.makeTables(options.units), options.units, options.inFlight);
-  // Whatever can't be opened is said before the first intent is taken. What is written anew comes
-  // last: by then the store is known to be ours.
-  files_.emplace(loop_, options.intents, *intake_, outcomes_, [this] { endIfDone(); });
+  intake_.emplace(store_, store_.makeTables(options.units), options.units, options.inFlight);
+  restart_.emplace(store_, *intake_);
+  // From here on the store is known to be ours.
+  kept_.emplace(store_.folder() + "/intents.sqlite", options.forget, !options.intents.empty());
+  intake_->keptIs(&*kept_);
+  intake_->completeReplayIs([this](const std::shared_ptr<Source>& source, std::uint64_t line) {
+    orderCompleteReplay(source, line);
+  });
+  // Whatever can't be opened is said before the first intent is taken.
+  files_.emplace(loop_, options.intents, *intake_, outcomes_,
+                 FileReader::Events{[this](Replay& replay) { foldKept(replay); },
+                                    [this] { replayed(); }, [this] { filesEnded(); }});
   if (!options.socket.empty()) {
-    socket_.emplace(loop_, options.socket, *intake_);
+    socket_.emplace(loop_, options.socket, *intake_, *kept_);
   }
   outcomes_.open([this] { files_->resume(); });
   store_.group().groupResolver()->wakeUpIs([this] { asio::post(loop_, [this] { runPass(); }); });
@@ -57,6 +65,7 @@ Agent::~Agent() {
   bell_.release();
   socket_.reset();
   files_.reset();
+  restart_.reset();
   intake_.reset();
   BriskTrace::defaultBriskTraceHandle = nullptr;
 }
@@ -65,13 +74,21 @@ int Agent::run() {
   waitForSignal();
   waitForTick();
   handleBell();
-  if (socket_) {
-    socket_->start();
+  // Over what an earlier run has left, states that are long past must not come up again. On tables
+  // that nobody has written to there are none.
+  const bool withReplay = !restart_->nothingThere() || !kept_->lines().empty();
+  files_->start(withReplay);
+  if (!withReplay) {
+    replayed();
   }
-  files_->start();
   loop_.run();
   outcomes_.flush();
+  intake_->keepInLog();
+  if (!kept_->flush()) {
+    failedOtherwise_ = true;
+  }
   tellProgress(true);
+  restart_->tell(true);
   if (stopped_ && intake_->inFlight() != 0) {
     say("stopped: {} intents have no outcome yet; those that are in a log stay there",
         intake_->inFlight());
@@ -166,6 +183,8 @@ void Agent::handleTick() {
     socket_->checkPeers(options_.peerTimeout);
   }
   outcomes_.flush();
+  (void)kept_->flush();
+  settleOrders();
   tellProgress(false);
   giveUpIfStuck(now);
 }
@@ -198,6 +217,7 @@ void Agent::afterNews() {
   store_.ringIfPublished();
   intake_->removeAllsSettle();
   outcomes_.flush();
+  restart_->tell(false);
   // Not at every place that falls free: a batch at a time.
   if (intake_->inFlight() <= intake_->limit() / 4 * 3) {
     files_->resume();
@@ -208,11 +228,111 @@ void Agent::afterNews() {
   endIfDone();
 }
 
+namespace {
+
+// Nobody is there any more to hear how a kept intent ends; if it fails, people should know.
+class KeptSource final : public Source {
+ public:
+  KeptSource() : Source("kept") {}
+  void outcomeIs(std::string_view line) override {
+    if (line.find(R"("outcome":"failed")") != std::string_view::npos) {
+      if (failed_++ < kMostTold) {
+        say("an intent that was kept from the socket failed: {}", line.substr(0, line.size() - 1));
+      }
+    }
+  }
+
+ private:
+  static constexpr unsigned kMostTold = 10;
+  unsigned failed_ = 0;
+};
+
+}  // namespace
+
+// The kept ones go last: they came while the files of their time had been read.
+void Agent::foldKept(Replay& replay) {
+  const auto source = std::make_shared<KeptSource>();
+  std::uint64_t number = 0;
+  std::uint64_t left = 0;
+  std::string why;
+  for (const std::string& line : kept_->lines()) {
+    ++number;
+    try {
+      replay.addKept(Common::parseIntent(line), line, source, number);
+    } catch (const Common::InputError& error) {
+      ++left;
+      why = error.what();
+    }
+  }
+  if (left != 0) {
+    say("{}: {} of {} kept intents are left out, such as for this: {}", kept_->file(), left, number,
+        why);
+  }
+}
+
+// Peers come in only now: what they say is newer than what was kept.
+void Agent::replayed() {
+  if (socket_) {
+    socket_->start();
+  }
+}
+
+void Agent::filesEnded() {
+  settleOrders();
+  if (options_.exitWhenDone && !options_.intents.empty() && !options_.noSweep) {
+    (void)completeReplay();
+  }
+  filesEnded_ = true;
+  endIfDone();
+}
+
+void Agent::settleOrders() {
+  if (ordersWaiting_.empty() || files_->regularLeft()) {
+    return;
+  }
+  for (const auto& [source, line] : std::exchange(ordersWaiting_, {})) {
+    orderCompleteReplay(source, line);
+    source->inFlightDec();
+  }
+}
+
+void Agent::orderCompleteReplay(const std::shared_ptr<Source>& source, std::uint64_t line) {
+  if (source->isKept() && files_->regularLeft()) {
+    source->inFlightInc();
+    ordersWaiting_.push_back({source, line});
+    return;
+  }
+  Intake::tellOrder(*source, line, "replayComplete", completeReplay());
+}
+
+// False: it is not, as has been said.
+bool Agent::completeReplay() {
+  if (restart_->isComplete()) {
+    return true;
+  }
+  if (options_.noSweep) {
+    say("the replay is not complete: the agent runs with --no-sweep");
+    return false;
+  }
+  // Nobody knows what the wrong lines ask for; it may be what is there.
+  if (files_->skipped() != 0) {
+    if (!restart_->nothingThere()) {
+      say("nothing is swept: {} lines of intents were wrong, and what they ask for might be swept; "
+          "correct them and start again",
+          files_->skipped());
+    }
+    return false;
+  }
+  restart_->complete();
+  store_.ringIfPublished();
+  restart_->tell(false);
+  return true;
+}
+
 // Not by hasPendingHwWrites(): a table whose operation failed on its dependency answers that with
 // true until the key is used again, and nothing of it is on its way to the hardware.
 void Agent::endIfDone() {
-  if (options_.exitWhenDone && files_->ended() && intake_->inFlight() == 0 &&
-      intake_->logsTakenIn()) {
+  if (options_.exitWhenDone && filesEnded_ && intake_->inFlight() == 0 && intake_->logsTakenIn()) {
     loop_.stop();
   }
 }
@@ -287,7 +407,7 @@ void Agent::tellProgress(bool last) {
 }
 
 void Agent::tellSummary() {
-  const std::string text = summaryText(options_, *intake_, files_->skipped());
+  const std::string text = summaryText(options_, *intake_, *restart_, files_->skipped());
   if (options_.summary.empty()) {
     sayText(text);
   } else if (options_.summary == "-" && options_.outcomes == "-") {

@@ -8,12 +8,15 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "BriskTrace/TraceHandle.h"
 #include "agent/FileReader.h"
 #include "agent/Intake.h"
+#include "agent/KeptIntents.h"
 #include "agent/Options.h"
 #include "agent/OutcomeWriter.h"
+#include "agent/Restart.h"
 #include "agent/SocketServer.h"
 #include "agent/Store.h"
 
@@ -46,6 +49,12 @@ class Agent {
   void runPass();
   void lookAtStatus();
   void afterNews();
+  void foldKept(Replay& replay);
+  void replayed();
+  void filesEnded();
+  void settleOrders();
+  void orderCompleteReplay(const std::shared_ptr<Source>& source, std::uint64_t line);
+  [[nodiscard]] bool completeReplay();
   void endIfDone();
   void giveUpIfStuck(Clock::time_point now);
   void giveUp();
@@ -60,7 +69,9 @@ class Agent {
   std::unique_ptr<BriskTrace::TraceHandle> brisk_;
   Store store_;
   OutcomeWriter outcomes_;
+  std::optional<KeptIntents> kept_;
   std::optional<Intake> intake_;
+  std::optional<Restart> restart_;
   std::optional<FileReader> files_;
   std::optional<SocketServer> socket_;
   asio::posix::stream_descriptor bell_;
@@ -70,6 +81,9 @@ class Agent {
   Clock::time_point lastTold_;
   Clock::time_point lastAsked_;
   std::string told_;
+  // Who asked for the end of the replay while a file was still being read.
+  std::vector<FileReader::Order> ordersWaiting_;
+  bool filesEnded_ = false;  // and what that means for the replay is done
   bool failedOtherwise_ = false;
   bool gaveUp_ = false;
   bool stopped_ = false;  // by a signal

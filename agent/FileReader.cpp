@@ -7,12 +7,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <asio/post.hpp>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
 
+#include "agent/Order.h"
 #include "agent/Say.h"
 #include "common/Intent.h"
 
@@ -66,8 +68,8 @@ ssize_t readWithoutWaiting(int descriptor, char* bytes, std::size_t most) {
 }  // namespace
 
 FileReader::FileReader(asio::io_context& loop, const std::vector<std::string>& files,
-                       Intake& intake, OutcomeWriter& outcomes, std::function<void()> ended)
-    : loop_(loop), intake_(intake), outcomes_(outcomes), ended_(std::move(ended)) {
+                       Intake& intake, OutcomeWriter& outcomes, Events events)
+    : loop_(loop), intake_(intake), outcomes_(outcomes), events_(std::move(events)) {
   for (const std::string& name : files) {
     open(name);
   }
@@ -83,13 +85,25 @@ void FileReader::open(const std::string& name) {
   File& opened = files_.emplace_back();
   opened.source = std::make_shared<FileSource>(name == "-" ? "stdin" : name, outcomes_);
   opened.descriptor = std::make_unique<asio::posix::stream_descriptor>(loop_, file);
+  opened.regular = S_ISREG(status.st_mode);
   opened.waitFirst = S_ISFIFO(status.st_mode);
   if (S_ISDIR(status.st_mode)) {
     failOpen(name, "it is a folder");
   }
 }
 
-void FileReader::start() { stepLater(); }
+void FileReader::start(bool withReplay) {
+  if (withReplay) {
+    phase_ = Phase::folding;
+    replay_.emplace(intake_);
+  }
+  stepLater();
+}
+
+bool FileReader::regularLeft() const noexcept {
+  return std::any_of(files_.begin() + static_cast<std::ptrdiff_t>(current_), files_.end(),
+                     [](const File& file) { return file.regular; });
+}
 
 void FileReader::resume() {
   if (std::exchange(paused_, false)) {
@@ -107,11 +121,40 @@ void FileReader::wait() {
                                           [this](const asio::error_code&) { step(); });
 }
 
+void FileReader::stepReplay() {
+  if (!intake_.hasRoom() || outcomes_.full()) {
+    paused_ = true;
+    return;
+  }
+  replay_->step(kLinesAtATurn);
+  if (replay_->done()) {
+    phase_ = Phase::streaming;
+    replay_.reset();
+    events_.replayed();
+    if (const auto order = std::exchange(order_, std::nullopt)) {
+      intake_.completeReplay(order->source, order->line);
+    }
+  }
+  stepLater();
+}
+
 void FileReader::step() {
+  if (phase_ == Phase::folding && (order_ || ended() || !files_[current_].regular)) {
+    events_.folded(*replay_);
+    phase_ = Phase::replaying;
+  }
+  if (phase_ == Phase::replaying) {
+    stepReplay();
+    return;
+  }
   for (unsigned lines = 0; !ended(); ++lines) {
     // What is not read waits in the file, or holds up whoever writes into the pipe.
-    if (!intake_.hasRoom() || outcomes_.full()) {
+    if (phase_ == Phase::streaming && (!intake_.hasRoom() || outcomes_.full())) {
       paused_ = true;
+      return;
+    }
+    if (phase_ == Phase::folding && (order_ || !files_[current_].regular)) {
+      stepLater();
       return;
     }
     if (lines == kLinesAtATurn) {
@@ -138,7 +181,11 @@ void FileReader::step() {
         break;
     }
   }
-  ended_();
+  if (phase_ == Phase::folding) {
+    stepLater();
+  } else {
+    events_.ended();
+  }
 }
 
 FileReader::Read FileReader::readSome(File& file) {
@@ -172,7 +219,13 @@ void FileReader::takeLine(File& file, const LineBuffer::Line& line, bool unfinis
                       LineBuffer::kLongestLine));
     }
     if (!Common::isBlankOrComment(line.text)) {
-      intake_.take(Common::parseIntent(line.text), file.source, line.number);
+      if (phase_ != Phase::folding) {
+        intake_.takeLine(line.text, file.source, line.number);
+      } else if (isReplayComplete(line.text)) {
+        order_ = Order{file.source, line.number};
+      } else {
+        replay_->add(Common::parseIntent(line.text), line.text, file.source, line.number);
+      }
     }
   } catch (const Common::InputError& error) {
     ++skipped_;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Brio/Hash.h"
+#include "agent/Order.h"
 
 namespace Agent {
 
@@ -23,9 +24,13 @@ std::size_t Intake::HashKey::operator()(const AnyKey& key) const noexcept {
       key);
 }
 
-Intake::Intake(std::vector<std::unique_ptr<Common::AnyTable>> tables, unsigned units,
-               std::size_t limit)
-    : tables_(std::move(tables)), units_(units), limit_(limit), places_(tables_.size()) {}
+Intake::Intake(const Store& store, std::vector<std::unique_ptr<Common::AnyTable>> tables,
+               unsigned units, std::size_t limit)
+    : store_(store),
+      tables_(std::move(tables)),
+      units_(units),
+      limit_(limit),
+      places_(tables_.size()) {}
 
 Intake::~Intake() = default;
 
@@ -58,6 +63,10 @@ Intake::Handle Intake::dependencyOf(const Intent& intent) const {
   if (tables_[at]->has(after.key)) {
     return nullptr;
   }
+  failAfter(after);
+}
+
+void Intake::failAfter(const Common::EntryName& after) {
   std::string key;
   Common::appendKey(key, after.key);
   throw InputError(
@@ -75,12 +84,56 @@ Intake::Slot& Intake::freeSlot() {
   return slot;
 }
 
+void Intake::takeLine(std::string_view text, const std::shared_ptr<Source>& source,
+                      std::uint64_t line) {
+  if (isReplayComplete(text)) {
+    completeReplay_(source, line);
+  } else {
+    take(Common::parseIntent(text), source, line);
+  }
+}
+
 void Intake::take(const Intent& intent, const std::shared_ptr<Source>& source, std::uint64_t line) {
   const std::size_t at = placeOf(intent.table(), intent.unit);
   const Handle dependency = dependencyOf(intent);
-  Common::AnyTable& table = *tables_[at];
+  Slot& slot = accept(intent, at, source, line);
+  if (kept_ != nullptr && source->isKept()) {
+    Common::appendIntent(slot.text, intent);
+  }
+  if (intent.op != IntentOp::removeAll) {
+    operate(slot, intent, dependency);
+    return;
+  }
   Place& place = places_[at];
+  if (place.removeAlls.empty()) {
+    withRemoveAlls_.push_back(at);
+  }
+  place.lastRemoveAll = slot.number;
+  place.removeAlls.push_back({&slot, false, 0});
+  tables_[at]->removeAll(dependency, [this, &slot](const Handle&) { removeAllFailed(slot); });
+}
 
+void Intake::replay(const Intent& intent, const std::shared_ptr<Source>& source, std::uint64_t line,
+                    std::vector<Replaced> replaces,
+                    const std::function<bool(const AnyKey&)>& stays) {
+  Handle dependency;
+  try {
+    dependency = dependencyOf(intent);
+  } catch (const InputError&) {
+    // It was there when the intent first came.
+  }
+  Slot& slot = accept(intent, placeOf(intent.table(), intent.unit), source, line);
+  totals_.accepted += replaces.size();
+  slot.replaces = std::move(replaces);
+  if (intent.op == IntentOp::removeAll) {
+    removeRest(slot, dependency, stays);
+  } else {
+    operate(slot, intent, dependency);
+  }
+}
+
+Intake::Slot& Intake::accept(const Intent& intent, std::size_t at,
+                             const std::shared_ptr<Source>& source, std::uint64_t line) {
   Slot& slot = freeSlot();
   slot.source = source;
   slot.line = line;
@@ -89,18 +142,14 @@ void Intake::take(const Intent& intent, const std::shared_ptr<Source>& source, s
   slot.place = at;
   source->inFlightInc();
   ++totals_.accepted;
+  return slot;
+}
 
-  if (intent.op == IntentOp::removeAll) {
-    if (place.removeAlls.empty()) {
-      withRemoveAlls_.push_back(at);
-    }
-    place.lastRemoveAll = slot.number;
-    place.removeAlls.push_back({&slot, false, 0});
-    table.removeAll(dependency, [this, &slot](const Handle&) { removeAllFailed(slot); });
-    return;
-  }
+// A write, or a remove of one key.
+void Intake::operate(Slot& slot, const Intent& intent, const Handle& dependency) {
+  Common::AnyTable& table = *tables_[slot.place];
   slot.key = Common::keyOf(intent.entry);
-  slot.known = &place.known[slot.key];
+  slot.known = &places_[slot.place].known[slot.key];
   // Two words, so that a ResponseHandler holds them without an allocation. A slot is free again
   // only after its handler has run.
   const auto handler = [this, &slot](const Handle& handle) { ended(slot, handle); };
@@ -109,6 +158,31 @@ void Intake::take(const Intent& intent, const std::shared_ptr<Source>& source, s
   slot.known->newest = slot.handle;
   slot.known->number = slot.number;
   ++slot.known->inFlight;
+}
+
+void Intake::removeRest(Slot& slot, const Handle& dependency,
+                        const std::function<bool(const AnyKey&)>& stays) {
+  Common::AnyTable& table = *tables_[slot.place];
+  std::vector<AnyKey> rest = store_.keysOf(table);
+  std::erase_if(rest, stays);
+  if (rest.empty()) {
+    end(slot, true, 0);
+    return;
+  }
+  Rest& removes = rests_.emplace_back(Rest{&slot, rest.size(), false});
+  for (const AnyKey& key : rest) {
+    (void)table.remove(key, dependency, [this, &removes](const Handle& handle) {
+      restEnded(removes, handle->entryState() == Asic::EntryState::entryStateSuccess);
+    });
+  }
+}
+
+void Intake::restEnded(Rest& rest, bool success) {
+  rest.failed = rest.failed || !success;
+  if (--rest.left == 0) {
+    end(*rest.slot, !rest.failed, 0);
+    rests_.remove_if([&](const Rest& one) { return &one == &rest; });
+  }
 }
 
 void Intake::ended(Slot& slot, const Handle& handle) {
@@ -200,36 +274,62 @@ void Intake::removeAllsSettle() {
 }
 
 void Intake::end(Slot& slot, bool success, std::uint64_t version) {
+  const Common::AnyTable& table = *tables_[slot.place];
+  const std::uint64_t lines = 1 + slot.replaces.size();
   if (success) {
-    ++totals_.succeeded;
+    totals_.succeeded += lines;
   } else {
-    ++totals_.failed;
-    ++places_[slot.place].failed;
+    totals_.failed += lines;
+    places_[slot.place].failed += lines;
   }
-  tell(slot, success, version);
+  if (success && !slot.text.empty()) {
+    kept_->add(slot.number, slot.op, table, slot.key, std::move(slot.text));
+  }
+  for (const Replaced& line : slot.replaces) {
+    tell(*line.source, line.line, line.op, line.key, table, success, version);
+  }
+  tell(*slot.source, slot.line, slot.op, slot.key, table, success, version);
   slot.source->inFlightDec();
   slot.source = nullptr;
   slot.handle = nullptr;
   slot.known = nullptr;
+  slot.text.clear();
+  slot.replaces.clear();
   free_.push_back(&slot);
 }
 
-void Intake::tell(const Slot& slot, bool success, std::uint64_t version) {
-  const Common::AnyTable& table = *tables_[slot.place];
+void Intake::tell(Source& source, std::uint64_t line, IntentOp op, const AnyKey& key,
+                  const Common::AnyTable& table, bool success, std::uint64_t version) {
   text_.clear();
   fmt::format_to(std::back_inserter(text_), R"({{"source":{},"line":{},"op":"{}","table":"{}")",
-                 slot.source->quotedName(), slot.line, name(slot.op), table.name());
+                 source.quotedName(), line, name(op), table.name());
   fmt::format_to(std::back_inserter(text_), R"(,"unit":{})", table.unit().value);
-  if (slot.op != IntentOp::removeAll) {
+  if (op != IntentOp::removeAll) {
     text_ += ",\"key\":";
-    Common::appendKey(text_, slot.key);
+    Common::appendKey(text_, key);
   }
   text_ += success ? R"(,"outcome":"success")" : R"(,"outcome":"failed")";
-  if (slot.op != IntentOp::removeAll) {
+  if (op != IntentOp::removeAll) {
     fmt::format_to(std::back_inserter(text_), R"(,"version":{})", version);
   }
   text_ += "}\n";
-  slot.source->outcomeIs(text_);
+  source.outcomeIs(text_);
+}
+
+void Intake::tellOrder(Source& source, std::uint64_t line, std::string_view op, bool success) {
+  source.outcomeIs(fmt::format(R"({{"source":{},"line":{},"op":"{}","outcome":"{}"}})"
+                               "\n",
+                               source.quotedName(), line, op, success ? "success" : "failed"));
+}
+
+void Intake::keepInLog() {
+  for (Slot& slot : slots_) {
+    if (slot.source && slot.handle && !slot.text.empty() &&
+        slot.handle->entryState() == Asic::EntryState::entryStateInLog) {
+      kept_->add(slot.number, slot.op, *tables_[slot.place], slot.key, std::move(slot.text));
+      slot.text.clear();
+    }
+  }
 }
 
 bool Intake::logsTakenIn() const {

@@ -3,14 +3,19 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <list>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
+#include "agent/KeptIntents.h"
 #include "agent/RoomTeller.h"
 #include "agent/Source.h"
+#include "agent/Store.h"
 #include "common/AnyTable.h"
 #include "common/Intent.h"
 
@@ -43,9 +48,21 @@ class Intake {
     std::string reason;
   };
 
-  // Takes the tables of `units` units, by table number and then unit. At most `limit` intents are
-  // in flight at a time.
-  Intake(std::vector<std::unique_ptr<Common::AnyTable>> tables, unsigned units, std::size_t limit);
+  // What a line with this key says goes for all lines before it: those end with it, as it does.
+  struct Replaced {
+    std::shared_ptr<Source> source;
+    std::uint64_t line;
+    Common::IntentOp op;
+    Common::AnyKey key;
+  };
+  struct HashKey {
+    std::size_t operator()(const Common::AnyKey& key) const noexcept;
+  };
+
+  // Takes the tables of `units` units of the store, by table number and then unit. At most `limit`
+  // intents are in flight at a time.
+  Intake(const Store& store, std::vector<std::unique_ptr<Common::AnyTable>> tables, unsigned units,
+         std::size_t limit);
   // Drops what is in flight; its sources hear nothing of it.
   ~Intake();
   Intake(const Intake&) = delete;
@@ -53,6 +70,7 @@ class Intake {
 
   [[nodiscard]] bool hasRoom() const noexcept { return inFlight() < limit_; }
   [[nodiscard]] std::size_t limit() const noexcept { return limit_; }
+  [[nodiscard]] unsigned units() const noexcept { return units_; }
   // Intents that have no outcome yet.
   [[nodiscard]] std::size_t inFlight() const noexcept { return slots_.size() - free_.size(); }
   [[nodiscard]] const Totals& totals() const noexcept { return totals_; }
@@ -62,10 +80,44 @@ class Intake {
     return tables_;
   }
 
+  // Where the intents of sources that are kept go once they have ended well; null: nowhere. Must
+  // outlive the intake.
+  void keptIs(KeptIntents* kept) noexcept { kept_ = kept; }
+  // Called for a line that says that the replay is complete.
+  using CompleteReplay =
+      std::function<void(const std::shared_ptr<Source>& source, std::uint64_t line)>;
+  void completeReplayIs(CompleteReplay completeReplay) {
+    completeReplay_ = std::move(completeReplay);
+  }
+
+  void completeReplay(const std::shared_ptr<Source>& source, std::uint64_t line) const {
+    completeReplay_(source, line);
+  }
+
+  // Takes the intent of a line, or the word that the replay is complete. Throws as take(), and for
+  // a line that is neither.
+  void takeLine(std::string_view text, const std::shared_ptr<Source>& source, std::uint64_t line);
   // Takes an intent. Throws Common::InputError, and takes nothing: no such unit, or `after` names
   // an entry that nobody wrote.
   void take(const Common::Intent& intent, const std::shared_ptr<Source>& source,
             std::uint64_t line);
+  // Takes one that was read before: an `after` that can't be met any more is passed over, and a
+  // remove-all removes every key of which `stays` is false. Throws if there is no such unit.
+  void replay(const Common::Intent& intent, const std::shared_ptr<Source>& source,
+              std::uint64_t line, std::vector<Replaced> replaces,
+              const std::function<bool(const Common::AnyKey&)>& stays);
+  // A source is told that its line has been carried out, or not.
+  static void tellOrder(Source& source, std::uint64_t line, std::string_view op, bool success);
+  // Keeps what is in a log and has no outcome yet, as at a stop.
+  void keepInLog();
+
+  // The table of a unit among tables(). Throws Common::InputError if there is no such unit; where
+  // it was named is told by `where`, such as "after.".
+  [[nodiscard]] std::size_t placeOf(std::size_t table, Asic::UnitId unit,
+                                    std::string_view where = {}) const;
+  // Throws Common::InputError: `after` names what nobody wrote.
+  [[noreturn]] static void failAfter(const Common::EntryName& after);
+
   // After a pass of the resolver, and after a report of the hardware side.
   void removeAllsSettle();
   // Says which tables have no room for changes.
@@ -78,9 +130,6 @@ class Intake {
 
  private:
   using Handle = Common::AnyTable::Handle;
-  struct HashKey {
-    std::size_t operator()(const Common::AnyKey& key) const noexcept;
-  };
   // What is known of a key of this run.
   struct Known {
     Handle newest;               // the newest operation on it; null once that has ended well
@@ -99,6 +148,14 @@ class Intake {
     Common::AnyKey key;
     Handle handle;           // null of a remove-all
     Known* known = nullptr;  // what is known of the key
+    std::string text;        // the intent as a line, if it is to be kept
+    std::vector<Replaced> replaces;
+  };
+  // The removes of one key that a remove-all in a replay comes to.
+  struct Rest {
+    Slot* slot;
+    std::size_t left;
+    bool failed;
   };
   struct RemoveAll {
     Slot* slot;
@@ -121,17 +178,22 @@ class Intake {
     std::uint64_t number;  // of its newest operation; another one means that it is in use again
   };
 
-  // Where a unit that is not there was named is told by `where`, such as "after.".
-  [[nodiscard]] std::size_t placeOf(std::size_t table, Asic::UnitId unit,
-                                    std::string_view where = {}) const;
   [[nodiscard]] Handle dependencyOf(const Common::Intent& intent) const;
   [[nodiscard]] Slot& freeSlot();
+  Slot& accept(const Common::Intent& intent, std::size_t at, const std::shared_ptr<Source>& source,
+               std::uint64_t line);
+  void operate(Slot& slot, const Common::Intent& intent, const Handle& dependency);
+  void removeRest(Slot& slot, const Handle& dependency,
+                  const std::function<bool(const Common::AnyKey&)>& stays);
+  void restEnded(Rest& rest, bool success);
   void end(Slot& slot, bool success, std::uint64_t version);
   void ended(Slot& slot, const Handle& handle);
   void keyIsIdle(std::size_t at, const Common::AnyKey& key, const Known& known);
   void removeAllFailed(Slot& slot);
-  void tell(const Slot& slot, bool success, std::uint64_t version);
+  void tell(Source& source, std::uint64_t line, Common::IntentOp op, const Common::AnyKey& key,
+            const Common::AnyTable& table, bool success, std::uint64_t version);
 
+  const Store& store_;
   std::vector<std::unique_ptr<Common::AnyTable>> tables_;
   unsigned units_;
   std::size_t limit_;
@@ -139,7 +201,10 @@ class Intake {
   std::deque<Slot> slots_;  // never shrinks: addresses are kept
   std::vector<Slot*> free_;
   std::vector<std::size_t> withRemoveAlls_;  // the places that wait for one
+  std::list<Rest> rests_;
   std::deque<Remembered> remembered_;
+  KeptIntents* kept_ = nullptr;
+  CompleteReplay completeReplay_;
   std::uint64_t nextNumber_ = 1;
   Totals totals_;
   RoomTeller rooms_;

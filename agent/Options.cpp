@@ -49,6 +49,12 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
   app.add_flag("--exit-when-done", options.exitWhenDone,
                "End once all files are read, every intent has reached its end and the hardware "
                "side has taken in all changes");
+  app.add_flag("--no-sweep", options.noSweep,
+               "Keep entries of earlier runs that the intents of this one do not ask for again. "
+               "Without it --exit-when-done removes them when all files are read, and "
+               "{\"op\":\"replayComplete\"} does at any time");
+  app.add_flag("--forget", options.forget,
+               "Start without what peers of the socket sent in earlier runs");
   auto* timeoutOption =
       app.add_option("--timeout", timeout,
                      "With --exit-when-done: give up when nothing has moved for so many seconds, "

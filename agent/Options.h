@@ -29,6 +29,8 @@ struct Options {
   std::string summary;         // empty: none; "-": the standard output
   std::string brisk;           // empty: none
   bool exitWhenDone = false;
+  bool noSweep = false;
+  bool forget = false;
   std::optional<std::chrono::milliseconds> timeout;
   std::size_t inFlight = 16384;
   std::chrono::milliseconds peerTimeout{30000};

@@ -17,10 +17,12 @@ constexpr unsigned kLinesAtATurn = 256;
 
 }  // namespace
 
-Peer::Peer(Socket socket, std::string name, Intake& intake, std::function<void(Peer&)> gone)
+Peer::Peer(Socket socket, std::string name, Intake& intake, KeptIntents& kept,
+           std::function<void(Peer&)> gone)
     : Source(std::move(name)),
       socket_(std::move(socket)),
       intake_(intake),
+      kept_(kept),
       gone_(std::move(gone)),
       lastWrite_(Clock::now()) {}
 
@@ -100,7 +102,7 @@ void Peer::takeLine(const LineBuffer::Line& line) {
       return;
     }
     if (!Common::isBlankOrComment(line.text)) {
-      intake_.take(Common::parseIntent(line.text), shared_from_this(), line.number);
+      intake_.takeLine(line.text, shared_from_this(), line.number);
     }
     wrongLines_ = 0;
   } catch (const Common::InputError& error) {
@@ -139,6 +141,10 @@ void Peer::write() {
   if (!socket_.is_open()) {
     return;
   }
+  held_ = !kept_.flush();
+  if (held_) {
+    return;
+  }
   socket_.async_write_some(
       asio::buffer(writing_.data() + written_, writing_.size() - written_),
       [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
@@ -170,6 +176,10 @@ void Peer::maybeEnd() {
 }
 
 void Peer::checkAlive(Clock::time_point now, std::chrono::milliseconds timeout) {
+  if (held_) {
+    lastWrite_ = now;
+    write();
+  }
   if (!writing_.empty() && now - lastWrite_ > timeout) {
     drop(fmt::format("it has taken no outcome for {} s",
                      std::chrono::duration<double>(timeout).count()));
@@ -189,9 +199,11 @@ void Peer::close() {
     const auto self = shared_from_this();
     asio::error_code ignored;
     // What it has not taken yet, as far as that goes without waiting.
-    const std::string rest = writing_.substr(written_) + waiting_;
-    socket_.non_blocking(true, ignored);
-    (void)socket_.write_some(asio::buffer(rest), ignored);
+    if (kept_.flush()) {
+      const std::string rest = writing_.substr(written_) + waiting_;
+      socket_.non_blocking(true, ignored);
+      (void)socket_.write_some(asio::buffer(rest), ignored);
+    }
     socket_.close(ignored);
     waiting_.clear();
     gone_(*this);

@@ -30,7 +30,8 @@ class Peer final : public Source, public std::enable_shared_from_this<Peer> {
   static constexpr unsigned kMostWrongLines = 20;       // in a row
 
   // `gone` is called once the socket is closed.
-  Peer(Socket socket, std::string name, Intake& intake, std::function<void(Peer&)> gone);
+  Peer(Socket socket, std::string name, Intake& intake, KeptIntents& kept,
+       std::function<void(Peer&)> gone);
 
   void start() { read(); }
   // The intake has room again.
@@ -39,6 +40,7 @@ class Peer final : public Source, public std::enable_shared_from_this<Peer> {
   void checkAlive(Clock::time_point now, std::chrono::milliseconds timeout);
   void close();
 
+  [[nodiscard]] bool isKept() const noexcept override { return true; }
   void outcomeIs(std::string_view line) override;
 
  private:
@@ -54,6 +56,7 @@ class Peer final : public Source, public std::enable_shared_from_this<Peer> {
 
   Socket socket_;
   Intake& intake_;
+  KeptIntents& kept_;
   std::function<void(Peer&)> gone_;
   LineBuffer lines_;
   std::array<char, 1 << 14> chunk_{};
@@ -65,6 +68,7 @@ class Peer final : public Source, public std::enable_shared_from_this<Peer> {
   bool paused_ = false;
   bool inputEnded_ = false;
   bool turnPosted_ = false;
+  bool held_ = false;  // outcomes, until what they acknowledge is kept
 };
 
 }  // namespace Agent

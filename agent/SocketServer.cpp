@@ -50,8 +50,9 @@ void removeStale(asio::io_context& loop, const std::string& path,
 
 }  // namespace
 
-SocketServer::SocketServer(asio::io_context& loop, const std::string& path, Intake& intake)
-    : path_(path), intake_(intake), acceptor_(loop) {
+SocketServer::SocketServer(asio::io_context& loop, const std::string& path, Intake& intake,
+                           KeptIntents& kept)
+    : path_(path), intake_(intake), kept_(kept), acceptor_(loop) {
   const Protocol::endpoint endpoint = endpointOf(path);
   removeStale(loop, path, endpoint);
   try {
@@ -98,9 +99,10 @@ void SocketServer::welcome(Protocol::socket socket) {
         ignored);
     return;
   }
-  const auto peer = std::make_shared<Peer>(std::move(socket), name, intake_, [this](Peer& gone) {
-    peers_.erase(std::static_pointer_cast<Peer>(gone.shared_from_this()));
-  });
+  const auto peer =
+      std::make_shared<Peer>(std::move(socket), name, intake_, kept_, [this](Peer& gone) {
+        peers_.erase(std::static_pointer_cast<Peer>(gone.shared_from_this()));
+      });
   peers_.insert(peer);
   peer->start();
 }
@@ -112,7 +114,7 @@ void SocketServer::resume() {
 }
 
 void SocketServer::checkPeers(std::chrono::milliseconds timeout) {
-  if (!accepting_) {
+  if (started_ && !accepting_) {
     accept();
   }
   const auto now = Peer::Clock::now();

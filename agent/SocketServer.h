@@ -20,13 +20,16 @@ class SocketServer {
 
   // Takes the place of a socket that nobody listens on any more. Throws std::runtime_error that
   // names the path: somebody listens there, or what stands there is no socket.
-  SocketServer(asio::io_context& loop, const std::string& path, Intake& intake);
+  SocketServer(asio::io_context& loop, const std::string& path, Intake& intake, KeptIntents& kept);
   // Closes all, and removes the socket's file.
   ~SocketServer();
   SocketServer(const SocketServer&) = delete;
   SocketServer& operator=(const SocketServer&) = delete;
 
-  void start() { accept(); }
+  void start() {
+    started_ = true;
+    accept();
+  }
   // The intake has room again.
   void resume();
   // To be called now and then. Drops the peers that have taken no output since `timeout`.
@@ -40,9 +43,11 @@ class SocketServer {
 
   std::string path_;
   Intake& intake_;
+  KeptIntents& kept_;
   Protocol::acceptor acceptor_;
   std::set<std::shared_ptr<Peer>> peers_;
   std::uint64_t nextPeer_ = 1;
+  bool started_ = false;
   bool accepting_ = false;
 };
 

@@ -24,6 +24,9 @@ class Source {
   // The name as JSON.
   [[nodiscard]] const std::string& quotedName() const noexcept { return quotedName_; }
 
+  // Whether what it asks for is kept for the next start, because nobody can read it again then.
+  [[nodiscard]] virtual bool isKept() const noexcept { return false; }
+
   // An outcome of one of its intents is known: a line of JSON with its end.
   virtual void outcomeIs(std::string_view line) = 0;
 

@@ -3,6 +3,7 @@
 #include "Asic/Constants.h"
 #include "Asic/GenId.h"
 #include "Asic/SharedMemory.h"
+#include "KelpEmServer/AllTables.h"
 #include "KelpEmServer/MountQuilt.h"
 #include "KelpEmServer/TableCatalogue.h"
 
@@ -14,8 +15,6 @@ Store::Store(const std::string& name, const std::string& root)
     : vault_(Lumen::makeNode<Vault::EntityManager>(name, false, root)) {
   vault_->entityIs<Asic::GenId>(KelpEmServer::relaunchPath(KelpEmServer::kAgentName));
   agent_ = Lumen::makeNode<Asic::OrderedTableInterface>(vault_);
-  // Without a sweep nothing may wait for one.
-  agent_->skipMarkOnRestoreIs(true);
   memory_ = Asic::writableSharedMemory(*vault_);
   group_ = agent_->makeGroupIntf(KelpEmServer::kGroupName, KelpEmServer::kAgentName,
                                  Common::tableId(0).agentAndGroupId());
@@ -42,6 +41,52 @@ std::vector<std::unique_ptr<Common::AnyTable>> Store::makeTables(unsigned units)
   // Whoever waited for the store, or for what an earlier run left in it.
   chipBell_->ring();
   return tables;
+}
+
+std::vector<Store::Removed> Store::clearAndSweep() const {
+  std::vector<Removed> removed(Common::kTables);
+  const auto units = [&](std::size_t table) {
+    return group_->swTableSet(Common::tableId(table))->swTables().size();
+  };
+  const auto removes = [&](std::size_t table) {
+    std::uint64_t sum = 0;
+    for (const auto& unit : group_->swTableSet(Common::tableId(table))->swTables()) {
+      sum += unit->stats() ? unit->stats()->entryRemoveCnt() : 0;
+    }
+    return sum;
+  };
+  // All units first: what they leave is not swept, but cleared.
+  for (std::size_t table = 0; table < Common::kTables; ++table) {
+    removed[table].unitsCleared = 0 - units(table);
+    Common::withTable(table,
+                      [&](auto tag) {
+                        using T = typename decltype(tag)::Table;
+                        agent_
+          ->swTableIntf(
+              KelpEmServer::kTextOfTable<T, "KelpEmServer::", "KelpInterface">.c_str())
+          ->reconcile();
+                      });
+    removed[table].unitsCleared += units(table);
+    removed[table].swept = 0 - removes(table);
+  }
+  group_->sweepAll();
+  for (std::size_t table = 0; table < Common::kTables; ++table) {
+    removed[table].swept += removes(table);
+  }
+  return removed;
+}
+
+std::vector<Common::AnyKey> Store::keysOf(const Common::AnyTable& table) const {
+  std::vector<Common::AnyKey> keys;
+  Common::withTable(table.table(), [&](auto tag) {
+    using T = typename decltype(tag)::Table;
+    const auto swTable = Lumen::staticPtrCast<KelpEmServer::KelpSwTable<T>>(
+        group_->swTableSet(T::tableId)->swTable(table.unit()));
+    for (const auto& entry : swTable->entries()) {
+      keys.emplace_back(Common::KeyOf<T>{entry.logEntry.key});
+    }
+  });
+  return keys;
 }
 
 void Store::ringIfPublished() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,7 +30,20 @@ class Store {
   // hears ours finds the tables. Throws as the constructor, and BrioSharedMem::BellError.
   [[nodiscard]] std::vector<std::unique_ptr<Common::AnyTable>> makeTables(unsigned units);
 
+  // What is gone at the end of a replay, over all units of a table.
+  struct Removed {
+    std::uint64_t swept = 0;         // entries that nobody wrote again
+    std::uint64_t unitsCleared = 0;  // that an earlier run has left, and nobody asked for
+  };
+  // The features have written again what they want: clears the units that nobody asked for, and
+  // sweeps the tables. By table number. Costs a walk of all tables.
+  [[nodiscard]] std::vector<Removed> clearAndSweep() const;
+  // The keys in the reader's view of a table. Costs a walk of it.
+  [[nodiscard]] std::vector<Common::AnyKey> keysOf(const Common::AnyTable& table) const;
+
   [[nodiscard]] Asic::GroupInterface& group() const noexcept { return *group_; }
+  // Where its files lie.
+  [[nodiscard]] std::string folder() const { return memory_->folder(); }
   // Rung for us. Only after makeTables().
   [[nodiscard]] BrioSharedMem::Bell& ownBell() const noexcept { return *ownBell_; }
   // Rings the hardware side, if anything was published for it.

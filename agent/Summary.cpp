@@ -14,7 +14,8 @@ namespace Agent {
 
 using Json = nlohmann::ordered_json;
 
-std::string summaryText(const Options& options, const Intake& intake, std::uint64_t skipped) {
+std::string summaryText(const Options& options, const Intake& intake, const Restart& restart,
+                        std::uint64_t skipped) {
   Json tables = Json::array();
   for (const auto& table : intake.tables()) {
     const Common::TableFigures figures = table->figures();
@@ -39,6 +40,7 @@ std::string summaryText(const Options& options, const Intake& intake, std::uint6
                           {"succeeded", totals.succeeded},
                           {"failed", totals.failed},
                           {"inFlight", intake.inFlight()}}},
+                        {"replay", restart.summary()},
                         {"tables", tables}};
   return summary.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }

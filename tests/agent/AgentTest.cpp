@@ -115,10 +115,13 @@ TEST_F(AgentProcess, AfterIsSatisfiedByWhatThisRunOrAnEarlierOneWrote) {
                     writeFodo(2, 3, afterFodo(2)));  // the earlier operation on its own key
   auto program = agent({"--intents", intents, "--exit-when-done"});
   EXPECT_EQ(program.ends(), 2);
-  EXPECT_EQ(program.err(),
-            "kelp-agent: " + intents +
-                ":2: after names an entry that nobody wrote, {\"fodo\":2} of EsemFodo, unit 0: "
-                "write that entry on an earlier line, or leave `after` out\n");
+  EXPECT_EQ(
+      program.err(),
+      "kelp-agent: " + intents +
+          ":2: after names an entry that nobody wrote, {\"fodo\":2} of EsemFodo, unit 0: "
+          "write that entry on an earlier line, or leave `after` out\n"
+          "kelp-agent: nothing is swept: 1 lines of intents were wrong, and what they ask for "
+          "might be swept; correct them and start again\n");
   EXPECT_EQ(outcomes(program.out()).size(), 6U);
   for (const Json& one : outcomes(program.out())) {
     EXPECT_EQ(one["outcome"], "success") << one;

@@ -121,8 +121,8 @@ TEST_F(AgentRestart, AfterACleanStopVersionsContinueAndEntriesStay) {
               "there\n");
   }
   const auto hardware = chip();
-  auto program =
-      agent({"--intents", file("b", writeFodo(3, 3)), "--exit-when-done", "--summary", path("t")});
+  auto program = agent({"--intents", file("b", writeFodo(3, 3)), "--exit-when-done", "--no-sweep",
+                        "--summary", path("t")});
   EXPECT_EQ(program.ends(), 0);
   EXPECT_EQ(outcomeOf(program.out(), 1)["version"], 3);
   EXPECT_EQ(tableOf(summary("t"), "EsemFodo", 0)["entries"], 3);
@@ -156,8 +156,8 @@ TEST_F(AgentRestart, KilledAtAnyMomentVersionsContinueAndNothingCommittedIsLost)
     EXPECT_GT(lowest, highest) << "a version was given out twice";
     highest = last;
   }
-  auto program =
-      agent({"--intents", file("in", writeInner(1)), "--exit-when-done", "--summary", path("s")});
+  auto program = agent({"--intents", file("in", writeInner(1)), "--exit-when-done", "--no-sweep",
+                        "--summary", path("s")});
   EXPECT_EQ(program.ends(), 0);
   const Json table = tableOf(summary("s"), "EsemFodo", 0);
   EXPECT_GE(table["entries"].get<unsigned>(), succeeded);
@@ -186,8 +186,8 @@ TEST_F(AgentRestart, AStoreOfAnotherLayoutIsSetAsideAndTheHardwareSideResyncs) {
     }
   }
   const auto hardware = chip();
-  auto program =
-      agent({"--intents", file("b", writeFodo(3, 3)), "--exit-when-done", "--summary", path("s")});
+  auto program = agent({"--intents", file("b", writeFodo(3, 3)), "--exit-when-done", "--no-sweep",
+                        "--summary", path("s")});
   EXPECT_EQ(program.ends(), 0);
   EXPECT_THAT(program.err(), HasSubstr("HW_ABSTRACTION_"));
   EXPECT_EQ(outcomeOf(program.out(), 1)["outcome"], "success");
