@@ -8,6 +8,7 @@
 #include "Asic/Constants.h"
 #include "Asic/SwTableInterfacesSingleton.h"
 #include "Brio/SassertHelper.h"
+#include "Brio/TraceHandle.h"
 #include "BrioSharedMem/EntityManager.h"
 #include "BriskTrace/Report.h"
 #include "KelpEmServer/KelpInterface.h"

@@ -5,6 +5,7 @@
 //   H   one hit of the store
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "BenchAgent.h"
+#include "BrioSharedMem/EntityPath.h"
 #include "HeapCount.h"
 #include "Lumen/MemTrack.h"
 
@@ -205,8 +207,22 @@ void memory() {
   }
   agent.pass();
   agent.report();
-  fmt::print("{:<14} record {:4} bytes, {} committed\n", T::name.view(),
-             sizeof(typename KelpEmServer::KelpEntryLog<T>::ConfigRecord), agent.table->entrys());
+  const auto& map = agent.intf->entryLog()->tableConfigQuilt(Asic::UnitId{0})->swTableEntries();
+  const std::string file =
+      agent.root.path() + "/bench-" + T::name.c_str() + "/" +
+      BrioSharedMem::encodedPath(KelpEmServer::KelpConstants<T>::configQuiltPath(Asic::UnitId{0})) +
+      ".quilt";
+  struct stat status {};
+  if (stat(file.c_str(), &status) != 0) {
+    fmt::print("unexpected: no file {}\n", file);
+    std::exit(1);
+  }
+  const double entries = agent.table->entrys();
+  const double record = sizeof(typename KelpEmServer::KelpEntryLog<T>::ConfigRecord);
+  const double all = double(status.st_blocks) * 512 / entries;
+  const double heads = 8.0 * map.file()->geometry().buckets / entries;
+  fmt::print("{:<14} {:6.1f} bytes a committed entry: the record {}, heads {:.1f}, else {:.1f}\n",
+             T::name.view(), all, record, heads, all - record - heads);
 }
 
 }  // namespace
@@ -226,8 +242,9 @@ int main(int argc, char** argv) {
       journey<T>(store);
     }
   });
-  fmt::print("\n");
+  fmt::print("\nWhat {} entries take in the file of a unit (goal: else no more than 24)\n", kKeys);
   memory<KelpEmServer::EsemFodo>();
   memory<KelpEmServer::Isem1Tag>();
+  memory<KelpEmServer::EsemFodoVd>();
   return 0;
 }

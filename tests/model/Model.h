@@ -127,8 +127,19 @@ struct Table {
   std::array<bool, kUnits> mounted{};
   std::array<std::optional<Unit>, kUnits> units;
 
-  [[nodiscard]] std::optional<std::uint64_t> status() const {
-    return row ? std::optional(std::min(*row, tableVersion)) : std::nullopt;
+  // A row above what is published counts as what was published when it was first seen.
+  std::optional<std::uint64_t> overreach;
+  std::uint64_t overreachCounts = 0;
+
+  [[nodiscard]] std::optional<std::uint64_t> status() {
+    if (!row || *row <= tableVersion) {
+      return row;
+    }
+    if (overreach != row) {
+      overreach = row;
+      overreachCounts = tableVersion;
+    }
+    return overreachCounts;
   }
   [[nodiscard]] bool inConfig(unsigned unit, unsigned key) const {
     const auto found = config[unit].find(key);
@@ -158,6 +169,7 @@ class Model {
       table.open = false;
       table.lastCleaned = 0;
       table.delivered.reset();
+      table.overreach.reset();
       table.pending = false;
       table.mounted = {};
       table.units = {};

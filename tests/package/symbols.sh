@@ -18,6 +18,8 @@ families=(
   -e "^$class$nested::operator[^{}]+\([^{}]*\)( const)?$"
   -e "^(vtable|VTT|typeinfo|typeinfo name|construction vtable) for $class$"
   -e "^KelpEmServer::${factory_table}Kelp${made}Factory\("
+  # What the template checkAndwriteMountQuilt calls, wherever it is instantiated.
+  -e "^KelpEmServer::raiseRelaunchGeneration\\("
   -e "^_[A-Za-z0-9]+_[0-9a-f]+_brioModule$"
   # The allocation tracker of a class is the one thing of another namespace that has to be shared.
   -e "^(guard variable for )?PoolSlab::Slabbed<(KelpEmServer|Asic)::.*>::memAllocationTracker_$"

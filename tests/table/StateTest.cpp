@@ -391,7 +391,7 @@ TYPED_TEST(SoftwareTableState, ASubscriberMayTakeAMarkOutAgain) {
   EXPECT_EQ(table->markedKey().size(), 0U);
   const auto* node = table->markedKeyIs(this->key(1));
   ASSERT_NE(node, nullptr);
-  EXPECT_TRUE(node->key().isEq(this->key(1)));
+  EXPECT_TRUE(node->key() == this->key(1));
 }
 
 }  // namespace
