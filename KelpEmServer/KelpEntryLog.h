@@ -119,7 +119,7 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
   [[nodiscard]] unsigned entrys(Asic::UnitId unitId) const;
   [[nodiscard]] ResourceKeys entryRsrcKeys(const Key& key, Asic::UnitId unitId) const;
   [[nodiscard]] Asic::LogVersion entryLogVersion(const Key& key, Asic::UnitId unitId) const;
-  // Walks the whole collection.
+  // Walks the whole collection, unless nothing has changed since its mount.
   [[nodiscard]] unsigned entrysInDeletion(Asic::UnitId unitId) const;
 
   // The hardware side has seen everything up to `version`: removes the change-log records up to it,

@@ -107,7 +107,7 @@ void KelpEntryLog<T>::mountQuiltConfig(Asic::UnitId unitId, Asic::LogVersion log
   tableConfigQuiltIs(unitId, cfgQuilt);
   LUMEN_TRACE(entryLogTraceHandle<T>(), 2, className(), " Mounted config for unitId: {} at {}",
               unitId, path);
-  if (logVersion.value == 0) {
+  if (logVersion.value == 0 || cfgQuilt->swTableEntries().marked() == 0) {
     return;
   }
   forEachRecord(*cfgQuilt, [&](const ConfigRecord& record) {
@@ -356,6 +356,9 @@ Asic::LogVersion KelpEntryLog<T>::entryLogVersion(const Key& key, Asic::UnitId u
 template <TableSpec T>
 unsigned KelpEntryLog<T>::entrysInDeletion(Asic::UnitId unitId) const {
   LUMEN_TRACE(entryLogTraceHandle<T>(), 8, className(), " unitId:{}", unitId);
+  if (const auto counted = unitQuilt(unitId)->swTableEntries().marked()) {
+    return static_cast<unsigned>(*counted);
+  }
   unsigned count = 0;
   forEachRecord(*unitQuilt(unitId),
                 [&](const ConfigRecord& record) { count += record.isDeleted != 0 ? 1U : 0U; });

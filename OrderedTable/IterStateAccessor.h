@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 #include "Brio/TraceHandle.h"
 #include "Lumen/Assert.h"
 #include "Lumen/Exception.h"
@@ -71,11 +73,26 @@ class IterStateAccessor {
     if (iter) {
       iterState_->bookmarkKeyIs(iter.currNodeMaybeStale()->value()->key());
       state.set(State::kHasBookmark, true);
+      fetchAhead(iter);
     } else {
       state.set(State::kHasBookmark, false);
       finishTransientAdd();
     }
     return true;
+  }
+
+  // Has the processor fetch the wrapper behind the bookmark's, which the next step makes the
+  // bookmark: wrappers lie in no order of memory, and each step would wait for one.
+  template <class Iterator>
+  static void fetchAhead(Iterator& iter) {
+    constexpr std::size_t kCacheLine = 64;
+    iter.advance();
+    if (iter) {
+      const auto* wrapper =
+          reinterpret_cast<const unsigned char*>(iter.currNodeMaybeStale()->value().get());
+      __builtin_prefetch(wrapper);
+      __builtin_prefetch(wrapper + kCacheLine);
+    }
   }
 
   void finishTransientAdd() {
@@ -123,14 +140,7 @@ class IterStateAccessor {
   // The record of `key`, or the one that follows it.
   template <class Map, class Key, class Record>
   bool seek(Map& records, const Key& key, Record& record, Quilt::IterHint& hint) {
-    const bool there = step(records, [&] {
-      bool found = false;
-      const auto& at = records.find(key, found);
-      if (found) {
-        record = at;
-      }
-      return found;
-    });
+    const bool there = step(records, [&] { return records.at(key, record, hint); });
     return there || step(records, [&] { return records.next(key, record, hint); });
   }
 

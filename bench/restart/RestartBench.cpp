@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 #include <memory>
+#include <random>
 
 #include "BenchAgent.h"
 #include "BrioSharedMem/EntityPath.h"
@@ -25,7 +26,7 @@ using Bench::nsSince;
 
 constexpr std::size_t kEntries = 65536;
 constexpr std::size_t kInFlight = 10000;
-constexpr int kRounds = 7;
+constexpr int kRounds = 25;
 
 void line(const std::string& what, double ns, double unit, const char* unitName, double goal) {
   fmt::print("  {:<52} {:8.1f} ns {:6.2f} {}{}\n", what, ns, ns / unit, unitName,
@@ -84,14 +85,27 @@ void transientWalk() {
     (void)agent.table->entryWrite(key, TestSupport::sampleEntry<typename T::Entry>(key, 1),
                                   nullptr);
   }
+  // In an order that is not that of their making.
+  std::shuffle(agent.keys.begin(), agent.keys.end(), std::mt19937(1));
+  const auto lookup = [&](const auto& key) {
+    return std::size_t{agent.table->transientAddEntry()[key]->value()->key() == key};
+  };
   const double k = fastest(kRounds, kInFlight, [&] {
-    std::uint64_t sum = 0;
+    std::size_t sum = 0;
     for (const auto& key : agent.keys) {
-      sum += agent.table->transientAddEntry()[key]->value()->key() == key ? 1 : 0;
+      sum += lookup(key);
     }
     Bench::keep(sum);
   });
+  const double waiting = fastest(kRounds, kInFlight, [&] {
+    std::size_t at = 0;
+    while (at < agent.keys.size()) {
+      at += lookup(agent.keys[at]);
+    }
+    Bench::keep(at);
+  });
   line("K", k, k, "K", 0);
+  line("the same, each waiting for the one before", waiting, k, "K", 0);
   line("iteration, writes in flight",
        fastest(kRounds, kInFlight, [&] { Bench::keep(walk(agent)); }), k, "K", 2);
 }

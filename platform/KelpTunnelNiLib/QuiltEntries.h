@@ -43,6 +43,7 @@ struct ConfigRecordEntryFirst {
       : entry(image), version(at), isDeleted(deleted ? 1 : 0) {}
 
   [[nodiscard]] const QuiltKey& quiltKey() const noexcept { return entry.logEntry.key; }
+  [[nodiscard]] bool quiltMarked() const noexcept { return isDeleted != 0; }
   [[nodiscard]] bool isEq(const ConfigRecordEntryFirst& other) const noexcept {
     return version == other.version && isDeleted == other.isDeleted && entry.isEq(other.entry);
   }
@@ -70,6 +71,7 @@ struct ConfigRecordVersionFirst {
       : version(at), entry(image), isDeleted(deleted ? 1 : 0) {}
 
   [[nodiscard]] const QuiltKey& quiltKey() const noexcept { return entry.logEntry.key; }
+  [[nodiscard]] bool quiltMarked() const noexcept { return isDeleted != 0; }
   [[nodiscard]] bool isEq(const ConfigRecordVersionFirst& other) const noexcept {
     return version == other.version && isDeleted == other.isDeleted && entry.isEq(other.entry);
   }

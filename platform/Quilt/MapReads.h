@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <utility>
 
 #include "Quilt/AllocBase.h"
@@ -23,6 +24,16 @@ class MapReads : public QuiltMapBase {
   // into the mapping, good until the next change of this collection; in a reader, a reference into
   // this object, good until its next read. Throws CorruptionDetectedException. No allocation.
   [[nodiscard]] const Record& find(const Key& key, bool& found) const;
+
+  // The same for a walk that goes on from `key`, of a collection that is not in key order: a copy
+  // of the record, and with it the hint. False if there is none.
+  [[nodiscard]] bool at(const Key& key, Record& out, IterHint& hint) const;
+
+  // The number of records whose quiltMarked() says yes, as a pass over all records has counted it;
+  // none once something has changed since, and none in a reader.
+  [[nodiscard]] std::optional<std::uint64_t> marked() const noexcept {
+    return markedAt_ == changes_ ? std::optional(marked_) : std::nullopt;
+  }
 
   // Has the processor fetch what a search for the key comes to first; `near`, when that is there,
   // what it comes to next. Changes nothing.
@@ -51,6 +62,8 @@ class MapReads : public QuiltMapBase {
   std::uint64_t changes_ = 1;  // tells a walk that its position may be gone
   std::uint64_t lowKey_ = 0;   // no key is below, of a collection in key order
   std::uint64_t highKey_ = 0;  // no key is above
+  std::uint64_t marked_ = 0;   // as of the change markedAt_
+  std::uint64_t markedAt_ = 0;
 
  private:
   static constexpr std::uint32_t kFetchAhead = 8;
@@ -219,6 +232,31 @@ inline void MapReads<Record>::fetchAhead(const Key& key, bool near) const noexce
     const auto* bytes = reinterpret_cast<const unsigned char*>(&chains_.slot(Link::slot(link)));
     __builtin_prefetch(bytes);
     __builtin_prefetch(bytes + sizeof(RecordSlot) - 1);
+  }
+}
+
+template <class Record>
+inline bool MapReads<Record>::at(const Key& key, Record& out, IterHint& hint) const {
+  static_assert(!Traits::kOrderedByKey);
+  const Words wanted = Words::of(key);
+  const std::uint32_t bucket = chains_.bucketOf(wanted);
+  if (!chains_.headsUsed(bucket)) [[unlikely]] {
+    return false;
+  }
+  for (Restarts restarts;;) {
+    Landing landing;
+    if (seekEqual(bucket, wanted, landing)) [[likely]] {
+      if (landing.slot == nullptr) {
+        return false;
+      }
+      const std::uint64_t nextLink = landing.slot->next.load(std::memory_order_acquire);
+      if (copyOut(*landing.slot, landing.link, out)) [[likely]] {
+        // The step before has fetched ahead from here.
+        hint.position() = {serial_, changes_, landing.link, nextLink, bucket, bucket + kFetchAhead};
+        return true;
+      }
+    }
+    restarts.again(*this, landing.link);
   }
 }
 

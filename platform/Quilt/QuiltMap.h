@@ -114,8 +114,8 @@ namespace Quilt {
 // Record: trivially copyable, with `using QuiltKey = ...` and `const QuiltKey& quiltKey() const`,
 // which yields a member of the record. QuiltKey has unique object representations. A record type
 // may have `static constexpr bool kQuiltOrderedByKey = true` (a 64-bit unsigned key; a walk goes up
-// the keys) and `static constexpr unsigned kQuiltHeadroom` (room for that many times the declared
-// capacity).
+// the keys), `static constexpr unsigned kQuiltHeadroom` (room for that many times the declared
+// capacity) and `bool quiltMarked() const` (a mount counts the records that say yes).
 //
 // An object is of one thread. Any number of readers, in any process, each with an object of its
 // own, may read while the one writer changes the collection.
@@ -147,6 +147,8 @@ class QuiltMap final : public MapReads<Record> {
   using Base::header_;
   using Base::highKey_;
   using Base::lowKey_;
+  using Base::marked_;
+  using Base::markedAt_;
   using Base::readOnly_;
   using Base::records_;
   using Base::slotBound_;
@@ -203,6 +205,8 @@ void QuiltMap<Record>::takeStock(const ScanResult& found) {
   ++changes_;
   slotBound_ = found.fresh;
   slotsReserved_ = std::max(slotsReserved_, slotBound_);
+  marked_ = found.marked;
+  markedAt_ = changes_;
   freeCount_ = 0;
   for (std::uint32_t index = slotBound_; index-- > 0;) {
     if (!found.reaches(index)) {

@@ -14,6 +14,7 @@ namespace Quilt {
 // What a pass over all chains of a collection has found.
 struct ScanResult {
   std::uint64_t records = 0;
+  std::uint64_t marked = 0;  // records whose type has a quiltMarked(), and that say yes
   std::uint64_t damages = 0;
   std::uint32_t fresh = 0;  // slots from here on are not in use
   std::uint64_t lowKey = std::numeric_limits<std::uint64_t>::max();  // of a collection in key order
@@ -108,6 +109,9 @@ ScanResult scan(const Chains<Record>& chains, std::uint32_t slotBound, ScanMode 
           continue;
         }
         ++result.records;
+        if constexpr (requires { record.quiltMarked(); }) {
+          result.marked += record.quiltMarked() ? 1 : 0;
+        }
         result.fresh = std::max(result.fresh, index + 1);
         if constexpr (RecordTraits<Record>::kOrderedByKey) {
           result.lowKey = std::min(result.lowKey, key.words[0]);

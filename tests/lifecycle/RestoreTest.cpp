@@ -111,6 +111,31 @@ TYPED_TEST(Restore, TheMountRemovesTheDeletedRecordsThatTheHardwareSideHasTakenI
   EXPECT_THAT(this->changes(), IsEmpty());
 }
 
+TYPED_TEST(Restore, DeletedRecordsAreCountedByTheMountUntilSomethingChanges) {
+  auto table = this->table();
+  this->writeAll(table, 0, 9);
+  this->remove(table, 0);
+  this->remove(table, 4);
+  this->pass();
+  table = nullptr;
+  this->restart();
+  table = this->table();
+  const auto& map = this->log()->tableConfigQuilt(this->unit0)->swTableEntries();
+  EXPECT_EQ(map.marked(), 2U);
+  EXPECT_EQ(this->log()->entrysInDeletion(this->unit0), 2U);
+  EXPECT_EQ(table->entrys(), 7U);
+  this->remove(table, 5);
+  this->pass();
+  EXPECT_EQ(map.marked(), std::nullopt);
+  EXPECT_EQ(this->log()->entrysInDeletion(this->unit0), 3U);
+  EXPECT_EQ(table->entrys(), 6U);
+  this->writeAll(table, 4, 6);
+  EXPECT_EQ(this->log()->entrysInDeletion(this->unit0), 1U);
+  this->report(this->tableVersion());
+  EXPECT_EQ(this->log()->entrysInDeletion(this->unit0), 0U);
+  EXPECT_EQ(table->entrys(), 8U);
+}
+
 TYPED_TEST(Restore, TheStatusOfTheTableIsTheRowsVersion) {
   this->earlierRun(4, {this->unit0});
   this->leaveRow(3);
