@@ -1,6 +1,6 @@
 # Installs BUILD_DIR below WORK_DIR, moves the prefix elsewhere, and builds and runs the consumer
-# against it by WAY: find_package, pkg-config, or other_fmt, which must fail. By programs it runs the
-# programs that were installed.
+# against it by WAY: find_package, pkg-config, or other_fmt, which must fail. By programs it runs
+# what was installed instead.
 cmake_minimum_required(VERSION 3.25)
 
 # run(STEP COMMAND...): ends the test with the command's output when it fails.

@@ -12,9 +12,10 @@ unit='(SwTable|SwTableIteratorState|SwTableHelperBase|EntryLog|EntryWrapper|Reso
 made='(SwTable|SwTableIteratorState|SwTableHelperBase|EntryLog|EntryWrapper|ResolverEntry)'
 class="KelpEmServer::Kelp$unit<KelpEmServer::$table>(::EntryHandle)?"
 nested='(::(HN_[A-Za-z]+|QE_[A-Za-z]+|[A-Za-z]+KeyFunktor))?'
+function='[A-Za-z_~]+(\[abi:cxx11\])?\([^{}]*\)( const)?'
 families=(
   # The operations of the classes, without what is inside them: static variables, lambdas.
-  -e "^(non-virtual thunk to |virtual thunk to )?$class$nested::[A-Za-z_~]+(\[abi:cxx11\])?\([^{}]*\)( const)?$"
+  -e "^((non-)?virtual thunk to )?$class$nested::$function$"
   -e "^$class$nested::operator[^{}]+\([^{}]*\)( const)?$"
   -e "^(vtable|VTT|typeinfo|typeinfo name|construction vtable) for $class$"
   -e "^KelpEmServer::${factory_table}Kelp${made}Factory\("
