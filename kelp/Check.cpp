@@ -133,6 +133,21 @@ class Check {
     }
   }
 
+  // What goes up with every operation on a table.
+  using Control = Lumen::Ptr<BrioQuilt::CollectionControl>;
+  [[nodiscard]] static std::uint64_t movesOf(const Control& log) {
+    return log ? log->scratchpad() + log->announced() : 0;
+  }
+  // Null if the log can't be read, which its own check tells.
+  template <KelpEmServer::TableSpec T>
+  [[nodiscard]] Control logOf() const {
+    try {
+      return Common::openLog<T>(session_.memory())->collectionControl();
+    } catch (const BrioSharedMem::StoreError&) {
+      return nullptr;
+    }
+  }
+
   template <KelpEmServer::TableSpec T>
   void checkLog(CollectionReport& report) {
     using Record = typename T::EntryLogQuilt::Record;
@@ -153,7 +168,7 @@ class Check {
                                       record.version, control->scratchpad()));
           }
         },
-        [&] { return control->scratchpad() + control->announced(); });
+        [&] { return movesOf(control); });
     checkGaps<T>(*log, *control, lowest, report);
   }
 
@@ -204,14 +219,7 @@ class Check {
   void checkConfig(Asic::UnitId unit, CollectionReport& report) {
     using Record = typename T::ConfigQuilt::Record;
     const auto config = Common::openConfig<T>(session_.memory(), unit);
-    Lumen::Ptr<BrioQuilt::CollectionControl> log;
-    try {
-      log = Common::openLog<T>(session_.memory())->collectionControl();
-    } catch (const BrioSharedMem::StoreError&) {
-      report.notes.emplace_back(
-          "the table's log can't be read, so that nothing tells whether the "
-          "collection is being written");
-    }
+    const auto log = logOf<T>();
     checkCollection<Record>(
         *config, report,
         [&](const Record& record) {
@@ -222,12 +230,13 @@ class Check {
                             record.version, record.isDeleted));
           }
         },
-        [&] { return log ? log->scratchpad() + log->announced() : 0; });
+        [&] { return movesOf(log); });
   }
 
   template <KelpEmServer::TableSpec T>
   void checkNeeded(CollectionReport& report) {
     using Record = Asic::NeededQuiltEntry;
+    const auto log = logOf<T>();
     const auto needed = Common::openNeeded(session_.memory(), T::tableId);
     checkCollection<Record>(
         *needed, report,
@@ -237,7 +246,7 @@ class Check {
                                       record.version, record.count));
           }
         },
-        [] { return 0; });
+        [&] { return movesOf(log); });
   }
 
   void checkStatus(CollectionReport& report) {

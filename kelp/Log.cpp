@@ -284,6 +284,7 @@ void showLog(Session& session) {
   } catch (const Stopped&) {
     session.out().text().clear();
   }
+  session.out().stopFdIs(-1);
 }
 
 }  // namespace Kelp
