@@ -169,7 +169,8 @@ class KillFixture : public TableFixture<T> {
   }
   // Tells the test what `handle` is told from now on.
   void watch(const Lumen::Ptr<const Asic::OrderedSwTable::EntryHandle>& handle) {
-    handle->publisher()->subscriberAdd(new Watch(this, handle));
+    watches_.push_back(std::make_unique<Watch>(this, handle));
+    handle->publisher()->subscriberAdd(watches_.back().get());
   }
 
   // What the collections of the table hold, as another process sees them.
@@ -225,6 +226,7 @@ class KillFixture : public TableFixture<T> {
 
   int out_ = -1;
   int in_ = -1;
+  std::vector<std::unique_ptr<Watch>> watches_;  // of an agent, which never comes to its end
   std::uint64_t finished_ = 0;
 };
 
