@@ -5,10 +5,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "Asic/Constants.h"
 #include "BrioSharedMem/StoreError.h"
-#include "KelpEmServer/TableCatalogue.h"
 #include "Lumen/Exception.h"
+#include "common/StoreReader.h"
 
 namespace Chip {
 
@@ -29,11 +28,8 @@ void Dependencies::tend() {
 
 bool Dependencies::opened() {
   if (!quilt_) {
-    const Lumen::String group =
-        Asic::Constants::canonicalizeGroupName(KelpEmServer::kAgentName, KelpEmServer::kGroupName);
     try {
-      quilt_ = Lumen::dynamicPtrCast<Asic::NeededQuilt>(memory_->openReader(
-          Asic::Constants::groupNeededPath(group, tableId_), Asic::kNeededQuiltType));
+      quilt_ = Common::openNeeded(*memory_, tableId_);
     } catch (const BrioSharedMem::OtherLayoutError&) {
       throw;
     } catch (const BrioSharedMem::StoreError& error) {

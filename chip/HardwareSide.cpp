@@ -17,6 +17,7 @@
 #include "KelpEmServer/TableCatalogue.h"
 #include "Lumen/Exception.h"
 #include "Vault/EntityManager.h"
+#include "common/StoreReader.h"
 
 namespace Chip {
 namespace {
@@ -35,10 +36,6 @@ constexpr int kCheckTries = 50;
 constexpr std::chrono::milliseconds kCheckPause{20};
 // And for no longer than this, but for catching up.
 constexpr std::chrono::seconds kCheckMost{2};
-
-Lumen::String groupName() {
-  return Asic::Constants::canonicalizeGroupName(KelpEmServer::kAgentName, KelpEmServer::kGroupName);
-}
 
 // Waits for one of the descriptors to become readable; tells which.
 std::array<bool, 2> waitFor(int first, int second, std::chrono::milliseconds most) {
@@ -75,7 +72,7 @@ HardwareSide::~HardwareSide() { unmountStatus(); }
 
 void HardwareSide::unmountStatus() {
   status_ = nullptr;
-  memory_->entityDel(Asic::Constants::groupStatusPath(groupName()));
+  memory_->entityDel(Asic::Constants::groupStatusPath(Common::groupName()));
 }
 
 void HardwareSide::attachBells() {
@@ -87,7 +84,7 @@ void HardwareSide::attachBells() {
 
 void HardwareSide::mountStatus() {
   unmountStatus();
-  const Lumen::String path = Asic::Constants::groupStatusPath(groupName());
+  const Lumen::String path = Asic::Constants::groupStatusPath(Common::groupName());
   const auto group = memory_->getMountGroup();
   BrioQuilt::MountInfo info(BrioQuilt::BrioQuiltType::collection);
   info.collectionInfoIs(

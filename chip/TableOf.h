@@ -11,14 +11,13 @@
 #include <utility>
 #include <vector>
 
-#include "Asic/Constants.h"
 #include "BrioSharedMem/StoreError.h"
-#include "KelpEmServer/KelpConstants.h"
 #include "KelpEmServer/TableSpec.h"
 #include "Lumen/Exception.h"
 #include "chip/Table.h"
 #include "chip/UnitModel.h"
 #include "common/EntryJson.h"
+#include "common/StoreReader.h"
 
 namespace Chip {
 
@@ -116,9 +115,7 @@ class TableOf final : public Table {
 template <KelpEmServer::TableSpec T>
 bool TableOf<T>::openLog() {
   try {
-    logQuilt_ = Lumen::dynamicPtrCast<EntryLogQuilt>(this->memory()->openReader(
-        KelpEmServer::KelpConstants<T>::tableEntryLogQuiltPath(),
-        KelpEmServer::kTextOfTable<T, "KelpTunnelNiLib::", "EntryLogQuilt">.c_str()));
+    logQuilt_ = Common::openLog<T>(*this->memory());
     this->logIs(logQuilt_->collectionControl());
     return true;
   } catch (const BrioSharedMem::OtherLayoutError&) {
@@ -185,21 +182,13 @@ void TableOf<T>::openConfigs() {
       unit->config = nullptr;
     }
   }
-  const auto found =
-      this->memory()->findEntities(KelpEmServer::KelpConstants<T>::configQuiltPathBase(),
-                                   BrioSharedMem::BrioSharedMemType::quilt);
-  for (const Lumen::String& path : found->paths()) {
-    const auto id = Asic::Constants::getUnitIdFromConfigPath(path);
-    if (!id || path != KelpEmServer::KelpConstants<T>::configQuiltPath(*id)) {
-      continue;
-    }
-    Unit& at = unit(*id);
+  for (const Asic::UnitId id : Common::unitsOf<T>(*this->memory())) {
+    Unit& at = unit(id);
     if (at.config) {
       continue;
     }
     try {
-      at.config = Lumen::dynamicPtrCast<ConfigQuilt>(this->memory()->openReader(
-          path, KelpEmServer::kTextOfTable<T, "KelpTunnelNiLib::", "ConfigQuilt">.c_str()));
+      at.config = Common::openConfig<T>(*this->memory(), id);
     } catch (const BrioSharedMem::OtherLayoutError&) {
       throw;
     } catch (const BrioSharedMem::StoreError& error) {

@@ -8,11 +8,9 @@
 #include <stdexcept>
 #include <utility>
 
-#include "Asic/Constants.h"
-#include "BrioSharedMem/StoreError.h"
-#include "KelpEmServer/KelpConstants.h"
 #include "Lumen/Exception.h"
 #include "common/EntryJson.h"
+#include "common/StoreReader.h"
 
 namespace Demo {
 
@@ -84,15 +82,8 @@ class Expected::TableStateOf final : public TableState {
   void compareCollections(const BrioSharedMem::EntityManager& memory,
                           Comparison& result) const override {
     Seen seen;
-    const auto found = memory.findEntities(KelpEmServer::KelpConstants<T>::configQuiltPathBase(),
-                                           BrioSharedMem::BrioSharedMemType::quilt);
-    for (const Lumen::String& path : found->paths()) {
-      const auto unitId = Asic::Constants::getUnitIdFromConfigPath(path);
-      if (!unitId) {
-        continue;
-      }
-      const auto quilt = Lumen::dynamicPtrCast<typename T::ConfigQuilt>(memory.openReader(
-          path, KelpEmServer::kTextOfTable<T, "KelpTunnelNiLib::", "ConfigQuilt">.c_str()));
+    for (const Asic::UnitId unitId : Common::unitsOf<T>(memory)) {
+      const auto quilt = Common::openConfig<T>(memory, unitId);
       const auto& records = std::as_const(*quilt).swTableEntries();
       typename T::ConfigQuilt::Record record;
       Quilt::IterHint hint;
@@ -102,12 +93,12 @@ class Expected::TableStateOf final : public TableState {
           continue;
         }
         const LogEntry& logEntry = record.entry.logEntry;
-        const Entry* wanted = find(unitId->value, logEntry.key);
+        const Entry* wanted = find(unitId.value, logEntry.key);
         judge(wanted, logEntry,
               wanted != nullptr && samePayload(wanted->logEntry, logEntry) &&
                   wanted->rsrcKeys.isEq(record.entry.rsrcKeys),
-              unitId->value, "the collection", result);
-        seen.insert({unitId->value, logEntry.key});
+              unitId.value, "the collection", result);
+        seen.insert({unitId.value, logEntry.key});
       }
     }
     tellMissing(seen, "the collection", result);

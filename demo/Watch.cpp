@@ -7,10 +7,9 @@
 #include <fstream>
 #include <utility>
 
-#include "Asic/Constants.h"
 #include "BrioSharedMem/StoreError.h"
-#include "KelpEmServer/KelpConstants.h"
 #include "Lumen/Exception.h"
+#include "common/StoreReader.h"
 #include "common/Tables.h"
 
 namespace Demo {
@@ -33,9 +32,7 @@ void Watch::open() {
     }
     log = nullptr;
     try {
-      log = Lumen::dynamicPtrCast<BrioQuilt::QuiltEntity>(memory_->openReader(
-          KelpEmServer::KelpConstants<T>::tableEntryLogQuiltPath(),
-          KelpEmServer::kTextOfTable<T, "KelpTunnelNiLib::", "EntryLogQuilt">.c_str()));
+      log = Common::openLog<T>(*memory_);
     } catch (const BrioSharedMem::StoreError&) {
       // Not yet.
     }
@@ -43,10 +40,7 @@ void Watch::open() {
   if (!status_ || status_->replaced()) {
     status_ = nullptr;
     try {
-      const Lumen::String group = Asic::Constants::canonicalizeGroupName(KelpEmServer::kAgentName,
-                                                                         KelpEmServer::kGroupName);
-      status_ = Lumen::dynamicPtrCast<Asic::StatusQuilt>(
-          memory_->openReader(Asic::Constants::groupStatusPath(group), Asic::kStatusQuiltType));
+      status_ = Common::openStatus(*memory_);
     } catch (const BrioSharedMem::StoreError&) {
       // Not yet.
     }
@@ -87,9 +81,7 @@ Watch::Progress Watch::look(pid_t agent) {
     std::uint64_t reported = 0;
     if (status_) {
       try {
-        bool found = false;
-        const Asic::StatusQuiltEntry& row = status_->map().find(Common::tableId(i), found);
-        reported = found && row.incarnation == control->incarnation() ? row.version.value : 0;
+        reported = Common::reportedVersion(*status_, Common::tableId(i), *control).value_or(0);
       } catch (const Lumen::CorruptionDetectedException&) {
         // The programs tell of it.
       }
