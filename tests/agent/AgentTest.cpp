@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 #include "Programs.h"
@@ -317,6 +318,10 @@ TEST_F(AgentProcess, OutcomesThatNobodyTakesHoldNobodyUp) {
     const auto accepted = [&] {
       return summaryOf(program, "s")["intents"]["accepted"].get<unsigned>();
     };
+    EXPECT_TRUE(comesTrue([&] {
+      pollfd first{reader, POLLIN, 0};
+      return poll(&first, 1, 0) == 1 && (first.revents & POLLIN) != 0;
+    }));
     // It stops to take intents, and not to listen.
     unsigned last = 0;
     EXPECT_TRUE(comesTrue([&] {

@@ -66,6 +66,11 @@ class Feature {
     return seen_;
   }
   [[nodiscard]] const std::string& seen() const { return seen_; }
+  // Whether something has come that was not read, or the end of the stream.
+  [[nodiscard]] bool hasNews() const {
+    pollfd look{socket_, POLLIN, 0};
+    return poll(&look, 1, 0) == 1;
+  }
 
  private:
   bool readSome() {
