@@ -130,6 +130,41 @@ class KillFixture : public TableFixture<T> {
     return runAgent([] {}, work, 0, through);
   }
 
+  // What the last agent has left of the table, as far as a recovery goes by it: the words of the
+  // log and the versions of all records.
+  std::string left() {
+    const auto memory = BrioSharedMem::EntityManager::getEntityManager("kelp-test", false);
+    std::string text;
+    const auto append = [&]<class Record>(const Quilt::QuiltMap<Record>& map) {
+      Record record;
+      Quilt::IterHint hint;
+      for (bool more = map.first(record, hint); more;
+           more = map.next(record.quiltKey(), record, hint)) {
+        text += fmt::format("{} ", record.version);
+      }
+      text += '/';
+    };
+    try {
+      const auto log = Lumen::dynamicPtrCast<typename T::EntryLogQuilt>(
+          memory->openReader(KelpEmServer::KelpConstants<T>::tableEntryLogQuiltPath(),
+                             "KelpTunnelNiLib::" + std::string(T::name.view()) + "EntryLogQuilt"));
+      const auto control = log->collectionControl();
+      text = fmt::format("{} {} {}/", control->announced(), control->scratchpad(),
+                         control->published());
+      append(log->entryLogConfig());
+      for (const Asic::UnitId unit : {Base::unit0, Base::unit1}) {
+        append(Lumen::dynamicPtrCast<typename T::ConfigQuilt>(
+                   memory->openReader(
+                       KelpEmServer::KelpConstants<T>::configQuiltPath(unit),
+                       "KelpTunnelNiLib::" + std::string(T::name.view()) + "ConfigQuilt"))
+                   ->swTableEntries());
+      }
+    } catch (const BrioSharedMem::StoreError&) {
+      text += "no collection";
+    }
+    return text;
+  }
+
   // --- in an agent
 
   void tell(char what, std::uint64_t number) const {
