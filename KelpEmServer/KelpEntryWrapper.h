@@ -61,27 +61,24 @@ class KELP_EM_EXPORT KelpEntryWrapper final : public Lumen::Node,
   [[nodiscard]] const LogEntry& logEntry() const noexcept { return entry_.logEntry; }
   [[nodiscard]] const ResourceKeys& rsrcKeys() const noexcept { return entry_.rsrcKeys; }
 
-  // The keys of the resources, where the table names such.
-  [[nodiscard]] const auto& inLifIdxKey() const noexcept requires
-      requires(const ResourceKeys& keys) {
-    keys.inLifIdxKey;
+  // The keys of the resources, where the table names such: templates, so that each is made only for
+  // those tables.
+  template <class Keys = ResourceKeys>
+  [[nodiscard]] const auto& inLifIdxKey() const noexcept {
+    return static_cast<const Keys&>(entry_.rsrcKeys).inLifIdxKey;
   }
-  { return entry_.rsrcKeys.inLifIdxKey; }
-  [[nodiscard]] const auto& vlanEditProfileKey() const noexcept requires
-      requires(const ResourceKeys& keys) {
-    keys.vlanEditProfileKey;
+  template <class Keys = ResourceKeys>
+  [[nodiscard]] const auto& vlanEditProfileKey() const noexcept {
+    return static_cast<const Keys&>(entry_.rsrcKeys).vlanEditProfileKey;
   }
-  { return entry_.rsrcKeys.vlanEditProfileKey; }
-  [[nodiscard]] const auto& remarkProfileKey() const noexcept requires
-      requires(const ResourceKeys& keys) {
-    keys.remarkProfileKey;
+  template <class Keys = ResourceKeys>
+  [[nodiscard]] const auto& remarkProfileKey() const noexcept {
+    return static_cast<const Keys&>(entry_.rsrcKeys).remarkProfileKey;
   }
-  { return entry_.rsrcKeys.remarkProfileKey; }
-  [[nodiscard]] std::uint16_t remarkProfileType() const noexcept requires
-      requires(const ResourceKeys& keys) {
-    keys.remarkProfileType;
+  template <class Keys = ResourceKeys>
+  [[nodiscard]] std::uint16_t remarkProfileType() const noexcept {
+    return static_cast<const Keys&>(entry_.rsrcKeys).remarkProfileType;
   }
-  { return entry_.rsrcKeys.remarkProfileType; }
 
   // Copies the values of the resources into the log entry; 0 where there is no handle. Nothing on a
   // table without resources.

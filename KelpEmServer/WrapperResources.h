@@ -72,7 +72,7 @@ class InLif01Resources : public InLifResources<&LogEntry::inLif0Index, &LogEntry
  public:
   template <class Wrapper>
   static constexpr auto attributes() {
-    return std::tuple{Brio::view("inLifIdxKey", &Wrapper::inLifIdxKey),
+    return std::tuple{Brio::view("inLifIdxKey", &Wrapper::template inLifIdxKey<>),
                       Brio::stored("inLifIdxKeyResPtr", &Wrapper::inLifIdxKeyResPtr),
                       Brio::operation("inLif0Index", &Wrapper::inLif0Index),
                       Brio::operation("inLif1Index", &Wrapper::inLif1Index)};
@@ -88,7 +88,7 @@ class InLif023Resources : public InLifResources<&LogEntry::inLif0Index, &LogEntr
  public:
   template <class Wrapper>
   static constexpr auto attributes() {
-    return std::tuple{Brio::view("inLifIdxKey", &Wrapper::inLifIdxKey),
+    return std::tuple{Brio::view("inLifIdxKey", &Wrapper::template inLifIdxKey<>),
                       Brio::stored("inLifIdxKeyResPtr", &Wrapper::inLifIdxKeyResPtr),
                       Brio::operation("inLif0Index", &Wrapper::inLif0Index),
                       Brio::operation("inLif23Index", &Wrapper::inLif23Index)};
@@ -106,11 +106,11 @@ class VlanEditAndRemarkResources {
 
   template <class Wrapper>
   static constexpr auto attributes() {
-    return std::tuple{Brio::view("vlanEditProfileKey", &Wrapper::vlanEditProfileKey),
+    return std::tuple{Brio::view("vlanEditProfileKey", &Wrapper::template vlanEditProfileKey<>),
                       Brio::stored("vlanEditProfileKeyResPtr", &Wrapper::vlanEditProfileKeyResPtr),
                       Brio::operation("vlanEditProfile", &Wrapper::vlanEditProfile),
-                      Brio::view("remarkProfileType", &Wrapper::remarkProfileType),
-                      Brio::view("remarkProfileKey", &Wrapper::remarkProfileKey),
+                      Brio::view("remarkProfileType", &Wrapper::template remarkProfileType<>),
+                      Brio::view("remarkProfileKey", &Wrapper::template remarkProfileKey<>),
                       Brio::stored("remarkProfileKeyResPtr", &Wrapper::remarkProfileKeyResPtr),
                       Brio::operation("remarkProfile", &Wrapper::remarkProfile)};
   }

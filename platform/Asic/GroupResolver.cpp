@@ -146,7 +146,7 @@ std::size_t GroupResolver::runPass() {
   // A response handler may drop the last pointer to the group, or throw.
   const Lumen::Ptr<GroupResolver> self(this);
   struct Pass {
-    explicit Pass(bool& running) : running(running) { running = true; }
+    explicit Pass(bool& flag) : running(flag) { running = true; }
     ~Pass() { running = false; }
     Pass(const Pass&) = delete;
     Pass& operator=(const Pass&) = delete;
