@@ -24,7 +24,9 @@ Peer::Peer(Socket socket, std::string name, Intake& intake, KeptIntents& kept,
       intake_(intake),
       kept_(kept),
       gone_(std::move(gone)),
-      lastWrite_(Clock::now()) {}
+      lastWrite_(Clock::now()) {
+  socket_.non_blocking(true);
+}
 
 bool Peer::mayTakeMore() const noexcept {
   return intake_.hasRoom() && inFlight() < kMostInFlight &&
@@ -145,28 +147,33 @@ void Peer::write() {
   if (held_) {
     return;
   }
-  socket_.async_write_some(
-      asio::buffer(writing_.data() + written_, writing_.size() - written_),
-      [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
-        if (!self->socket_.is_open()) {
-          return;
-        }
-        if (error) {
-          self->drop(error.message());
-          return;
-        }
-        self->lastWrite_ = Clock::now();
-        self->written_ += count;
-        if (self->written_ == self->writing_.size()) {
-          self->written_ = 0;
-          self->writing_ = std::exchange(self->waiting_, std::string());
-        }
-        if (!self->writing_.empty()) {
-          self->write();
-        }
-        self->resume();
-        self->maybeEnd();
-      });
+  // At once, not as an operation that goes on: what was written is known whenever the peer is
+  // dropped.
+  asio::error_code error;
+  const std::size_t count = socket_.write_some(
+      asio::buffer(writing_.data() + written_, writing_.size() - written_), error);
+  if (error && error != asio::error::would_block) {
+    drop(error.message());
+    return;
+  }
+  if (count != 0) {
+    lastWrite_ = Clock::now();
+    written_ += count;
+  }
+  if (written_ == writing_.size()) {
+    written_ = 0;
+    writing_ = std::exchange(waiting_, std::string());
+  }
+  if (!writing_.empty()) {
+    socket_.async_wait(Socket::wait_write,
+                       [self = shared_from_this()](const asio::error_code& failed) {
+                         if (!failed) {
+                           self->write();
+                         }
+                       });
+  }
+  resume();
+  maybeEnd();
 }
 
 void Peer::maybeEnd() {
@@ -201,7 +208,6 @@ void Peer::close() {
     // What it has not taken yet, as far as that goes without waiting.
     if (kept_.flush()) {
       const std::string rest = writing_.substr(written_) + waiting_;
-      socket_.non_blocking(true, ignored);
       (void)socket_.write_some(asio::buffer(rest), ignored);
     }
     socket_.close(ignored);

@@ -49,7 +49,7 @@ function(kelp_programs_of folder out)
 endfunction()
 
 set(kelp_programs)
-foreach(folder agent chip demo kelp)
+foreach(folder agent chip demo soak kelp)
   if(KELP_BUILD_PROGRAMS AND EXISTS "${PROJECT_SOURCE_DIR}/${folder}/CMakeLists.txt")
     kelp_programs_of("${PROJECT_SOURCE_DIR}/${folder}" kelp_programs)
   endif()

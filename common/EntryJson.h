@@ -71,6 +71,22 @@ void forEachPayloadField(Visit&& visit) {
   });
 }
 
+// Whether two log entries of one key hold the same but for what resources resolve to.
+template <KelpEmServer::TableSpec T>
+[[nodiscard]] bool samePayload(const typename T::Entry::LogEntry& a,
+                               const typename T::Entry::LogEntry& b) {
+  bool same = true;
+  forEachPayloadField<T>(
+      [&](const auto& field) { same = same && a.*field.member == b.*field.member; });
+  return same;
+}
+
+// The same for two entries: payload and resource keys.
+template <KelpEmServer::TableSpec T>
+[[nodiscard]] bool asksForTheSame(const typename T::Entry& a, const typename T::Entry& b) {
+  return samePayload<T>(a.logEntry, b.logEntry) && a.rsrcKeys.isEq(b.rsrcKeys);
+}
+
 template <KelpEmServer::TableSpec T>
 void appendKey(std::string& out, const typename T::Entry::Key& key) {
   using Key = typename T::Entry::Key;

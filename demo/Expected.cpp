@@ -68,8 +68,8 @@ class Expected::TableStateOf final : public TableState {
     LogEntry logEntry;
     Common::readJson(line.at("entry"), logEntry, Common::Place{"entry"}, 0);
     const Entry* wanted = find(unitId, logEntry.key);
-    judge(wanted, logEntry, wanted != nullptr && samePayload(wanted->logEntry, logEntry), unitId,
-          "the chip", result);
+    judge(wanted, logEntry, wanted != nullptr && Common::samePayload<T>(wanted->logEntry, logEntry),
+          unitId, "the chip", result);
     if (wanted != nullptr && !seen_.insert({unitId, logEntry.key}).second) {
       throw std::runtime_error(fmt::format("an entry stands twice: {}", line.dump()));
     }
@@ -95,9 +95,8 @@ class Expected::TableStateOf final : public TableState {
         const LogEntry& logEntry = record.entry.logEntry;
         const Entry* wanted = find(unitId.value, logEntry.key);
         judge(wanted, logEntry,
-              wanted != nullptr && samePayload(wanted->logEntry, logEntry) &&
-                  wanted->rsrcKeys.isEq(record.entry.rsrcKeys),
-              unitId.value, "the collection", result);
+              wanted != nullptr && Common::asksForTheSame<T>(*wanted, record.entry), unitId.value,
+              "the collection", result);
         seen.insert({unitId.value, logEntry.key});
       }
     }
@@ -114,12 +113,6 @@ class Expected::TableStateOf final : public TableState {
     }
     const auto entry = unit->second.find(key);
     return entry == unit->second.end() ? nullptr : &entry->second;
-  }
-  [[nodiscard]] static bool samePayload(const LogEntry& a, const LogEntry& b) {
-    bool same = true;
-    Common::forEachPayloadField<T>(
-        [&](const auto& field) { same = same && a.*field.member == b.*field.member; });
-    return same;
   }
   static void judge(const Entry* wanted, const LogEntry& has, bool equal, std::uint16_t unitId,
                     const char* where, Comparison& result) {

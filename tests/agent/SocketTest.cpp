@@ -3,7 +3,9 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <cstdint>
 #include <cstring>
+#include <set>
 
 #include "Feature.h"
 #include "Programs.h"
@@ -190,6 +192,25 @@ TEST_F(AgentSocket, APeerThatReadsSlowlyGetsEverything) {
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_EQ(outcomes(feature.all()).size(), kLines);
   sender.join();
+}
+
+TEST_F(AgentSocket, AnAgentThatIsStoppedGivesEveryOutcomeOnceAtMost) {
+  for (int round = 0; round < 5; ++round) {
+    auto program = listeningAgent();
+    Feature feature(socketPath());
+    std::string burst;
+    for (unsigned i = 0; i < 1000; ++i) {
+      burst += removeFodo(i + 1);
+    }
+    EXPECT_TRUE(feature.send(burst));
+    EXPECT_TRUE(feature.receives("\n"));
+    program.kill(SIGTERM);
+    std::set<std::uint64_t> answered;
+    for (const Json& outcome : outcomes(feature.all())) {
+      EXPECT_TRUE(answered.insert(outcome["line"].get<std::uint64_t>()).second) << outcome;
+    }
+    EXPECT_GE(program.ends(), 0);
+  }
 }
 
 TEST_F(AgentSocket, TooManyPeersAreTurnedAway) {
