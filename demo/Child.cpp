@@ -10,9 +10,11 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -23,15 +25,21 @@ constexpr std::size_t kTailLines = 20;
 
 // Between fork() and exec(): nothing but system calls.
 [[noreturn]] void become(const char* program, char* const* arguments, const char* out,
-                         const char* error, pid_t parent) {
+                         const char* error, int input, pid_t parent) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (::getppid() != parent) {
     ::_exit(127);
   }
+  // What comes from here on must end this process, not set a flag of the one it was copied from.
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    ::signal(number, SIG_DFL);
+  }
   sigset_t none;
   sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
-  const int input = ::open("/dev/null", O_RDONLY);
+  if (input < 0) {
+    input = ::open("/dev/null", O_RDONLY);
+  }
   const int output = ::open(out, O_WRONLY | O_CREAT | O_APPEND, 0640);
   const int errors = ::open(error, O_WRONLY | O_CREAT | O_APPEND, 0640);
   if (input < 0 || output < 0 || errors < 0) {
@@ -51,7 +59,7 @@ constexpr std::size_t kTailLines = 20;
 }  // namespace
 
 Child::Child(std::string name, const std::string& program,
-             const std::vector<std::string>& arguments, const std::string& folder)
+             const std::vector<std::string>& arguments, const std::string& folder, Input input)
     : name_(std::move(name)), base_(folder + "/" + name_) {
   if (::access(program.c_str(), X_OK) != 0) {
     throw std::runtime_error(fmt::format("{}: {}; build it, it has to lie beside this program",
@@ -66,10 +74,29 @@ Child::Child(std::string name, const std::string& program,
   raw.push_back(nullptr);
   const std::string out = base_ + ".out";
   const std::string error = base_ + ".err";
+  std::error_code absent;
+  const auto size = std::filesystem::file_size(error, absent);
+  errorsAt_ = absent ? 0 : size;
+  int ends[2] = {-1, -1};
+  if (input == Input::pipe && ::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+    throw std::runtime_error(fmt::format("cannot make a pipe: {}", std::strerror(errno)));
+  }
+  input_ = ends[1];
+  if (ends[0] >= 0) {
+    ::fcntl(ends[0], F_SETFL, 0);  // the program need not know
+  }
   const pid_t parent = ::getpid();
+  sigset_t blocked;
+  sigset_t before;
+  sigfillset(&blocked);
+  ::sigprocmask(SIG_SETMASK, &blocked, &before);
   pid_ = ::fork();
   if (pid_ == 0) {
-    become(program.c_str(), raw.data(), out.c_str(), error.c_str(), parent);
+    become(program.c_str(), raw.data(), out.c_str(), error.c_str(), ends[0], parent);
+  }
+  ::sigprocmask(SIG_SETMASK, &before, nullptr);
+  if (ends[0] >= 0) {
+    ::close(ends[0]);
   }
   if (pid_ < 0) {
     throw std::runtime_error(fmt::format("cannot start {}: {}", program, std::strerror(errno)));
@@ -77,6 +104,7 @@ Child::Child(std::string name, const std::string& program,
 }
 
 Child::~Child() {
+  endInput();
   if (!ended()) {
     ::kill(pid_, SIGKILL);
     static_cast<void>(::waitpid(pid_, nullptr, 0));
@@ -138,6 +166,30 @@ std::string Child::obituary() const {
     text += "\n    " + line;
   }
   return text;
+}
+
+std::string Child::said(const std::string& text) const {
+  std::ifstream errors(base_ + ".err");
+  errors.seekg(static_cast<std::streamoff>(errorsAt_));
+  std::string last;
+  for (std::string line; std::getline(errors, line);) {
+    const auto at = line.find(text);
+    if (at != std::string::npos && !errors.eof()) {
+      last = line.substr(at);
+    }
+  }
+  return last;
+}
+
+std::size_t Child::feed(std::string_view bytes) {
+  const ssize_t count = ::write(input_, bytes.data(), bytes.size());
+  return count > 0 ? static_cast<std::size_t>(count) : 0;
+}
+
+void Child::endInput() {
+  if (input_ >= 0) {
+    ::close(std::exchange(input_, -1));
+  }
 }
 
 std::string Child::output() const {

@@ -10,13 +10,10 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <memory>
-#include <optional>
+#include <functional>
 #include <random>
 #include <stdexcept>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "BrioSharedMem/EntityManager.h"
@@ -24,6 +21,9 @@
 #include "demo/Child.h"
 #include "demo/Expected.h"
 #include "demo/Folder.h"
+#include "demo/Halfway.h"
+#include "demo/Input.h"
+#include "demo/Programs.h"
 #include "demo/Report.h"
 #include "demo/Watch.h"
 
@@ -32,10 +32,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kStoreName = "demo";
-// How long nothing may move before the agent gives up.
-constexpr const char* kPatienceSeconds = "30";
 constexpr std::chrono::seconds kChipEnds{120};
+// How long a restarted agent may need until nothing moves any more.
+constexpr std::chrono::seconds kReplayEnds{120};
 // Exit statuses of the programs after which there is something to report.
 constexpr int kChipDiffers = 2;
 constexpr int kAgentSkippedLines = 2;
@@ -48,109 +47,6 @@ constexpr std::uint64_t kBytesAnyway = 256 << 20;
 std::atomic<int> interruptedBy{0};
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler stores it");
 void interrupt(int number) { interruptedBy = number; }
-
-// The intents of a run, as a file and as values. A line that is none is an empty value: the agent
-// tells of it.
-struct Input {
-  std::string file;
-  std::vector<std::optional<Common::Intent>> lines;
-  std::vector<std::uint64_t> ends;  // of the lines that hold intents, in bytes
-  unsigned units = 1;
-};
-
-Input generated(const Plan& plan, const std::string& file) {
-  Input input;
-  input.file = file;
-  input.units = plan.units;
-  std::string text;
-  for (Common::Intent& intent : metroEdge(plan)) {
-    Common::appendIntent(text, intent);
-    text += '\n';
-    input.ends.push_back(text.size());
-    input.lines.emplace_back(std::move(intent));
-  }
-  std::ofstream out(file, std::ios::binary);
-  out << text;
-  out.close();
-  if (!out) {
-    throw std::runtime_error(file + ": cannot be written; make room on its file system");
-  }
-  return input;
-}
-
-Input readFile(const std::string& file, unsigned units) {
-  Input input;
-  input.file = file;
-  input.units = units;
-  std::ifstream in(file, std::ios::binary);
-  if (!in || std::filesystem::is_directory(file)) {
-    throw std::runtime_error(file + ": cannot be read; name a file of intents, one on a line");
-  }
-  std::uint64_t bytes = 0;
-  for (std::string line; std::getline(in, line);) {
-    bytes += line.size() + 1;
-    input.lines.emplace_back();
-    if (Common::isBlankOrComment(line)) {
-      continue;
-    }
-    input.ends.push_back(bytes);
-    try {
-      Common::Intent intent = Common::parseIntent(line);
-      // The agent refuses lines of units that it cannot have.
-      if (intent.unit.value < Common::kMostUnits) {
-        input.units = std::max<unsigned>(input.units, intent.unit.value + 1U);
-      }
-      input.lines.back() = std::move(intent);
-    } catch (const Common::InputError&) {
-      // The agent says what is wrong with it.
-    }
-  }
-  return input;
-}
-
-// The two programs, and what becomes of them on the way.
-class Programs {
- public:
-  Programs(const Input& input, const Folder& folder) : input_(input), folder_(folder) {
-    const std::string self = std::filesystem::read_symlink("/proc/self/exe").parent_path().native();
-    agentProgram_ = self + "/kelp-agent";
-    chipProgram_ = self + "/kelp-chip";
-    startChip();
-    startAgent();
-  }
-
-  void startAgent() {
-    agent_ = std::make_unique<Child>(
-        "kelp-agent", agentProgram_,
-        std::vector<std::string>{
-            "--name", kStoreName, "--root", folder_.path(), "--units", std::to_string(input_.units),
-            "--intents", input_.file, "--outcomes", folder_.file("outcomes.jsonl"), "--summary",
-            folder_.file("agent.json"), "--exit-when-done", "--timeout", kPatienceSeconds},
-        folder_.path());
-  }
-  void startChip() {
-    chip_ = std::make_unique<Child>(
-        "kelp-chip", chipProgram_,
-        std::vector<std::string>{"--name", kStoreName, "--root", folder_.path(), "--check",
-                                 "--summary", folder_.file("chip.json"), "--model",
-                                 folder_.file("model.jsonl")},
-        folder_.path());
-  }
-  static void kill(Child& child) {
-    child.signal(SIGKILL);
-    static_cast<void>(child.waitFor(std::chrono::seconds(30)));
-  }
-  [[nodiscard]] Child& agent() noexcept { return *agent_; }
-  [[nodiscard]] Child& chip() noexcept { return *chip_; }
-
- private:
-  const Input& input_;
-  const Folder& folder_;
-  std::string agentProgram_;
-  std::string chipProgram_;
-  std::unique_ptr<Child> chip_;
-  std::unique_ptr<Child> agent_;
-};
 
 // One line that is written over again and again on a terminal, and now and then elsewhere.
 class ProgressLine {
@@ -213,7 +109,7 @@ class Killer {
       programs.startChip();
     }
     if (agent) {
-      programs.startAgent();
+      programs.startAgent(Programs::Then::end);
     }
   }
 
@@ -228,39 +124,121 @@ class Killer {
   std::uint64_t at_ = 0;
 };
 
-// Watches the programs until the agent has ended by itself. Throws if one fails.
-void watchToTheEnd(Programs& programs, Watch& watch, Killer& killer, ProgressLine& line,
-                   std::uint64_t intents) {
-  const auto start = Clock::now();
+// What all that follows looks at while it waits.
+struct Scene {
+  const Input& input;
+  Programs& programs;
+  Watch& watch;
+  ProgressLine& line;
+  Clock::time_point start;
+
+  // Throws if somebody has ended who must not, or the demo is to end.
+  void mind() const {
+    std::string why;
+    if (programs.chip().ended()) {
+      why = programs.chip().obituary();
+    } else if (interruptedBy != 0) {
+      why = "interrupted";
+    }
+    if (!why.empty()) {
+      fail(why);
+    }
+  }
+  [[noreturn]] void fail(const std::string& why) const {
+    line.tell("");
+    throw std::runtime_error(why);
+  }
+  [[nodiscard]] Watch::Progress look(std::uint64_t fed) const {
+    Watch::Progress progress = watch.look(programs.agent().pid());
+    if (fed != 0) {
+      const auto& ends = input.ends;
+      const auto read = std::upper_bound(ends.begin(), ends.end(), input.fileBytes + fed);
+      progress.read = static_cast<std::uint64_t>(read - ends.begin());
+    }
+    return progress;
+  }
+  void show(const Watch::Progress& progress, bool last) const {
+    line.show(progress, Clock::now() - start, last);
+  }
+};
+
+// Watches the programs until the agent has ended by itself, and hands it what follows on its file.
+// Throws if one fails.
+void watchToTheEnd(const Scene& scene, Killer& killer) {
+  Programs& programs = scene.programs;
   for (;;) {
     const bool ended = programs.agent().ended();
-    Watch::Progress progress = watch.look(programs.agent().pid());
+    Watch::Progress progress = scene.look(programs.feed());
     if (ended && !killer.done()) {
-      programs.startAgent();  // it was too fast for the killer
+      programs.startAgent(Programs::Then::end);  // it was too fast for the killer
     } else if (ended) {
-      progress = watch.look(programs.agent().pid());
       const auto status = programs.agent().exitStatus();
       // Some intents may be wrong or fail: all others were carried out.
       if (status == 0 || status == kAgentSkippedLines || status == kAgentFailedIntents) {
-        progress.read = intents;  // its file is closed
-        line.show(progress, Clock::now() - start, true);
+        progress.read = scene.input.ends.size();  // its file is closed
+        scene.show(progress, true);
         return;
       }
-      line.tell("");
-      throw std::runtime_error(programs.agent().obituary());
+      scene.fail(programs.agent().obituary());
     }
-    killer.strikeIfDue(programs, progress, line);
-    if (programs.chip().ended()) {
-      line.tell("");
-      throw std::runtime_error(programs.chip().obituary());
-    }
-    if (interruptedBy != 0) {
-      line.tell("");
-      throw std::runtime_error("interrupted");
-    }
-    line.show(progress, Clock::now() - start, false);
+    killer.strikeIfDue(programs, progress, scene.line);
+    scene.mind();
+    scene.show(progress, false);
     std::this_thread::sleep_for(std::chrono::milliseconds(killer.done() ? 10 : 1));
   }
+}
+
+// Waits until `holds` for what can be seen. Throws if it does not come true in time.
+void watchUntil(const Scene& scene, const char* what,
+                const std::function<bool(const Watch::Progress&)>& holds) {
+  const auto end = Clock::now() + kReplayEnds;
+  for (;;) {
+    const Watch::Progress progress = scene.look(0);
+    if (holds(progress)) {
+      return;
+    }
+    if (Clock::now() > end) {
+      scene.fail(fmt::format("{} does not come: {}", what, scene.programs.agent().obituary()));
+    }
+    scene.mind();
+    scene.show(progress, false);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+// Has an agent begin, kills it while it is at work on the first half, and has the next one replay
+// that half, before the features go on.
+Restarted restartHalfway(const Scene& scene, const BrioSharedMem::EntityManager& memory) {
+  Programs& programs = scene.programs;
+  const std::uint64_t half = scene.input.inFile;
+  const std::uint64_t enough = half - half / 8;
+  std::uint64_t most = 0;
+  programs.startAgent(Programs::Then::stay);
+  watchUntil(scene, "the first half", [&](const Watch::Progress& progress) {
+    if (programs.agent().ended()) {
+      scene.fail(programs.agent().obituary());
+    }
+    // It closes a file that it has read.
+    const bool closed = progress.read < most;
+    most = std::max(most, progress.read);
+    return closed || most >= enough;
+  });
+  Programs::kill(programs.agent());
+  scene.line.tell(fmt::format("killed kelp-agent with SIGKILL after about {} intents", most));
+  const auto settled = [](const Watch::Progress& progress) { return progress.pending() == 0; };
+  watchUntil(scene, "the chip's report", settled);
+  Halfway halfway(scene.input, programs, memory);
+  halfway.killed();
+
+  programs.startAgent(Programs::Then::end);
+  watchUntil(scene, "the end of the replay", [&](const Watch::Progress& progress) {
+    if (programs.agent().ended()) {
+      scene.fail(programs.agent().obituary());
+    }
+    return settled(progress) && !programs.agent().said("replay complete: ").empty();
+  });
+  scene.line.tell("started again: " + programs.agent().said("replay complete: "));
+  return halfway.replayed();
 }
 
 // Folds the intents that the agent says it has carried out.
@@ -269,12 +247,16 @@ void fold(const Input& input, const std::string& outcomes, Expected& expected, O
   std::vector<bool> done(input.lines.size(), false);
   for (std::string text; std::getline(file, text);) {
     const Common::Json line = Common::parseLine(text);
-    const auto number = line.at("line").get<std::size_t>();
-    if (number == 0 || number > done.size() || done[number - 1]) {
+    if (line.at("op") == "replayComplete") {
+      continue;
+    }
+    const auto at = input.lineOf(line.at("source").get_ref<const std::string&>(),
+                                 line.at("line").get<std::uint64_t>());
+    if (!at || done[*at]) {
       throw std::runtime_error(outcomes + ": an outcome of no intent, or a second one: " + text);
     }
     if (line.at("outcome") == "success") {
-      done[number - 1] = true;
+      done[*at] = true;
       ++counts.succeeded;
     } else {
       ++counts.failed;
@@ -303,10 +285,13 @@ int runDemo(const Settings& settings) {
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
     std::signal(number, interrupt);
   }
-  const Input input = settings.file.empty() ? generated(settings.plan, folder.file("intents.jsonl"))
-                                            : readFile(settings.file, 1);
-  BrioSharedMem::EntityManager::rootIs(kStoreName, folder.path());
-  const auto memory = BrioSharedMem::EntityManager::getEntityManager(kStoreName, false);
+  // With kills at random there is no telling how much a restart may change.
+  const bool halves = settings.file.empty() && settings.kills == 0;
+  const Input input = settings.file.empty()
+                          ? generateInput(settings.plan, folder.file("intents.jsonl"), halves)
+                          : readInput(settings.file);
+  BrioSharedMem::EntityManager::rootIs(Programs::kStoreName, folder.path());
+  const auto memory = BrioSharedMem::EntityManager::getEntityManager(Programs::kStoreName, false);
 
   Report report;
   const auto start = Clock::now();
@@ -314,7 +299,13 @@ int runDemo(const Settings& settings) {
   Watch watch(memory, input.file, input.ends);
   ProgressLine line(input.ends.size(), settings.quiet);
   Killer killer(settings.kills, settings.plan.seed, input.ends.size());
-  watchToTheEnd(programs, watch, killer, line, input.ends.size());
+  const Scene scene{input, programs, watch, line, start};
+  if (halves) {
+    report.restarted = restartHalfway(scene, *memory);
+  } else {
+    programs.startAgent(Programs::Then::end);
+  }
+  watchToTheEnd(scene, killer);
   report.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   report.agentStatus = programs.agent().exitStatus().value();
 
@@ -329,11 +320,11 @@ int runDemo(const Settings& settings) {
   report.chipEqual = chipStatus == 0;
   report.intents = input.ends.size();
   Expected expected;
-  fold(input, folder.file("outcomes.jsonl"), expected, report.outcomes);
+  fold(input, programs.outcomesFile(), expected, report.outcomes);
   report.expectedEntries = expected.entries();
-  report.chipAndIntents = expected.compareChip(folder.file("model.jsonl"));
+  report.chipAndIntents = expected.compareChip(programs.modelFile());
   report.collectionsAndIntents = expected.compareCollections(*memory);
-  report.readSummaries(folder.file("agent.json"), folder.file("chip.json"));
+  report.readSummaries(programs.agentSummary(), programs.chipSummary());
   fmt::print("{}", report.text());
   if (report.agentStatus != 0) {
     fmt::print("{}\n", programs.agent().obituary());

@@ -38,6 +38,22 @@ void appendVerdict(std::string& out, const char* what, const Comparison& result)
   }
 }
 
+void appendRestart(std::string& out, const Restarted& restarted) {
+  const std::uint64_t owed = restarted.differing + restarted.cutOff;
+  if (restarted.good()) {
+    fmt::format_to(
+        std::back_inserter(out),
+        "check: the restart halfway told the chip {} changes, just those that the killed "
+        "agent still owed; the other {} entries were left alone\n",
+        owed, restarted.there);
+  } else {
+    fmt::format_to(std::back_inserter(out),
+                   "check FAILED: the restart halfway told the chip {} changes, where the killed "
+                   "agent owed {}\n",
+                   restarted.changes, owed);
+  }
+}
+
 }  // namespace
 
 void Report::readSummaries(const std::string& agentFile, const std::string& chipFile) {
@@ -76,7 +92,8 @@ void Report::readSummaries(const std::string& agentFile, const std::string& chip
 
 bool Report::good() const noexcept {
   return agentStatus == 0 && chipEqual && outcomes.succeeded == intents && chipAndIntents.same() &&
-         collectionsAndIntents.same() && equalToCollections == expectedEntries;
+         collectionsAndIntents.same() && equalToCollections == expectedEntries &&
+         (!restarted || restarted->good());
 }
 
 std::string Report::text() const {
@@ -120,6 +137,9 @@ std::string Report::text() const {
   appendVerdict(out, "the chip equals what the intents add up to", chipAndIntents);
   appendVerdict(out, "so do the configuration collections, with the resource keys",
                 collectionsAndIntents);
+  if (restarted) {
+    appendRestart(out, *restarted);
+  }
   return out;
 }
 

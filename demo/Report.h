@@ -14,6 +14,16 @@ struct Outcomes {
   std::uint64_t failed = 0;
 };
 
+// What came of an agent that was killed halfway and started again, up to the end of its replay.
+struct Restarted {
+  std::uint64_t there = 0;      // entries that the killed agent has left as they are asked for
+  std::uint64_t differing = 0;  // entries to write or remove
+  std::uint64_t cutOff = 0;     // changes that the killed agent had made and not published
+  std::uint64_t changes = 0;    // that reached the chip
+
+  [[nodiscard]] bool good() const noexcept { return changes == differing + cutOff; }
+};
+
 // What came of a run.
 struct Report {
   // One software table: a table of one unit.
@@ -43,6 +53,7 @@ struct Report {
   std::uint64_t resyncs = 0;
   std::uint64_t equalToCollections = 0;  // entries, by kelp-chip's own check
   std::vector<std::string> chipDiffers;  // where it found differences
+  std::optional<Restarted> restarted;
 
   // Takes what the programs say of themselves at their end. Throws std::runtime_error.
   void readSummaries(const std::string& agentFile, const std::string& chipFile);

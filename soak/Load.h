@@ -10,7 +10,8 @@
 
 namespace Soak {
 
-// Intents without end: lives of switches, one after the other, over the keys of the ones before.
+// Intents without end: lives of switches, one after the other. Each begins with remove-alls of what
+// the one before has left, and uses many of its keys again.
 class Load {
  public:
   Load(unsigned units, std::uint64_t seed) : units_(units), random_(seed) {}

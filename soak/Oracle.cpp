@@ -125,7 +125,7 @@ void Oracle::settlePlace(Tag, const BrioSharedMem::EntityManager& memory, Asic::
     const auto newest = std::find_if(state.later.rbegin(), state.later.rend(),
                                      [&](const Later& later) { return isHeld(later.asked); });
     if (newest != state.later.rend()) {
-      ++settled.carriedOut;
+      settled.carriedOut += same(state.known, newest->asked) ? 0 : 1;
       state.known = newest->asked;
     } else if (isHeld(state.known)) {
       ++settled.dropped;

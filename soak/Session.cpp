@@ -9,7 +9,7 @@
 namespace Soak {
 
 std::unique_ptr<Session> Session::connect(const std::string& path) {
-  std::unique_ptr<Session> session(new Session);
+  auto session = std::make_unique<Session>();
   asio::error_code error;
   session->socket_.connect(Protocol::endpoint(path), error);
   if (error) {

@@ -17,6 +17,8 @@ class Session {
   // Null if nobody listens there (yet).
   [[nodiscard]] static std::unique_ptr<Session> connect(const std::string& path);
 
+  // In touch with nobody; connect() makes those that are.
+  Session() : socket_(loop_) {}
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
@@ -32,8 +34,6 @@ class Session {
 
  private:
   using Protocol = asio::local::stream_protocol;
-
-  Session() : socket_(loop_) {}
 
   asio::io_context loop_;
   Protocol::socket socket_;

@@ -18,6 +18,7 @@
 #include "demo/Child.h"
 #include "demo/Expected.h"
 #include "demo/Generator.h"
+#include "demo/Report.h"
 #include "demo/Watch.h"
 
 // The programs as processes: the demo itself, and an agent and a chip that are killed.
@@ -74,6 +75,31 @@ TEST_F(Processes, TheDemoProvesThatTheChipHoldsWhatWasAskedFor) {
   EXPECT_THAT(output_, HasSubstr("check: the chip equals the configuration collections: "));
   EXPECT_THAT(output_, HasSubstr("check: the chip equals what the intents add up to: "));
   EXPECT_THAT(output_, HasSubstr("LemVpwsAc          2"));
+}
+
+TEST_F(Processes, TheDemoRestartsTheAgentHalfwayAndTellsTheChipOnlyWhatIsOwed) {
+  EXPECT_EQ(run("kelp-demo", {"--intents", "8000"}), 0) << output_ << obituary_;
+  EXPECT_THAT(obituary_, AllOf(HasSubstr("killed kelp-agent with SIGKILL after about "),
+                               HasSubstr("started again: replay complete: ")));
+  EXPECT_THAT(output_, testing::ContainsRegex(
+                           "check: the restart halfway told the chip [0-9]+ changes, just "
+                           "those that the killed agent still owed; the other "
+                           "[1-9][0-9]* entries were left alone"));
+}
+
+TEST(Report, FailsIfARestartHasToldTheChipMoreOrLessThanWasOwed) {
+  Demo::Report report;
+  report.chipEqual = true;
+  report.restarted = Demo::Restarted{10, 4, 1, 5};
+  EXPECT_TRUE(report.good());
+  EXPECT_THAT(report.text(), HasSubstr("check: the restart halfway told the chip 5 changes, just"));
+  for (const std::uint64_t changes : {4U, 6U, 15U}) {
+    report.restarted->changes = changes;
+    EXPECT_FALSE(report.good());
+    EXPECT_THAT(report.text(),
+                HasSubstr("check FAILED: the restart halfway told the chip " +
+                          std::to_string(changes) + " changes, where the killed agent owed 5"));
+  }
 }
 
 TEST_F(Processes, TheDemoHoldsWithProgramsKilledOnTheWay) {

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "demo/Child.h"
+#include "demo/Folder.h"
+#include "demo/Input.h"
+
+namespace Demo {
+
+// The two programs of a run.
+class Programs {
+ public:
+  static constexpr const char* kStoreName = "demo";
+
+  // What an agent does when it has read the file.
+  enum class Then : std::uint8_t {
+    end,  // when all is done, after what comes in through its standard input
+    stay,
+  };
+
+  // Starts the hardware side. Throws std::runtime_error, as all that start something.
+  Programs(const Input& input, const Folder& folder);
+
+  void startAgent(Then then);
+  void startChip();
+  static void kill(Child& child);
+  [[nodiscard]] Child& agent() noexcept { return *agent_; }
+  [[nodiscard]] Child& chip() noexcept { return *chip_; }
+
+  // Hands the agent's standard input what follows on the file, as much as goes without waiting, and
+  // closes it behind the last of it. Gives how many bytes it has been handed in all.
+  std::uint64_t feed();
+
+  [[nodiscard]] std::string outcomesFile() const { return folder_.file("outcomes.jsonl"); }
+  [[nodiscard]] std::string agentSummary() const { return folder_.file("agent.json"); }
+  [[nodiscard]] std::string chipSummary() const { return folder_.file("chip.json"); }
+  [[nodiscard]] std::string modelFile() const { return folder_.file("model.jsonl"); }
+
+ private:
+  const Input& input_;
+  const Folder& folder_;
+  std::string here_;  // where the programs lie
+  std::unique_ptr<Child> chip_;
+  std::unique_ptr<Child> agent_;
+  std::uint64_t fed_ = 0;
+};
+
+}  // namespace Demo
