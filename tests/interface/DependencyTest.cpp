@@ -177,6 +177,36 @@ TYPED_TEST(Dependencies, OfALogThatIsLostAreNotThoseOfTheNextOne) {
   EXPECT_EQ(this->storedRecords(), 0U) << "version 2 waits for nothing";
 }
 
+TYPED_TEST(Dependencies, OfAnIdenticalWriteThatIsSuppressedAreNotReportedToTheGroup) {
+  using Other = typename TestFixture::Other;
+  const auto table = this->table();
+  this->commit(table, 1);
+  const auto on = this->writeOther(1);
+  this->pass();
+  const auto versions = [this] {
+    const auto control = this->intf()->entryLog()->tableEntryLog()->collectionControl();
+    return std::vector<std::uint64_t>{control->announced(), control->scratchpad(),
+                                      control->published(),
+                                      this->intf()->entryLog()->tableVersion().value};
+  };
+  EXPECT_TRUE(this->group()->takePublished());
+  table->mark();
+  const auto handle = table->entryWrite(this->key(1), this->entry(1), on);
+  EXPECT_EQ(this->pass(), 1U);
+  EXPECT_EQ(table->stats()->suppressedWriteCnt(), 1U);
+  EXPECT_EQ(handle->logVersion().value, 1U);
+  EXPECT_FALSE(this->group()->takePublished());
+  EXPECT_EQ(this->storedRecords(), 0U);
+  EXPECT_THAT(versions(), ElementsAre(1, 1, 1, 1));
+  EXPECT_THAT(this->logVersions(), ElementsAre(1));
+  // One that differs is reported, with what it waits for.
+  (void)table->entryWrite(this->key(1), this->entry(1, 1), on);
+  EXPECT_EQ(this->pass(), 1U);
+  EXPECT_TRUE(this->group()->takePublished());
+  EXPECT_THAT(this->stored(2), ElementsAre(Pair(Other::tableId, 1U)));
+  EXPECT_THAT(versions(), ElementsAre(2, 2, 2, 2));
+}
+
 TYPED_TEST(Dependencies, PublishingIsNoticedOnce) {
   const auto table = this->table();
   EXPECT_FALSE(this->group()->takePublished());

@@ -1,3 +1,5 @@
+#include <map>
+
 #include "Asic/CanonicalTableName.h"
 #include "InterfaceFixture.h"
 
@@ -276,6 +278,18 @@ TYPED_TEST(MakeSwTableDeathTest, AGroupWithoutTheTablesSetEndsTheProcess) {
       this->group()->canonicalName(), this->vault_, std::uint16_t{0x2908}));
   EXPECT_DEATH((void)intf->makeSwTable(this->unit0, nullptr, false),
                HasSubstr("Assertion `groupIntf->swTableSetHas( tableId() )' failed"));
+}
+
+TYPED_TEST(MakeSwTableDeathTest, AnAgentWithoutTheGroupEndsTheProcess) {
+  using Groups = std::map<Lumen::String, Lumen::Ptr<Asic::GroupInterface>>;
+  const auto intf = this->intf();
+  EXPECT_DEATH(
+      {
+        // No operation takes a group out of an agent: this is what one is left with that lost it.
+        const_cast<Groups&>(this->agent_->groupIntfColl()->groupIntfs()).clear();
+        (void)intf->makeSwTable(this->unit0, nullptr, false);
+      },
+      HasSubstr("Assertion `groupIntf' failed"));
 }
 
 TYPED_TEST(MakeSwTableDeathTest, ATableOfAnotherClassInTheSetEndsTheProcess) {

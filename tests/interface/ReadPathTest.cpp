@@ -1,3 +1,5 @@
+#include "Brio/Log.h"
+#include "FlipByte.h"
 #include "InterfaceFixture.h"
 #include "OrderedTable/EntryReadPath.h"
 #include "OrderedTable/OrderedSwTableAccessor.h"
@@ -198,6 +200,106 @@ TYPED_TEST(ReadPath, ReadsChangeNothing) {
   EXPECT_EQ(table->transientAddEntry().size(), 1U);
   EXPECT_EQ(table->transientRemoveEntry().size(), 1U);
   EXPECT_EQ(this->intf()->entryLog()->tableVersion().value, 2U);
+}
+
+// --- over a record that does not add up
+
+template <class T>
+class ReadPathOverDamage : public ReadPath<T> {
+ protected:
+  // Three entries, of which the one of key 1 is made unreadable.
+  void SetUp() override {
+    ReadPath<T>::SetUp();
+    const auto table = this->table();
+    for (std::uint64_t i = 0; i < 3; ++i) {
+      this->commit(table, i, 4);
+    }
+    bool found = false;
+    const auto& record = records().find(this->key(1), found);
+    ASSERT_TRUE(found);
+    TestSupport::flipByte(this->root_.path(), records(), &record.version);
+    EXPECT_FALSE(records().damaged());
+    previous_ =
+        Brio::logSinkIs([this](const Brio::LogRecord& log) { messages_.emplace_back(log.text); });
+  }
+  void TearDown() override {
+    Brio::logSinkIs(previous_);
+    ReadPath<T>::TearDown();
+  }
+
+  auto& records() {
+    return this->intf()->entryLog()->tableConfigQuilt(this->unit0)->swTableEntries();
+  }
+  void expectReportedOnce() {
+    EXPECT_TRUE(records().damaged());
+    ASSERT_EQ(messages_.size(), 1U);
+    EXPECT_THAT(messages_[0], HasSubstr("corruption in collection swTableEntries"));
+    EXPECT_THAT(messages_[0],
+                HasSubstr(KelpEmServer::KelpConstants<T>::configQuiltPath(this->unit0)));
+  }
+  // All that is whole reads on, in every way.
+  void expectOthersReadable() {
+    const auto table = this->table();
+    for (const std::uint64_t number : {0, 2}) {
+      EXPECT_TRUE(table->entryHas(this->key(number)));
+      EXPECT_TRUE(table->entryRead(this->key(number)).isEq(this->entry(number, 4)));
+      EXPECT_TRUE(table->entryFromConfig(this->key(number)).isEq(this->entry(number, 4)));
+    }
+  }
+
+  std::vector<std::string> messages_;
+
+ private:
+  Brio::LogSink previous_;
+};
+TYPED_TEST_SUITE(ReadPathOverDamage, TestSupport::AllTableTypes, TestSupport::TableTestName);
+
+TYPED_TEST(ReadPathOverDamage, AReadIsOneThatFindsNothing) {
+  const auto table = this->table();
+  TestSupport::TraceCapture traces("*/1");
+  EXPECT_TRUE(this->isDefault(table->entryRead(this->key(1))));
+  ASSERT_EQ(traces.lines().size(), 1U);
+  EXPECT_EQ(traces.lines()[0].text, fmt::format("Failed to find entry for key: {}", this->key(1)));
+  this->expectReportedOnce();
+  EXPECT_TRUE(this->isDefault(table->entry(this->key(1))));
+  EXPECT_FALSE(table->entryHas(this->key(1)));
+  this->expectOthersReadable();
+  this->expectReportedOnce();
+}
+
+TYPED_TEST(ReadPathOverDamage, AReadOfTheCommittedEntryYieldsTheDefault) {
+  const auto table = this->table();
+  EXPECT_TRUE(this->isDefault(table->entryFromConfig(this->key(1))));
+  this->expectReportedOnce();
+  this->expectOthersReadable();
+  EXPECT_TRUE(this->isDefault(table->entryFromConfig(this->key(1))));
+  this->expectReportedOnce();
+}
+
+TYPED_TEST(ReadPathOverDamage, AWrapperOfTheCommittedEntryIsThatOfAnAbsentKey) {
+  using Table = typename TestFixture::Table;
+  const auto table = this->table();
+  Lumen::Ptr<typename Table::EntryHandle> handle;
+  const auto wrapper =
+      Asic::OrderedSwTableAccessor<Table>(table.get())
+          .template entryWrapperFromConfig<typename Table::Wrapper>(this->key(1), false, handle);
+  typename TestFixture::Entry blank;
+  blank.logEntry.key = this->key(1);
+  EXPECT_TRUE(wrapper->entry().isEq(blank));
+  this->expectReportedOnce();
+}
+
+TYPED_TEST(ReadPathOverDamage, AWriteInFlightIsReadAndTheRecordIsNotTouched) {
+  const auto table = this->table();
+  (void)table->entryWrite(this->key(1), this->entry(1, 9), nullptr);
+  EXPECT_TRUE(table->entryRead(this->key(1)).isEq(this->entry(1, 9)));
+  EXPECT_TRUE(table->entryHas(this->key(1)));
+  EXPECT_THAT(this->messages_, IsEmpty());
+  EXPECT_FALSE(this->records().damaged());
+  // Committed, it takes the place of the damage.
+  this->pass();
+  EXPECT_TRUE(table->entryFromConfig(this->key(1)).isEq(this->entry(1, 9)));
+  this->expectOthersReadable();
 }
 
 template <class T>

@@ -1,5 +1,6 @@
 #include "FlipByte.h"
 #include "LogFixture.h"
+#include "Quilt/Chains.h"
 
 // Reads that meet bytes which do not add up: reported to the collection once, and then as if there
 // were no record. Work goes on. The bytes are changed in the file, under the running agent.
@@ -151,6 +152,34 @@ TYPED_TEST(LogCorruption, AMountSweepThatMeetsACorruptRecordEndsThereAndWorkGoes
   EXPECT_GE(this->records(), 1U);
   EXPECT_EQ(this->write(30), 22U);
   this->expectLive(30, 22);
+}
+
+TYPED_TEST(LogCorruption, AnEmptyCollectionIsCountedWithoutALookAtItsBuckets) {
+  using ConfigRecord = typename TestFixture::ConfigRecord;
+  using Words = Quilt::KeyWords<typename TestFixture::Key>;
+  (void)this->write(1);
+  (void)this->remove(1);
+  this->cleanup(2);
+  EXPECT_EQ(this->records(), 0U);
+  // A bucket that leads nowhere, for whoever comes by.
+  auto& map = this->log().tableConfigQuilt(this->unit0)->swTableEntries();
+  const Quilt::Chains<ConfigRecord> chains(*map.file());
+  const std::uint32_t bucket = chains.bucketOf(Words::of(this->key(1)));
+  TestSupport::flipByte(this->root_.path(), map, &chains.head(bucket));
+  EXPECT_EQ(this->log().entrys(this->unit0), 0U);
+  EXPECT_EQ(this->log().entrysInDeletion(this->unit0), 0U);
+  EXPECT_FALSE(this->damaged());
+  // With a record there is a walk, and it does come by.
+  std::uint64_t number = 2;
+  while (chains.bucketOf(Words::of(this->key(number))) <= bucket) {
+    ++number;
+  }
+  (void)this->write(number);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(this->log().entrysInDeletion(this->unit0), 0U);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              HasSubstr("corruption in collection swTableEntries"));
+  EXPECT_TRUE(this->damaged());
 }
 
 }  // namespace

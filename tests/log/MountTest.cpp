@@ -142,6 +142,28 @@ TYPED_TEST(LogMounting, TheCollectionOfAUnitCanBeSetTakenOutAndRemoved) {
   EXPECT_EQ(log.tableConfigQuilt().size(), 0U);
 }
 
+TYPED_TEST(LogMounting, ALogKeepsWhatItWasMadeWith) {
+  using Log = typename TestFixture::Log;
+  this->start();
+  const auto vault = Lumen::makeNode<Vault::EntityManager>("kelp-made-with", true, "");
+  const auto group =
+      Lumen::makeNode<Asic::GroupInterface>("Someone/Else", vault, std::uint16_t{0x1234});
+  const Asic::SwTableId tableId{0x12345678};
+  const auto log = Log::KelpEntryLogIs(tableId, vault, group, "Someone");
+  EXPECT_EQ(log->tableId(), tableId);
+  EXPECT_EQ(log->entityManager(), vault);
+  EXPECT_EQ(log->groupInterface(), group);
+  EXPECT_EQ(log->agentName(), "Someone");
+  // It mounts below that vault, and tells that group, under that id.
+  EXPECT_EQ(Asic::writableSharedMemory(*vault)->getEntity(
+                KelpEmServer::KelpConstants<TypeParam>::tableEntryLogQuiltPath()),
+            log->tableEntryLog());
+  EXPECT_FALSE(group->takePublished());
+  group->addLogEntry(tableId, Asic::LogVersion{5}, nullptr);
+  EXPECT_EQ(log->tableEntryLog()->collectionControl()->published(), 5U);
+  Asic::writableSharedMemory(*vault)->entityDelAll();
+}
+
 // --- where the collections lie
 
 using OneTable = KelpEmServer::Isem1Tag;

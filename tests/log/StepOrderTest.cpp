@@ -67,4 +67,58 @@ TEST_F(ChangeOrderDeathTest, TheGroupIsToldAfterTheVersionIsSaved) {
   EXPECT_EQ(logControl()->published(), 1U) << "dependencies come before the published version";
 }
 
+// A cleanup takes the log record away before it touches the configuration collection. Seen by what
+// a process leaves that dies when it comes to the configuration collection: it has that one open as
+// a reader.
+template <class T>
+class CleanupOrderDeathTest : public TestSupport::LogFixture<T> {
+ protected:
+  void expectOrder(std::uint64_t last) {
+    using Quilt = typename T::ConfigQuilt;
+    auto& log = this->log();
+    const auto configQuilt = log.tableConfigQuilt(this->unit0);
+    EXPECT_DEATH(
+        {
+          log.tableConfigQuiltIs(this->unit0,
+                                 Lumen::dynamicPtrCast<Quilt>(this->memory()->openReader(
+                                     configQuilt->mapBase().path(), configQuilt->typeName())));
+          this->cleanup(last);
+        },
+        HasSubstr("this process has it open as a reader"));
+    // What lies in shared memory now, read anew.
+    const auto changeLog = log.tableEntryLog();
+    const auto left = Lumen::dynamicPtrCast<typename T::EntryLogQuilt>(
+        this->memory()->openReader(changeLog->mapBase().path(), changeLog->typeName()));
+    bool found = true;
+    (void)left->entryLogConfig().find(Asic::LogVersion{last}, found);
+    EXPECT_FALSE(found);
+    this->expectDeleted(1, last);
+  }
+};
+TYPED_TEST_SUITE(CleanupOrderDeathTest, TestSupport::AllTableTypes, TestSupport::TableTestName);
+
+TYPED_TEST(CleanupOrderDeathTest, OfADeleteInTheFirstCleanupOfARun) {
+  (void)this->write(1);
+  const std::uint64_t last = this->remove(1);
+  EXPECT_EQ(this->lastCleaned(), 0U);
+  this->expectOrder(last);
+}
+
+TYPED_TEST(CleanupOrderDeathTest, OfADeleteInALaterCleanup) {
+  (void)this->write(1);
+  this->cleanup(1);
+  this->expectOrder(this->remove(1));
+}
+
+TYPED_TEST(CleanupOrderDeathTest, OfATableDeleteInTheFirstCleanupOfARun) {
+  (void)this->write(1);
+  this->expectOrder(this->removeAll());
+}
+
+TYPED_TEST(CleanupOrderDeathTest, OfATableDeleteInALaterCleanup) {
+  (void)this->write(1);
+  this->cleanup(1);
+  this->expectOrder(this->removeAll());
+}
+
 }  // namespace
