@@ -101,6 +101,8 @@ class KELP_EM_EXPORT KelpInterface final : public Asic::TableInterfaceBase,
 
   void handleInitialized();
   void onDelete();
+  template <class L>
+  void link(const Lumen::Ptr<SwTable>& table);
   [[nodiscard]] Lumen::Ptr<Asic::GroupInterface> groupIntf() const;
   [[nodiscard]] Lumen::Ptr<SwTable> existingSwTable(Asic::UnitId unitId,
                                                     const Lumen::Ptr<Helper>& swTableHelper,

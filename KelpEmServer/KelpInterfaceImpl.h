@@ -197,6 +197,7 @@ Lumen::Ptr<KelpSwTable<T>> KelpInterface<T>::makeSwTable(Asic::UnitId unitId,
     table->swTableHelperIs(swTableHelper);
   }
   table->statusIs(swTableStatus_);
+  T::Linkages::forEachSpec([&](auto tag) { link<typename decltype(tag)::Spec>(table); });
   if (reset) {
     static constexpr auto kText = Brio::FixedString(" Clearing entries for table: ") + T::name +
                                   Brio::FixedString("Kelp, unitId: {}");
@@ -221,6 +222,26 @@ Lumen::Ptr<KelpSwTable<T>> KelpInterface<T>::makeSwTable(Asic::UnitId unitId,
     table->mark();
   }
   return table;
+}
+
+// Makes the table a client of one of its resource tables.
+template <TableSpec T>
+template <class L>
+void KelpInterface<T>::link(const Lumen::Ptr<SwTable>& table) {
+  using ResourceTable = typename L::ResourceTable;
+  const Lumen::Ptr<const Asic::CanonicalTableName> name = Lumen::makeNode<Asic::CanonicalTableName>(
+      Asic::OrderedTableType::resourceTable, "", ResourceTable::Spec::tableNamespace,
+      ResourceTable::Spec::tableName);
+  const auto resTbl = this->orderedTableIntf()->resourceTable(name->name());
+  Lumen::assertThat(resTbl != nullptr, "resTbl");
+  const auto typedResourceTable = Lumen::dynamicPtrCast<ResourceTable>(resTbl);
+  Lumen::assertThat(typedResourceTable != nullptr, "typedResourceTable");
+  const auto client = typedResourceTable->makeClientInstance();
+  static BriskTrace::Site site;
+  const unsigned entrys = typedResourceTable->entrys();
+  BriskTrace::report(site, className(), __func__, L::startedText, entrys);
+  LUMEN_TRACE(interfaceTraceHandle<T>(), 2, className(), L::startedText, entrys);
+  table->linkageIs(KelpResourceLinkage<T, L>::KelpResourceLinkageIs(table.get(), client));
 }
 
 template <TableSpec T>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <tuple>
 
 #include "Asic/EntryVersion.h"
 #include "Asic/GroupResolver.h"
@@ -38,7 +39,8 @@ namespace KelpEmServer {
 // Everything runs on the agent's one thread.
 template <TableSpec T>
 class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typename T::Entry>,
-                                         public PoolSlab::Slabbed<KelpSwTable<T>> {
+                                         public PoolSlab::Slabbed<KelpSwTable<T>>,
+                                         public T::Linkages::template Of<T> {
  public:
   using Traits = T;
   using Base = KelpTunnelNiLib::SwTableBase<typename T::Entry>;
@@ -116,26 +118,31 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
 
   static constexpr const char* className() { return kTableText<T, "KelpSwTable">.c_str(); }
   static constexpr auto attributes() {
-    return Brio::attributeList(
-        898, Brio::stored("swTableHelper", &KelpSwTable::swTableHelper_),
-        Brio::collection("transientAddEntry", &KelpSwTable::transientAddEntry_),
-        Brio::collection("transientRemoveEntry", &KelpSwTable::transientRemoveEntry_),
-        Brio::collection("transientVersionForKey", &KelpSwTable::transientVersionForKey_),
-        Brio::stored("transientRemoveAllVersion", &KelpSwTable::transientRemoveAllVersion_),
-        Brio::operation("getTableEntries_py"), Brio::stored("entryLog", &KelpSwTable::entryLog_),
-        Brio::stored("groupResolver", &KelpSwTable::groupResolver_), Brio::retired(),
-        Brio::queue("entryHandleInLog", &KelpSwTable::entryHandleInLog_),
-        Brio::operation("commitEntry", &KelpSwTable::commitEntry),
-        Brio::operation("updateEntry", &KelpSwTable::updateEntry),
-        Brio::operation("getNeededEntrySet", &KelpSwTable::getNeededEntrySet),
-        Brio::operation("isResolverEntryResolved", &KelpSwTable::isResolverEntryResolved),
-        Brio::operation("setRsrcPtrs", &KelpSwTable::setRsrcPtrs),
-        Brio::operation("entryFromConfig", &KelpSwTable::entryFromConfig),
-        Brio::operation("restoreEntries", &KelpSwTable::restoreEntries),
-        Brio::operation("clearTable", &KelpSwTable::clearTable),
-        Brio::collection("markedKey", &KelpSwTable::markedKey_),
-        Brio::stored("inMarkingState", &KelpSwTable::inMarkingState_),
-        Brio::operation("handleInitialized", &KelpSwTable::handleInitialized));
+    return Brio::attributeGroups(
+        898,
+        std::tuple{
+            Brio::stored("swTableHelper", &KelpSwTable::swTableHelper_),
+            Brio::collection("transientAddEntry", &KelpSwTable::transientAddEntry_),
+            Brio::collection("transientRemoveEntry", &KelpSwTable::transientRemoveEntry_),
+            Brio::collection("transientVersionForKey", &KelpSwTable::transientVersionForKey_),
+            Brio::stored("transientRemoveAllVersion", &KelpSwTable::transientRemoveAllVersion_),
+            Brio::operation("getTableEntries_py"),
+            Brio::stored("entryLog", &KelpSwTable::entryLog_),
+            Brio::stored("groupResolver", &KelpSwTable::groupResolver_),
+            Brio::retired(),
+            Brio::queue("entryHandleInLog", &KelpSwTable::entryHandleInLog_),
+            Brio::operation("commitEntry", &KelpSwTable::commitEntry),
+            Brio::operation("updateEntry", &KelpSwTable::updateEntry),
+            Brio::operation("getNeededEntrySet", &KelpSwTable::getNeededEntrySet),
+            Brio::operation("isResolverEntryResolved", &KelpSwTable::isResolverEntryResolved),
+            Brio::operation("setRsrcPtrs", &KelpSwTable::setRsrcPtrs),
+            Brio::operation("entryFromConfig", &KelpSwTable::entryFromConfig),
+            Brio::operation("restoreEntries", &KelpSwTable::restoreEntries),
+            Brio::operation("clearTable", &KelpSwTable::clearTable),
+            Brio::collection("markedKey", &KelpSwTable::markedKey_),
+            Brio::stored("inMarkingState", &KelpSwTable::inMarkingState_)},
+        T::Linkages::template attributes<KelpSwTable>(),
+        std::tuple{Brio::operation("handleInitialized", &KelpSwTable::handleInitialized)});
   }
 
   KelpSwTable(const Lumen::Ptr<const Asic::CanonicalTableName>& canonicalName,

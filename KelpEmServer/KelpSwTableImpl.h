@@ -154,6 +154,10 @@ void KelpSwTable<T>::handleInitialized() {
       isAttribute<KelpSwTable>(914, "restoreEntries") &&
       isAttribute<KelpSwTable>(915, "clearTable") && isAttribute<KelpSwTable>(916, "markedKey") &&
       isAttribute<KelpSwTable>(917, "inMarkingState"));
+  constexpr auto kAfterLinkages =
+      918 + std::tuple_size_v<decltype(T::Linkages::template attributes<KelpSwTable>())>;
+  static_assert(kAfterLinkages >= 918 && kAfterLinkages <= 920 &&
+                isAttribute<KelpSwTable>(kAfterLinkages, "handleInitialized"));
   LUMEN_TRACE(swTableTraceHandle<T>(), 8, className(),
               "doesMarkSweep: True hwErrorHandling: False");
   swTableHelperIs(Lumen::makeNode<Helper>());
@@ -189,8 +193,10 @@ KelpSwTable<T>::entryWriteWithResponseHandler(
     const Lumen::Ptr<const Asic::DependencyEntryHandle>& dependency,
     const ResponseHandler& handler) {
   LUMEN_TRACE(swTableTraceHandle<T>(), 8, className(), " key: {}", key);
-  return SwTableAccessor<T>(this).template entryWriteGeneric<Resolver, Wrapper>(
-      key, entry, dependency, handler);
+  return this->withLinkages([&](auto*... linkages) {
+    return SwTableAccessor<T>(this).template entryWriteGeneric<Resolver, Wrapper>(
+        key, entry, dependency, handler, linkages...);
+  });
 }
 
 template <TableSpec T>
@@ -258,38 +264,57 @@ void KelpSwTable<T>::sweep() {
 
 template <TableSpec T>
 bool KelpSwTable<T>::isResolverEntryResolved(const Lumen::Ptr<Resolver>& entry) {
-  return SwTableAccessor<T>(this).isResolverEntryResolved(entry);
+  return this->withLinkages([&](auto*... linkages) {
+    return SwTableAccessor<T>(this).isResolverEntryResolved(entry, linkages...);
+  });
 }
 
 template <TableSpec T>
 void KelpSwTable<T>::commitEntry(const Lumen::Ptr<Asic::ResolverEntry>& entry) {
-  SwTableAccessor<T>(this).template commitEntry<Resolver, Wrapper>(entry);
+  this->withLinkages([&](auto*... linkages) {
+    SwTableAccessor<T>(this).template commitEntry<Resolver, Wrapper>(entry, linkages...);
+  });
 }
 
 template <TableSpec T>
 Lumen::Ptr<Asic::NeededEntry> KelpSwTable<T>::getNeededEntrySet(
     const Lumen::Ptr<const Wrapper>& wrapper) {
-  return SwTableAccessor<T>(this).getNeededEntrySet(wrapper);
+  return this->withLinkages([&](auto*... linkages) {
+    return SwTableAccessor<T>(this).getNeededEntrySet(wrapper, linkages...);
+  });
 }
 
 template <TableSpec T>
 void KelpSwTable<T>::setRsrcPtrs(const Lumen::Ptr<Wrapper>& wrapper, bool refresh) {
-  SwTableAccessor<T>(this).setRsrcPtrs(wrapper, refresh);
+  this->withLinkages([&](auto*... linkages) {
+    SwTableAccessor<T>(this).setRsrcPtrs(wrapper, refresh, linkages...);
+  });
 }
 
 template <TableSpec T>
 Lumen::Ptr<const Asic::OrderedSwTable::EntryHandle> KelpSwTable<T>::updateEntry(const Key& key) {
-  return SwTableAccessor<T>(this).template updateEntry<Key, Wrapper>(key);
+  return this->withLinkages([&](auto*... linkages) {
+    return SwTableAccessor<T>(this).template updateEntry<Key, Wrapper>(key, linkages...);
+  });
 }
 
 template <TableSpec T>
-void KelpSwTable<T>::restoreEntries() {}
+void KelpSwTable<T>::restoreEntries() {
+  this->withLinkages([&](auto*... linkages) {
+    if constexpr (sizeof...(linkages) != 0) {
+      SwTableAccessor<T>(this).template restoreEntries<Wrapper>(linkages...);
+    }
+  });
+}
 
 template <TableSpec T>
 void KelpSwTable<T>::clearTable(bool releaseResources) {
   LUMEN_TRACE(swTableTraceHandle<T>(), 8, className(), "");
   Lumen::Ptr<EntryHandle> handle;
-  SwTableAccessor<T>(this).template delAllEntries<Wrapper>(releaseResources, nullptr, handle);
+  this->withLinkages([&](auto*... linkages) {
+    SwTableAccessor<T>(this).template delAllEntries<Wrapper>(releaseResources, nullptr, handle,
+                                                             linkages...);
+  });
 }
 
 // --- the table: reads

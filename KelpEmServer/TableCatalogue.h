@@ -3,6 +3,7 @@
 #include "Asic/SwTableId.h"
 #include "Brio/FixedString.h"
 #include "KelpEmServer/Export.h"
+#include "KelpEmServer/TableLinkages.h"
 #include "KelpEmServer/TableSpec.h"
 #include "KelpEmServer/WrapperResources.h"
 #include "KelpTunnelNiLib/TableBases.h"
@@ -29,6 +30,7 @@ struct KELP_EM_EXPORT EsemFodo {
   using ConfigQuilt = KelpTunnelNiLib::EsemFodoConfigQuilt;
   using EntryLogQuilt = KelpTunnelNiLib::EsemFodoEntryLogQuilt;
   using WrapperResources = NoResources;
+  using Linkages = NoLinkages;
 };
 
 // Egress encapsulation by forwarding object and VLAN domain.
@@ -42,6 +44,8 @@ struct KELP_EM_EXPORT EsemFodoVd {
   using ConfigQuilt = KelpTunnelNiLib::EsemFodoVdConfigQuilt;
   using EntryLogQuilt = KelpTunnelNiLib::EsemFodoVdEntryLogQuilt;
   using WrapperResources = VlanEditAndRemarkResources;
+  using Linkages = VlanEditAndRemarkLinkages<LinkageSalts{1387900387, 2760113449},
+                                             LinkageSalts{1832999693, 406583741}>;
 };
 
 // Ingress classification of frames with one VLAN tag.
@@ -55,6 +59,7 @@ struct KELP_EM_EXPORT Isem1Tag {
   using ConfigQuilt = KelpTunnelNiLib::Isem1TagConfigQuilt;
   using EntryLogQuilt = KelpTunnelNiLib::Isem1TagEntryLogQuilt;
   using WrapperResources = InLif01Resources<KelpTunnelNiLib::Isem1TagLogEntry>;
+  using Linkages = InLifIndexLinkages<LinkageSalts{1653092364, 3760285788}>;
 };
 
 // Ingress classification of frames with two VLAN tags.
@@ -68,6 +73,7 @@ struct KELP_EM_EXPORT Isem2Tag {
   using ConfigQuilt = KelpTunnelNiLib::Isem2TagConfigQuilt;
   using EntryLogQuilt = KelpTunnelNiLib::Isem2TagEntryLogQuilt;
   using WrapperResources = InLif01Resources<KelpTunnelNiLib::Isem2TagLogEntry>;
+  using Linkages = InLifIndexLinkages<LinkageSalts{4087234731, 1146972053}>;
 };
 
 // Ingress classification of frames inside a tunnel.
@@ -81,6 +87,7 @@ struct KELP_EM_EXPORT IsemInnerEth {
   using ConfigQuilt = KelpTunnelNiLib::IsemInnerEthConfigQuilt;
   using EntryLogQuilt = KelpTunnelNiLib::IsemInnerEthEntryLogQuilt;
   using WrapperResources = NoResources;
+  using Linkages = NoLinkages;
 };
 
 // Ingress classification of frames with an MPLS label.
@@ -94,6 +101,7 @@ struct KELP_EM_EXPORT IsemMpls {
   using ConfigQuilt = KelpTunnelNiLib::IsemMplsConfigQuilt;
   using EntryLogQuilt = KelpTunnelNiLib::IsemMplsEntryLogQuilt;
   using WrapperResources = InLif023Resources<KelpTunnelNiLib::IsemMplsLogEntry>;
+  using Linkages = InLifIndexLinkages<LinkageSalts{3789435637, 624177103}>;
 };
 
 // Ingress classification of frames without a VLAN tag.
@@ -107,6 +115,7 @@ struct KELP_EM_EXPORT IsemUntagged {
   using ConfigQuilt = KelpTunnelNiLib::IsemUntaggedConfigQuilt;
   using EntryLogQuilt = KelpTunnelNiLib::IsemUntaggedEntryLogQuilt;
   using WrapperResources = InLif01Resources<KelpTunnelNiLib::IsemUntaggedLogEntry>;
+  using Linkages = InLifIndexLinkages<LinkageSalts{2557041995, 2903641817}>;
 };
 
 // Cross-connect of an attachment circuit.
@@ -120,6 +129,7 @@ struct KELP_EM_EXPORT LemVpwsAc {
   using ConfigQuilt = KelpTunnelNiLib::LemVpwsAcConfigQuilt;
   using EntryLogQuilt = KelpTunnelNiLib::LemVpwsAcEntryLogQuilt;
   using WrapperResources = NoResources;
+  using Linkages = NoLinkages;
 };
 
 // All tables, for whatever goes over them: Visit is called with a TypeTag of each.

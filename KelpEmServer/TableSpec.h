@@ -28,6 +28,7 @@ concept TableSpec = requires {
   typename T::ConfigQuilt;       // the configuration collection of a unit
   typename T::EntryLogQuilt;     // the change log
   typename T::WrapperResources;  // what an entry in flight holds of resources
+  typename T::Linkages;          // who asks for them
 };
 
 // The table's name with something behind it, as a string of static storage.

@@ -73,28 +73,22 @@ bool OrderedSwTableAccessor<T>::checkResolveSuccess(const Wrapper& wrapper, Args
 }
 
 template <class T>
-template <class Wrapper, class... Args>
-Lumen::Ptr<NeededEntry> OrderedSwTableAccessor<T>::getNeededEntrySet(const Wrapper& wrapper,
-                                                                     Args... linkages) {
+template <class Wrapper>
+Lumen::Ptr<NeededEntry> OrderedSwTableAccessor<T>::getNeededEntrySet(const Wrapper& wrapper) {
   LUMEN_TRACE(_defaultTraceHandle(), 8, "", "key: {}", wrapper->key());
-  if constexpr (sizeof...(Args) == 0) {
-    return Lumen::makeNode<NeededEntry>();
-  } else {
-    // The first linkage's set takes in those of the others; a null one anywhere ends it there.
-    Lumen::Ptr<NeededEntry> whole;
-    bool first = true;
-    runOnAllResourceLinkages(
-        [&](auto linkage) {
-          if (first) {
-            whole = linkage->getNeededEntrySet(wrapper);
-            first = false;
-          } else if (whole) {
-            whole->merge(linkage->getNeededEntrySet(wrapper));
-          }
-        },
-        linkages...);
-    return whole;
+  return Lumen::makeNode<NeededEntry>();
+}
+
+template <class T>
+template <class Wrapper, class First, class... Rest>
+Lumen::Ptr<NeededEntry> OrderedSwTableAccessor<T>::getNeededEntrySet(const Wrapper& wrapper,
+                                                                     First linkage, Rest... rest) {
+  LUMEN_TRACE(_defaultTraceHandle(), 8, "", "key: {}", wrapper->key());
+  const Lumen::Ptr<NeededEntry> needed = linkage->getNeededEntrySet(wrapper);
+  if (needed) {
+    needed->merge(getNeededEntrySet(wrapper, rest...));
   }
+  return needed;
 }
 
 template <class T>
@@ -146,6 +140,9 @@ void OrderedSwTableAccessor<T>::commitEntry(const Lumen::Ptr<ResolverEntry>& ent
       handler(entryHandle);
     }
   };
+  [[maybe_unused]] const auto updateUsage = [](auto linkage, const auto& of, const auto& oldEntry) {
+    linkage->updateLocalUsage(of->swTableEntry(), oldEntry, of->isEntryDeleted());
+  };
   const auto neededWithDependency = [&](const Lumen::Ptr<NeededEntry>& needed) {
     if (dependency) {
       needed->add(dependency->entryTableVersion());
@@ -196,8 +193,7 @@ void OrderedSwTableAccessor<T>::commitEntry(const Lumen::Ptr<ResolverEntry>& ent
     } else {
       end(EntryState::entryStateSuccess);
     }
-    runOnAllResourceLinkages(
-        [&](auto linkage) { linkage->updateLocalUsage(wrapper, oldEntry, true); }, linkages...);
+    runOnAllResourceLinkages(updateUsage, resolverEntry, oldEntry, linkages...);
     endOfOperation();
     return;
   }
@@ -230,8 +226,7 @@ void OrderedSwTableAccessor<T>::commitEntry(const Lumen::Ptr<ResolverEntry>& ent
   } else {
     end(EntryState::entryStateSuccess);
   }
-  runOnAllResourceLinkages(
-      [&](auto linkage) { linkage->updateLocalUsage(wrapper, oldEntry, false); }, linkages...);
+  runOnAllResourceLinkages(updateUsage, resolverEntry, oldEntry, linkages...);
   endOfOperation();
 }
 

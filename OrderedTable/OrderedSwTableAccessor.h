@@ -58,9 +58,12 @@ class OrderedSwTableAccessor {
   // Whether every resource of the entry is there.
   template <class Wrapper, class... Args>
   bool checkResolveSuccess(const Wrapper& wrapper, Args... linkages);
-  // What the resources of the entry depend on, in one set; never null with no linkages.
-  template <class Wrapper, class... Args>
-  Lumen::Ptr<NeededEntry> getNeededEntrySet(const Wrapper& wrapper, Args... linkages);
+  // What the resources of the entry depend on, in one set: that of the first linkage, with those of
+  // the others merged in. Null if the first gives none.
+  template <class Wrapper>
+  Lumen::Ptr<NeededEntry> getNeededEntrySet(const Wrapper& wrapper);
+  template <class Wrapper, class First, class... Rest>
+  Lumen::Ptr<NeededEntry> getNeededEntrySet(const Wrapper& wrapper, First linkage, Rest... rest);
 
   // The hardware side has taken in everything up to `version`.
   void tableStatusVersion(LogVersion version);
@@ -80,6 +83,9 @@ class OrderedSwTableAccessor {
   // not hold the key.
   template <class Key, class EntryWrapper, class... Args>
   Lumen::Ptr<const OrderedSwTable::EntryHandle> updateEntry(const Key& key, Args... linkages);
+  // Rebuilds the usage of resources from the committed entries that an earlier run has left.
+  template <class EntryWrapper, class... Linkage>
+  void restoreEntries(Linkage... linkages);
   // Deletes all committed entries of the unit with one table delete; nothing if there are none.
   template <class EntryWrapper, class... Args>
   void delAllEntries(bool releaseResources, const Lumen::Ptr<const NeededEntry>& neededEntry,

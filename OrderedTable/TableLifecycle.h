@@ -4,7 +4,6 @@
 #include "Lumen/Exception.h"
 #include "Lumen/Trace.h"
 #include "OrderedTable/OrderedSwTableAccessor.h"
-#include "OrderedTable/RunOnAllResourceLinkages.h"
 
 namespace Asic {
 
@@ -24,7 +23,8 @@ Lumen::Ptr<const OrderedSwTable::EntryHandle> OrderedSwTableAccessor<T>::updateE
   const bool resolved = checkResolveSuccess(wrapper, linkages...);
   const Lumen::Ptr<Table> table(t_);
   const bool commitToLog = t_->swTableHelper()->finalizeOnResourceUpdate(wrapper, table, !resolved);
-  if (!resolved) {
+  // Without linkages nothing fails.
+  if (sizeof...(Args) != 0 && !resolved) {
     LUMEN_TRACE(_defaultTraceHandle(), 3, "", " key: {}, some resource had failed", key);
     t_->stats()->updateWithFailedResourceCntInc(1);
   }
@@ -48,6 +48,26 @@ Lumen::Ptr<const OrderedSwTable::EntryHandle> OrderedSwTableAccessor<T>::updateE
 }
 
 template <class T>
+template <class EntryWrapper, class... Linkage>
+void OrderedSwTableAccessor<T>::restoreEntries(Linkage... linkages) {
+  LUMEN_TRACE(_defaultTraceHandle(), 8, "", "");
+  const auto configQuilt = t_->entryLog()->tableConfigQuilt(t_->unitId());
+  if (!configQuilt) {
+    return;
+  }
+  t_->entryLog()->forEachRecord(*configQuilt, [&](const auto& record) {
+    if (record.isDeleted != 0) {
+      return;
+    }
+    Lumen::Ptr<EntryHandle> handle;
+    const Lumen::Ptr<EntryWrapper> wrapper =
+        entryWrapperFromConfig<EntryWrapper>(record.quiltKey(), true, handle);
+    (linkages->restoreEntry(wrapper), ...);
+  });
+  (linkages->handleResourceChangeAtInit(), ...);
+}
+
+template <class T>
 template <class EntryWrapper, class... Args>
 void OrderedSwTableAccessor<T>::delAllEntries(bool releaseResources,
                                               const Lumen::Ptr<const NeededEntry>& neededEntry,
@@ -68,8 +88,7 @@ void OrderedSwTableAccessor<T>::delAllEntries(bool releaseResources,
         const Lumen::Ptr<EntryWrapper> wrapper =
             entryWrapperFromConfig<EntryWrapper>(record.quiltKey(), false, entryHandle);
         const auto oldEntry = wrapper->entry();
-        runOnAllResourceLinkages(
-            [&](auto linkage) { linkage->updateLocalUsage(wrapper, oldEntry, true); }, linkages...);
+        (linkages->updateLocalUsage(wrapper, oldEntry, true), ...);
       });
     }
   }

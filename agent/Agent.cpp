@@ -175,10 +175,9 @@ void Agent::waitForTick() {
 void Agent::handleTick() {
   const auto now = Clock::now();
   askAgain(now);
-  if (intake_->inFlight() != 0 || !intake_->logsTakenIn()) {
-    // A hardware side that was killed between its report and its ring has left us asleep.
-    lookAtStatus();
-  }
+  // A hardware side that was killed between its report and its ring has left us asleep; and
+  // resources have deadlines.
+  lookAtStatus();
   if (socket_) {
     socket_->checkPeers(options_.peerTimeout);
   }
@@ -207,7 +206,8 @@ void Agent::runPass() {
 }
 
 void Agent::lookAtStatus() {
-  if (store_.group().pollStatus() != 0) {
+  const bool news = store_.group().pollStatus() != 0;
+  if (store_.resources().work() || news) {
     afterNews();
   }
 }

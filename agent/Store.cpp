@@ -16,12 +16,14 @@ Store::Store(const std::string& name, const std::string& root)
   vault_->entityIs<Asic::GenId>(KelpEmServer::relaunchPath(KelpEmServer::kAgentName));
   agent_ = Lumen::makeNode<Asic::OrderedTableInterface>(vault_);
   memory_ = Asic::writableSharedMemory(*vault_);
+  resources_ = KelpTunnelNiLib::ResourceTableSet::make(agent_);
   group_ = agent_->makeGroupIntf(KelpEmServer::kGroupName, KelpEmServer::kAgentName,
                                  Common::tableId(0).agentAndGroupId());
 }
 
 Store::~Store() {
   group_->groupResolver()->wakeUpIs(nullptr);
+  resources_ = {};
   agent_->stop();
   group_ = nullptr;
   agent_ = nullptr;
@@ -70,6 +72,7 @@ std::vector<Store::Removed> Store::clearAndSweep() const {
     removed[table].swept = 0 - removes(table);
   }
   group_->sweepAll();
+  resources_.replayComplete();
   for (std::size_t table = 0; table < Common::kTables; ++table) {
     removed[table].swept += removes(table);
   }

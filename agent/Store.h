@@ -9,6 +9,7 @@
 #include "Asic/OrderedTableInterface.h"
 #include "BrioSharedMem/Bell.h"
 #include "BrioSharedMem/EntityManager.h"
+#include "KelpTunnelNiLib/ResourceTableSet.h"
 #include "Lumen/Ptr.h"
 #include "Vault/EntityManager.h"
 #include "common/AnyTable.h"
@@ -46,6 +47,9 @@ class Store {
   [[nodiscard]] std::string folder() const { return memory_->folder(); }
   // Rung for us. Only after makeTables().
   [[nodiscard]] BrioSharedMem::Bell& ownBell() const noexcept { return *ownBell_; }
+  [[nodiscard]] const KelpTunnelNiLib::ResourceTableSet& resources() const noexcept {
+    return resources_;
+  }
   // Rings the hardware side, if anything was published for it.
   void ringIfPublished() const;
 
@@ -53,6 +57,7 @@ class Store {
   Lumen::Ptr<Vault::EntityManager> vault_;
   Lumen::Ptr<Asic::OrderedTableInterface> agent_;
   Lumen::Ptr<BrioSharedMem::EntityManager> memory_;
+  KelpTunnelNiLib::ResourceTableSet resources_;
   Lumen::Ptr<Asic::GroupInterface> group_;
   std::unique_ptr<BrioSharedMem::Bell> ownBell_;
   std::unique_ptr<BrioSharedMem::Bell> chipBell_;

@@ -15,6 +15,7 @@
 #include "KelpEmServer/TableSpec.h"
 #include "Lumen/Ptr.h"
 #include "Lumen/String.h"
+#include "PactResourceTable/Records.h"
 
 // The collections of a store, opened for reading beside the programs that write them. Each function
 // that opens one maps it anew and throws BrioSharedMem::StoreError: AbsentError if it is not there
@@ -24,6 +25,12 @@ namespace Common {
 
 // AGENT/GROUP of all tables.
 [[nodiscard]] Lumen::String groupName();
+
+// Where a collection of the resource table of Spec lies.
+template <class Spec>
+[[nodiscard]] Lumen::String resourcePath(const char* collection) {
+  return PactResourceTable::collectionPath(Spec::tableNamespace, Spec::tableName, collection);
+}
 
 // The change log of T.
 template <KelpEmServer::TableSpec T>
@@ -58,6 +65,26 @@ template <KelpEmServer::TableSpec T>
   }
   std::sort(units.begin(), units.end());
   return units;
+}
+
+// A collection of the resource table of Spec: PactResourceTable::kResources, kHolds or kReleases.
+template <class Spec>
+[[nodiscard]] Lumen::Ptr<PactResourceTable::ResourceQuilt<typename Spec::Key>> openResources(
+    const BrioSharedMem::EntityManager& memory) {
+  return Lumen::dynamicPtrCast<PactResourceTable::ResourceQuilt<typename Spec::Key>>(
+      memory.openReader(resourcePath<Spec>(PactResourceTable::kResources), Spec::quiltTypeName));
+}
+template <class Spec>
+[[nodiscard]] Lumen::Ptr<PactResourceTable::HoldQuilt> openHolds(
+    const BrioSharedMem::EntityManager& memory) {
+  return Lumen::dynamicPtrCast<PactResourceTable::HoldQuilt>(memory.openReader(
+      resourcePath<Spec>(PactResourceTable::kHolds), PactResourceTable::kHoldQuiltType));
+}
+template <class Spec>
+[[nodiscard]] Lumen::Ptr<PactResourceTable::ReleaseQuilt> openReleases(
+    const BrioSharedMem::EntityManager& memory) {
+  return Lumen::dynamicPtrCast<PactResourceTable::ReleaseQuilt>(memory.openReader(
+      resourcePath<Spec>(PactResourceTable::kReleases), PactResourceTable::kReleaseQuiltType));
 }
 
 // What the hardware side has reported.

@@ -35,6 +35,8 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kChipEnds{120};
 // How long a restarted agent may need until nothing moves any more.
 constexpr std::chrono::seconds kReplayEnds{120};
+// After so long without a change an agent has done what it can.
+constexpr std::chrono::milliseconds kIdle{200};
 // Exit statuses of the programs after which there is something to report.
 constexpr int kChipDiffers = 2;
 constexpr int kAgentSkippedLines = 2;
@@ -213,15 +215,25 @@ Restarted restartHalfway(const Scene& scene, const BrioSharedMem::EntityManager&
   const std::uint64_t half = scene.input.inFile;
   const std::uint64_t enough = half - half / 8;
   std::uint64_t most = 0;
+  bool closed = false;
+  std::uint64_t onChip = 0;
+  auto moved = Clock::now();
   programs.startAgent(Programs::Then::stay);
   watchUntil(scene, "the first half", [&](const Watch::Progress& progress) {
     if (programs.agent().ended()) {
       scene.fail(programs.agent().obituary());
     }
     // It closes a file that it has read.
-    const bool closed = progress.read < most;
+    closed = closed || progress.read < most;
     most = std::max(most, progress.read);
-    return closed || most >= enough;
+    if (progress.onChip != onChip) {
+      onChip = progress.onChip;
+      moved = Clock::now();
+    }
+    // A short file may be read before anybody looks.
+    const bool idle = Clock::now() - moved > kIdle;
+    // There must be something to leave alone.
+    return (closed || idle || most >= enough) && onChip * 2 >= enough;
   });
   Programs::kill(programs.agent());
   scene.line.tell(fmt::format("killed kelp-agent with SIGKILL after about {} intents", most));
@@ -286,7 +298,7 @@ int runDemo(const Settings& settings) {
     std::signal(number, interrupt);
   }
   // With kills at random there is no telling how much a restart may change.
-  const bool halves = settings.file.empty() && settings.kills == 0;
+  const bool halves = settings.file.empty() && settings.kills == 0 && settings.plan.intents >= 2;
   const Input input = settings.file.empty()
                           ? generateInput(settings.plan, folder.file("intents.jsonl"), halves)
                           : readInput(settings.file);

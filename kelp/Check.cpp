@@ -9,6 +9,7 @@
 
 #include "BrioSharedMem/EntityPath.h"
 #include "BrioSharedMem/StoreError.h"
+#include "KelpTunnelNiLib/ResourceTableSet.h"
 #include "Lumen/Exception.h"
 #include "common/Json.h"
 #include "common/StoreReader.h"
@@ -48,6 +49,15 @@ class Check {
         add(Constants::configQuiltPath(unit),
             [&](CollectionReport& report) { checkConfig<T>(unit, report); });
       }
+    });
+    KelpTunnelNiLib::forEachResourceSpec([&](auto tag) {
+      using Spec = typename decltype(tag)::type;
+      add(Common::resourcePath<Spec>(PactResourceTable::kResources),
+          [&](CollectionReport& report) { checkResources<Spec>(report); });
+      add(Common::resourcePath<Spec>(PactResourceTable::kHolds),
+          [&](CollectionReport& report) { checkHolds<Spec>(report); });
+      add(Common::resourcePath<Spec>(PactResourceTable::kReleases),
+          [&](CollectionReport& report) { checkReleases<Spec>(report); });
     });
     for (const Lumen::String& path : paths_) {
       if (known.count(path) == 0) {
@@ -247,6 +257,58 @@ class Check {
           }
         },
         [&] { return movesOf(log); });
+  }
+
+  template <class Spec>
+  void checkResources(CollectionReport& report) {
+    using Record = PactResourceTable::ResourceRecord<typename Spec::Key>;
+    const auto resources = Common::openResources<Spec>(session_.memory());
+    std::map<std::uint32_t, typename Spec::Key> indexes;
+    // Whether the resource of this key has this index now.
+    const auto has = [&](const typename Spec::Key& key, std::uint32_t index) {
+      bool found = false;
+      try {
+        const auto& now = resources->map().find(key, found);
+        return found && now.index == index;
+      } catch (const Lumen::CorruptionDetectedException&) {
+        return false;  // told of by the survey
+      }
+    };
+    checkCollection<Record>(
+        *resources, report,
+        [&](const Record& record) {
+          if (record.index > Spec::kLimit) {
+            report.damage(fmt::format("resource {} has index {}, and {} is the last", record.number,
+                                      record.index, Spec::kLimit));
+            return;
+          }
+          const auto [first, isNew] = indexes.emplace(record.index, record.key);
+          // One may have gone and the other come while the collection was gone over.
+          if (record.index != 0 && !isNew && has(first->second, record.index) &&
+              has(record.key, record.index) && has(first->second, record.index)) {
+            report.damage(fmt::format("index {} is given out twice", record.index));
+          }
+        },
+        [] { return 0; });
+  }
+  template <class Spec>
+  void checkHolds(CollectionReport& report) {
+    const auto holds = Common::openHolds<Spec>(session_.memory());
+    checkCollection<PactResourceTable::HoldRecord>(
+        *holds, report, [](const PactResourceTable::HoldRecord&) {}, [] { return 0; });
+  }
+  template <class Spec>
+  void checkReleases(CollectionReport& report) {
+    const auto releases = Common::openReleases<Spec>(session_.memory());
+    checkCollection<PactResourceTable::ReleaseRecord>(
+        *releases, report,
+        [&](const PactResourceTable::ReleaseRecord& release) {
+          if (release.key.number == 0 || release.key.number > Spec::kLimit) {
+            report.damage(fmt::format("a release of index {}, where there are 1 to {}",
+                                      release.key.number, Spec::kLimit));
+          }
+        },
+        [] { return 0; });
   }
 
   void checkStatus(CollectionReport& report) {

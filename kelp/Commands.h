@@ -11,6 +11,8 @@ namespace Kelp {
 void showTables(Session& session);
 // How far the changes of each table are.
 void showPending(Session& session);
+// What the resource tables have given out, and to whom.
+void showResources(Session& session);
 // The entries of a table, in no order.
 void showEntries(Session& session);
 // All that is known of one key.

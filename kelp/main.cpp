@@ -70,6 +70,8 @@ void describe(CLI::App& app, Line& line) {
   addTable(log);
   log->add_flag("--follow,-f", options.follow, "Go on with the changes to come, until interrupted");
   add("pending", "How far the changes of each table are", &Kelp::showPending);
+  add("resources", "What the resource tables have given out, to whom, and what waits to be free",
+      &Kelp::showResources);
   add("check", "Whether every collection of the store is sound", &Kelp::check);
 }
 

@@ -6,11 +6,15 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "KelpEmServer/TableCatalogue.h"
+#include "KelpTunnelNiLib/ResourceTableSet.h"
 #include "common/StoreReader.h"
 #include "demo/Expected.h"
 
@@ -55,6 +59,128 @@ void compareLogs(const BrioSharedMem::EntityManager& memory, const Versions& hig
   });
 }
 
+// What the resource tables have in the store, against a recount from the entries: who uses what,
+// and that each entry holds what its resources are.
+template <class Spec>
+class Recount {
+ public:
+  using Key = typename Spec::Key;
+  using Record = PactResourceTable::ResourceRecord<Key>;
+
+  explicit Recount(const BrioSharedMem::EntityManager& memory)
+      : resources_(Common::openResources<Spec>(memory)),
+        holds_(Common::openHolds<Spec>(memory)),
+        releases_(Common::openReleases<Spec>(memory)) {}
+
+  // The resource of an entry of this client; null for the key that stands for none, and for one
+  // that is not there, which is wrong.
+  const Record* use(const Key& key, const PactResourceTable::ClientId& client,
+                    std::vector<std::string>& wrong) {
+    static const Key none{};
+    if (key.isEq(none)) {
+      return nullptr;
+    }
+    bool found = false;
+    const Record& record = resources_->map().find(key, found);
+    if (!found || record.state != Asic::EntryState::entryStateSuccess) {
+      wrong.push_back(fmt::format("{}: {} is used by {} and {}", Spec::tableName, key,
+                                  client.tableId, found ? "not given out" : "not there"));
+      return nullptr;
+    }
+    used_.insert({record.number, client});
+    return &record;
+  }
+
+  void compare(std::vector<std::string>& wrong) {
+    std::set<std::uint32_t> indexes;
+    forEach(resources_->map(), [&](const Record& record) {
+      if (record.index != 0 && !indexes.insert(record.index).second) {
+        wrong.push_back(
+            fmt::format("{}: index {} is given out twice", Spec::tableName, record.index));
+      }
+    });
+    std::set<PactResourceTable::UseKey> held;
+    forEach(holds_->map(),
+            [&](const PactResourceTable::HoldRecord& hold) { held.insert(hold.key); });
+    if (held != used_) {
+      wrong.push_back(fmt::format("{}: {} holds, and {} uses by the entries", Spec::tableName,
+                                  held.size(), used_.size()));
+    }
+    forEach(releases_->map(), [&](const PactResourceTable::ReleaseRecord& release) {
+      wrong.push_back(fmt::format("{}: index {} still waits for version {} of {}", Spec::tableName,
+                                  release.key.number, release.version, release.key.client.tableId));
+    });
+  }
+
+ private:
+  template <class Of, class Visit>
+  static void forEach(const Quilt::QuiltMap<Of>& map, Visit visit) {
+    Of record;
+    Quilt::IterHint hint;
+    for (bool more = map.first(record, hint); more;
+         more = map.next(record.quiltKey(), record, hint)) {
+      visit(record);
+    }
+  }
+
+  Lumen::Ptr<PactResourceTable::ResourceQuilt<Key>> resources_;
+  Lumen::Ptr<PactResourceTable::HoldQuilt> holds_;
+  Lumen::Ptr<PactResourceTable::ReleaseQuilt> releases_;
+  std::set<PactResourceTable::UseKey> used_;  // by number of the resource
+};
+
+void compareResources(const BrioSharedMem::EntityManager& memory, std::vector<std::string>& wrong) {
+  Recount<KelpTunnelNiLib::InLifIndexSpec> inLif(memory);
+  Recount<KelpTunnelNiLib::EveResourceTableSpec> vlanEdit(memory);
+  Recount<KelpQos::EgressRemarkProfileSpec> remark(memory);
+  const auto recountOf = [&](auto spec) -> auto& {
+    using L = typename decltype(spec)::Spec;
+    if constexpr (std::is_same_v<L, KelpEmServer::InLifIndexLinkageSpec>) {
+      return inLif;
+    } else if constexpr (std::is_same_v<L, KelpEmServer::VlanEditProfileLinkageSpec>) {
+      return vlanEdit;
+    } else {
+      return remark;
+    }
+  };
+  KelpEmServer::AllTables::forEach([&](auto tag) {
+    using T = typename decltype(tag)::Table;
+    for (const Asic::UnitId unit : Common::unitsOf<T>(memory)) {
+      const auto quilt = Common::openConfig<T>(memory, unit);
+      const auto& records = std::as_const(*quilt).swTableEntries();
+      typename T::ConfigQuilt::Record record;
+      Quilt::IterHint hint;
+      for (bool more = records.first(record, hint); more;
+           more = records.next(record.quiltKey(), record, hint)) {
+        if (record.isDeleted != 0) {
+          continue;
+        }
+        typename T::WrapperResources resources;
+        T::Linkages::forEachSpec([&](auto spec) {
+          using L = typename decltype(spec)::Spec;
+          const auto& key = L::key(record.entry);
+          if (const auto* of = recountOf(spec).use(key, {T::tableId, unit}, wrong)) {
+            using Table = typename L::ResourceTable::Spec;
+            const auto handle = Lumen::makeNode<typename L::ResourceHandle>(key);
+            handle->resultsIs(Table::results(of->index, Table::clientData(of->clientData)));
+            L::handleIs(resources, handle);
+          }
+        });
+        auto entry = record.entry.logEntry;
+        resources.setResolvedFields(entry);
+        // Of a table without resources all fields are asked for.
+        if (!entry.isEq(record.entry.logEntry)) {
+          wrong.push_back(fmt::format("{} unit {}: {} stands there, and its resources make it {}",
+                                      T::name.view(), unit, record.entry.logEntry, entry));
+        }
+      }
+    }
+  });
+  inLif.compare(wrong);
+  vlanEdit.compare(wrong);
+  remark.compare(wrong);
+}
+
 void compareChip(Demo::Expected& expected, Programs& programs, std::vector<std::string>& wrong) {
   programs.askForModel();
   const auto end = Clock::now() + kPatience;
@@ -95,6 +221,7 @@ void check(Oracle& oracle, const BrioSharedMem::EntityManager& memory, Programs&
   for (;;) {
     wrong.clear();
     compareLogs(memory, highest, wrong);
+    compareResources(memory, wrong);
     compareChip(expected, programs, wrong);
     if (wrong.empty() || Clock::now() > end) {
       break;

@@ -150,6 +150,12 @@ Oracle::Settled Oracle::settle(const BrioSharedMem::EntityManager& memory) {
     }
   }
   open_.clear();
+  // Keys come and go without end.
+  for (auto& [name, place] : places_) {
+    std::erase_if(place, [](const auto& one) {
+      return one.second.known == nullptr && one.second.later.empty();
+    });
+  }
   return settled;
 }
 

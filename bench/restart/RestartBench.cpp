@@ -16,6 +16,7 @@
 #include "BenchAgent.h"
 #include "BrioSharedMem/EntityPath.h"
 #include "HardwareSide.h"
+#include "KelpTunnelNiLib/ResourceTableSet.h"
 
 namespace {
 
@@ -332,6 +333,7 @@ class WholeAgent {
   void start() {
     vault_ = Lumen::makeNode<Vault::EntityManager>("bench-all", false, root_.path());
     agent_ = Lumen::makeNode<Asic::OrderedTableInterface>(vault_);
+    (void)KelpTunnelNiLib::ResourceTableSet::make(agent_);
     KelpEmServer::AllTables::forEach([&](auto tag) {
       tables_.push_back(std::make_unique<OneTable<typename decltype(tag)::Table>>(agent_));
     });

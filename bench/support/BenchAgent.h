@@ -14,6 +14,7 @@
 #include "Asic/OrderedTableInterface.h"
 #include "Asic/SharedMemory.h"
 #include "KelpEmServer/AllTables.h"
+#include "KelpTunnelNiLib/ResourceTableSet.h"
 #include "Quilt/IterHint.h"
 #include "SampleEntries.h"
 #include "TempRoot.h"
@@ -72,6 +73,7 @@ struct Agent {
                                                   root.path());
     agent = Lumen::makeNode<Asic::OrderedTableInterface>(vault);
     agent->skipMarkOnRestoreIs(!marking);
+    resources = KelpTunnelNiLib::ResourceTableSet::make(agent);
     intf = KelpEmServer::KelpInterface<T>::getIntf(agent);
     group = agent->groupIntfColl()->groupIntf(
         Asic::Constants::canonicalizeGroupName(KelpEmServer::kAgentName, KelpEmServer::kGroupName));
@@ -80,6 +82,7 @@ struct Agent {
     table = nullptr;
     intf = nullptr;
     group = nullptr;
+    resources = {};
     agent->stop();
     agent = nullptr;
     Asic::writableSharedMemory(*vault)->entityDelAll();
@@ -107,6 +110,7 @@ struct Agent {
   TestSupport::TempRoot root;
   Lumen::Ptr<Vault::EntityManager> vault;
   Lumen::Ptr<Asic::OrderedTableInterface> agent;
+  KelpTunnelNiLib::ResourceTableSet resources;
   Lumen::Ptr<KelpEmServer::KelpInterface<T>> intf;
   Lumen::Ptr<Table> table;
   Lumen::Ptr<Asic::GroupInterface> group;

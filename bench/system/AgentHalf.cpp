@@ -9,6 +9,7 @@
 #include "Asic/GroupQuilts.h"
 #include "Asic/SharedMemory.h"
 #include "BrioQuilt/MountInfo.h"
+#include "KelpTunnelNiLib/ResourceTableSet.h"
 
 AgentHalf::AgentHalf(const std::string& name, const std::string& root, unsigned units) {
   vault_ = Lumen::makeNode<Vault::EntityManager>(name, false, root);
@@ -16,6 +17,7 @@ AgentHalf::AgentHalf(const std::string& name, const std::string& root, unsigned 
                                 KelpEmServer::kAgentName);
   agent_ = Lumen::makeNode<Asic::OrderedTableInterface>(vault_);
   agent_->skipMarkOnRestoreIs(true);
+  (void)KelpTunnelNiLib::ResourceTableSet::make(agent_);
   const auto intf = KelpEmServer::KelpInterface<T>::getIntf(agent_);
   for (unsigned unit = 0; unit < units; ++unit) {
     tables_.push_back(
@@ -43,7 +45,7 @@ void AgentHalf::writeNext() {
   T::Entry entry;
   entry.logEntry.key.port = static_cast<std::uint16_t>(round % kKeys / 4000);
   entry.logEntry.key.vlan = static_cast<std::uint16_t>(1 + round % kKeys % 4000);
-  entry.rsrcKeys.inLifIdxKey.attachmentCircuit = static_cast<std::uint32_t>(1 + number);
+  entry.rsrcKeys.inLifIdxKey.attachmentCircuit = static_cast<std::uint32_t>(1 + number % kCircuits);
   static_cast<void>(
       table.entryWriteWithResponseHandler(entry.logEntry.key, entry, nullptr, handler_));
 }

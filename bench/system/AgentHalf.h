@@ -41,7 +41,8 @@ class AgentHalf {
   [[nodiscard]] std::uint64_t takeWaited() noexcept { return std::exchange(waited_, 0); }
 
  private:
-  static constexpr std::uint64_t kKeys = 50'000;  // of a unit
+  static constexpr std::uint64_t kKeys = 50'000;      // of a unit
+  static constexpr std::uint64_t kCircuits = 99'991;  // shared by the keys, another at each round
 
   void writeNext();
   void pass();

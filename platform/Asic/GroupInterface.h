@@ -72,6 +72,13 @@ class GroupInterface final : public Lumen::Node {
   // status collection is told so, and counts as no row.
   [[nodiscard]] std::optional<LogVersion> statusVersion(SwTableId tableId);
 
+  // The newest version of the table's log that the hardware side may see; 0 for a log that is not
+  // mounted.
+  [[nodiscard]] LogVersion publishedVersion(SwTableId tableId) noexcept {
+    const TableLog* log = tableLog(tableId);
+    return log == nullptr ? LogVersion{} : LogVersion{log->changeLog->published()};
+  }
+
   // Looks at the status of every table and hands what is new to every unit's table of its set.
   // Gives the number of tables that had news. To be called when the hardware side rings.
   std::size_t pollStatus();

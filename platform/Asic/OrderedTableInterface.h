@@ -66,6 +66,10 @@ class OrderedTableInterface final : public Lumen::Node {
   void resourceTableIs(const Lumen::Ptr<NamedSwTable>& table);
   // Null if there is none.
   [[nodiscard]] Lumen::Ptr<NamedSwTable> resourceTable(const Lumen::String& canonicalName) const;
+  [[nodiscard]] const std::map<Lumen::String, Lumen::Ptr<NamedSwTable>>& resourceTables()
+      const noexcept {
+    return resourceTables_;
+  }
 
  private:
   bool skipMarkOnRestore_ = false;

@@ -37,4 +37,10 @@ struct EgressRemarkProfileClientData {
                                     EgressRemarkProfileClientData) = default;
 };
 
+// What comes back: the profile, and the type of remarking that it was given for.
+struct RemarkProfileResults {
+  std::uint8_t profile = 0;
+  EgressRemarkProfileClientData clientData;
+};
+
 }  // namespace KelpQos

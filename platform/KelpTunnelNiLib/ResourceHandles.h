@@ -25,13 +25,8 @@ struct VlanEditProfileResults {
 using VlanEditProfileResourceHandle =
     PactResourceTable::TypedResourceHandle<EveResourceTableEntryKey, VlanEditProfileResults>;
 
-// The remark profile, and the type of remarking that the profile was given for.
-struct RemarkProfileResults {
-  std::uint8_t profile = 0;
-  KelpQos::EgressRemarkProfileClientData clientData;
-};
 using RemarkProfileResourceHandle =
     PactResourceTable::TypedResourceHandle<KelpQos::EgressRemarkProfileEntryKey,
-                                           RemarkProfileResults>;
+                                           KelpQos::RemarkProfileResults>;
 
 }  // namespace KelpTunnelNiLib

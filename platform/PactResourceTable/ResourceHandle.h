@@ -10,12 +10,26 @@
 
 namespace PactResourceTable {
 
+class ResourceHandle;
+
+// Who gives handles out.
+class HandleOwner {
+ public:
+  // Nobody holds the handle any more; it is about to be deleted.
+  virtual void handleGone(ResourceHandle& handle) noexcept = 0;
+
+ protected:
+  HandleOwner() = default;
+  ~HandleOwner() = default;
+};
+
 // What a resource table gives out for a key: the state of the resource and, in the class of each
 // table, its key and its results. One handle per key and client; the table changes it, everybody
 // else reads.
 class ResourceHandle : public Lumen::Node {
  public:
   ~ResourceHandle() override;
+  void lastUserGone() const noexcept override;
 
   [[nodiscard]] Lumen::Publisher* publisher() const override { return &publisher_; }
 
@@ -33,21 +47,37 @@ class ResourceHandle : public Lumen::Node {
   void updateVersionIs(std::uint32_t version) noexcept { updateVersion_ = version; }
   void postReleaseProtoStateIs(bool postRelease) noexcept { postRelease_ = postRelease; }
 
+  // For the table: who hears of the handle's end (null: nobody), and what it keeps with the handle.
+  void ownerIs(HandleOwner* owner) noexcept { owner_ = owner; }
+  [[nodiscard]] void* resource() const noexcept { return resource_; }
+  void resourceIs(void* resource) noexcept { resource_ = resource; }
+  [[nodiscard]] const void* client() const noexcept { return client_; }
+  void clientIs(const void* client) noexcept { client_ = client; }
+  [[nodiscard]] ResourceHandle* next() const noexcept { return next_; }
+  void nextIs(ResourceHandle* next) noexcept { next_ = next; }
+
  protected:
   ResourceHandle() : neededEntry_(Lumen::makeNode<Asic::NeededEntry>()) {}
 
  private:
   mutable Lumen::Publisher publisher_;
   Lumen::Ptr<Asic::NeededEntry> neededEntry_;
+  HandleOwner* owner_ = nullptr;
+  void* resource_ = nullptr;
+  const void* client_ = nullptr;
+  ResourceHandle* next_ = nullptr;  // of the same resource
   std::uint32_t updateVersion_ = 0;
   Asic::EntryState entryState_ = Asic::EntryState::entryStateUnresolved;
   bool postRelease_ = false;
 };
 
 // The handle of one resource table: Results is what an entry reads off it.
-template <class Key, class Results>
+template <class KeyT, class ResultsT>
 class TypedResourceHandle final : public ResourceHandle {
  public:
+  using Key = KeyT;
+  using Results = ResultsT;
+
   explicit TypedResourceHandle(const Key& key) : key_(key) {}
 
   [[nodiscard]] const Key& key() const noexcept { return key_; }

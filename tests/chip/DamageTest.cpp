@@ -1,3 +1,5 @@
+#include <regex>
+
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
@@ -108,7 +110,7 @@ TEST_F(ChipMeets, AGapUpToThePublishedVersion) {
 TEST_F(ChipMeets, ADamagedLogRecordAndReadsTheCollectionsInstead) {
   write(0, 3);
   const auto file = fileOf("log");
-  Isem1Tag::Entry::LogEntry second = entry(1).logEntry;
+  const Isem1Tag::Entry::LogEntry second = swTable_->entryFromConfig(key(1)).logEntry;
   const auto places = placesOf(file, second);
   ASSERT_EQ(places.size(), 1U);
   flip(file, places.front() + 5);
@@ -290,7 +292,10 @@ class ChipMeetsFlippedBytes : public ChipMeets, public testing::WithParamInterfa
       ASSERT_NE(at, std::string::npos) << line;
       const std::string entry =
           line.substr(at + before.size(), line.size() - at - before.size() - 1);
-      EXPECT_TRUE(written_.contains(entry)) << line;
+      // Whatever index it got.
+      static const std::regex index(R"("inLif([01])Index":[1-9][0-9]*)");
+      EXPECT_TRUE(written_.contains(std::regex_replace(entry, index, R"("inLif$1Index":0)")))
+          << line;
     }
   }
 

@@ -116,7 +116,7 @@ TYPED_TEST(TableInterface, WithoutARowNothingIsCleanedAndNothingIsPending) {
     const auto table = this->table();
     EXPECT_TRUE(table->hasPendingHwWrites());
     EXPECT_TRUE(intf->swTableStatus()->pendingHwWrites());
-    this->restart();
+    this->stop();
   }
 }
 

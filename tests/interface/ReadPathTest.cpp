@@ -24,8 +24,8 @@ TYPED_TEST_SUITE(ReadPath, TestSupport::AllTableTypes, TestSupport::TableTestNam
 TYPED_TEST(ReadPath, AnEntryThatWasWrittenAndNotCommittedReadsAsWritten) {
   const auto table = this->table();
   (void)table->entryWrite(this->key(1), this->entry(1, 4), nullptr);
-  EXPECT_TRUE(table->entryRead(this->key(1)).isEq(this->entry(1, 4)));
-  EXPECT_TRUE(table->entry(this->key(1)).isEq(this->entry(1, 4)));
+  EXPECT_TRUE(TestSupport::isAsked(table->entryRead(this->key(1)), this->entry(1, 4)));
+  EXPECT_TRUE(TestSupport::isAsked(table->entry(this->key(1)), this->entry(1, 4)));
   EXPECT_TRUE(table->entryHas(this->key(1)));
   EXPECT_EQ(table->entrys(), 1U);
   EXPECT_TRUE(this->isDefault(table->entryFromConfig(this->key(1)))) << "not committed";
@@ -40,7 +40,7 @@ TYPED_TEST(ReadPath, ACommittedEntryWithARemoveInFlightReadsAsTheDefaultWithoutA
   EXPECT_FALSE(table->entryHas(this->key(1)));
   EXPECT_EQ(table->entrys(), 0U);
   EXPECT_THAT(traces.lines(), IsEmpty());
-  EXPECT_TRUE(table->entryFromConfig(this->key(1)).isEq(this->entry(1)));
+  EXPECT_TRUE(TestSupport::isAsked(table->entryFromConfig(this->key(1)), this->entry(1)));
 }
 
 TYPED_TEST(ReadPath, ACommittedEntryWrittenAgainReadsAsTheNewOneAndCountsOnce) {
@@ -48,8 +48,8 @@ TYPED_TEST(ReadPath, ACommittedEntryWrittenAgainReadsAsTheNewOneAndCountsOnce) {
   this->commit(table, 1, 0);
   this->commit(table, 2, 0);
   (void)table->entryWrite(this->key(1), this->entry(1, 9), nullptr);
-  EXPECT_TRUE(table->entryRead(this->key(1)).isEq(this->entry(1, 9)));
-  EXPECT_TRUE(table->entryFromConfig(this->key(1)).isEq(this->entry(1, 0)));
+  EXPECT_TRUE(TestSupport::isAsked(table->entryRead(this->key(1)), this->entry(1, 9)));
+  EXPECT_TRUE(TestSupport::isAsked(table->entryFromConfig(this->key(1)), this->entry(1, 0)));
   EXPECT_EQ(table->entrys(), 2U);
   (void)table->entryWrite(this->key(3), this->entry(3), nullptr);
   EXPECT_EQ(table->entrys(), 3U);
@@ -78,8 +78,8 @@ TYPED_TEST(ReadPath, DuringARemoveAllOnlyWritesInFlightAreThereButACommittedEntr
   (void)table->entryWrite(this->key(4), this->entry(4), nullptr);
   EXPECT_EQ(table->entrys(), 2U);
   EXPECT_FALSE(table->entryHas(this->key(1)));
-  EXPECT_TRUE(table->entryRead(this->key(1)).isEq(this->entry(1)));
-  EXPECT_TRUE(table->entryRead(this->key(2)).isEq(this->entry(2, 0)))
+  EXPECT_TRUE(TestSupport::isAsked(table->entryRead(this->key(1)), this->entry(1)));
+  EXPECT_TRUE(TestSupport::isAsked(table->entryRead(this->key(2)), this->entry(2, 0)))
       << "the write before the remove-all is no longer in flight";
   EXPECT_TRUE(table->entryHas(this->key(3)));
   this->pass();
@@ -167,7 +167,7 @@ TYPED_TEST(ReadPath, AWrapperOfACommittedEntryCarriesItAndAHandle) {
     const auto wrapper =
         accessor.template entryWrapperFromConfig<Wrapper>(this->key(1), false, handle);
     ASSERT_NE(handle, nullptr);
-    EXPECT_TRUE(wrapper->entry().isEq(this->entry(1, 3)));
+    EXPECT_TRUE(TestSupport::isAsked(wrapper->entry(), this->entry(1, 3)));
     EXPECT_EQ(wrapper->entryHandle(), handle);
     EXPECT_TRUE(handle->version().isEq(Asic::EntryVersion{}));
     EXPECT_EQ(handle->key(), this->key(1));
@@ -242,8 +242,10 @@ class ReadPathOverDamage : public ReadPath<T> {
     const auto table = this->table();
     for (const std::uint64_t number : {0, 2}) {
       EXPECT_TRUE(table->entryHas(this->key(number)));
-      EXPECT_TRUE(table->entryRead(this->key(number)).isEq(this->entry(number, 4)));
-      EXPECT_TRUE(table->entryFromConfig(this->key(number)).isEq(this->entry(number, 4)));
+      EXPECT_TRUE(
+          TestSupport::isAsked(table->entryRead(this->key(number)), this->entry(number, 4)));
+      EXPECT_TRUE(
+          TestSupport::isAsked(table->entryFromConfig(this->key(number)), this->entry(number, 4)));
     }
   }
 
@@ -292,13 +294,13 @@ TYPED_TEST(ReadPathOverDamage, AWrapperOfTheCommittedEntryIsThatOfAnAbsentKey) {
 TYPED_TEST(ReadPathOverDamage, AWriteInFlightIsReadAndTheRecordIsNotTouched) {
   const auto table = this->table();
   (void)table->entryWrite(this->key(1), this->entry(1, 9), nullptr);
-  EXPECT_TRUE(table->entryRead(this->key(1)).isEq(this->entry(1, 9)));
+  EXPECT_TRUE(TestSupport::isAsked(table->entryRead(this->key(1)), this->entry(1, 9)));
   EXPECT_TRUE(table->entryHas(this->key(1)));
   EXPECT_THAT(this->messages_, IsEmpty());
   EXPECT_FALSE(this->records().damaged());
   // Committed, it takes the place of the damage.
   this->pass();
-  EXPECT_TRUE(table->entryFromConfig(this->key(1)).isEq(this->entry(1, 9)));
+  EXPECT_TRUE(TestSupport::isAsked(table->entryFromConfig(this->key(1)), this->entry(1, 9)));
   this->expectOthersReadable();
 }
 

@@ -185,7 +185,7 @@ TYPED_TEST(Sweep, AWriteBehindASweptRemoveBringsTheKeyBack) {
   table->sweep();
   this->write(table, 1, 3);
   this->pass();
-  EXPECT_TRUE(table->entryRead(this->key(1)).isEq(this->entry(1, 3)));
+  EXPECT_TRUE(TestSupport::isAsked(table->entryRead(this->key(1)), this->entry(1, 3)));
   EXPECT_THAT(this->view(table), ElementsAre(1));
 }
 
@@ -287,7 +287,9 @@ TYPED_TEST(Sweep, SweepAndRestoreAreReportedToTheRingBuffer) {
   std::vector<std::string> texts;
   BriskTrace::Reader reader(file);
   for (const auto& message : reader.newMessages()) {
-    texts.push_back(message.text);
+    if (!message.text.starts_with(" ResourceTable: ")) {
+      texts.push_back(message.text);
+    }
   }
   EXPECT_THAT(texts, ElementsAre(this->named(" Restored 3 entries for table: ", "Kelp, unitId: 0"),
                                  "Swept 3 entries", "Swept 0 entries",

@@ -66,7 +66,8 @@ TYPED_TEST(LogCorruption, AWriteOverACorruptRecordGoesAheadAndHealsIt) {
   EXPECT_EQ(this->stats_->suppressedWriteCnt(), 0U);
   EXPECT_EQ(this->stats_->suppressCheckDiffCnt(), 0U);
   this->expectLive(1, 2);
-  EXPECT_TRUE(this->log().entry(this->key(1), this->unit0).isEq(this->entry(1, 3).logEntry));
+  EXPECT_TRUE(TestSupport::isAsked(this->log().entry(this->key(1), this->unit0),
+                                   this->entry(1, 3).logEntry));
 }
 
 TYPED_TEST(LogCorruption, ADeleteOfACorruptRecordIsIgnored) {

@@ -79,7 +79,7 @@ TYPED_TEST(LogWriting, ASuppressibleWriteOfAnotherEntryIsLoggedAndCounted) {
                   this->key(1))));
   EXPECT_EQ(this->stats_->suppressedWriteCnt(), 0U);
   EXPECT_EQ(this->stats_->suppressCheckDiffCnt(), 1U);
-  EXPECT_TRUE(this->record(1).entry.isEq(this->entry(1, 1)));
+  EXPECT_TRUE(TestSupport::isAsked(this->record(1).entry, this->entry(1, 1)));
 }
 
 TYPED_TEST(LogWriting, ASuppressibleWriteOfANewKeyMovesNoCounter) {
@@ -141,10 +141,10 @@ TYPED_TEST(LogWriting, ADeleteKeepsTheRecordMarkedAndStamped) {
   EXPECT_EQ(this->write(1, 4), 1U);
   EXPECT_EQ(this->remove(1), 2U);
   this->expectDeleted(1, 2);
-  EXPECT_TRUE(this->record(1).entry.isEq(this->entry(1, 4)));
+  EXPECT_TRUE(TestSupport::isAsked(this->record(1).entry, this->entry(1, 4)));
   const auto logged = this->logRecords();
   ASSERT_EQ(logged.size(), 2U);
-  EXPECT_TRUE(logged[1].logEntry.isEq(this->entry(1, 4).logEntry));
+  EXPECT_TRUE(TestSupport::isAsked(logged[1].logEntry, this->entry(1, 4).logEntry));
   EXPECT_EQ(logged[1].unitId, this->unit0);
   EXPECT_EQ(logged[1].flags, 1);
   this->expectIssued(2);
@@ -183,7 +183,7 @@ TYPED_TEST(LogWriting, ATableDeleteMarksTheLiveRecordsOfItsUnitOnly) {
   this->expectDeleted(0, 5);  // deleted before: it keeps its version
   for (std::uint64_t i = 1; i < 4; ++i) {
     this->expectDeleted(i, 7);
-    EXPECT_TRUE(this->record(i).entry.isEq(this->entry(i, i)));
+    EXPECT_TRUE(TestSupport::isAsked(this->record(i).entry, this->entry(i, i)));
   }
   EXPECT_EQ(this->record(9, this->unit1).isDeleted, 0);
   EXPECT_EQ(this->logRecords().back().flags, 2);
@@ -291,10 +291,10 @@ TYPED_TEST(LogWritingResourceKeys, AWriteThatDiffersOnlyInItsLogEntryIsLogged) {
 TYPED_TEST(LogWritingResourceKeys, ADeleteKeepsTheResourceKeysOfTheLastWrite) {
   EXPECT_EQ(this->write(1, 8), 1U);
   EXPECT_EQ(this->remove(1), 2U);
-  EXPECT_TRUE(this->record(1).entry.rsrcKeys.isEq(this->entry(1, 8).rsrcKeys));
+  EXPECT_TRUE(TestSupport::isAsked(this->record(1).entry.rsrcKeys, this->entry(1, 8).rsrcKeys));
   EXPECT_EQ(this->write(2, 9), 3U);
   EXPECT_EQ(this->removeAll(), 4U);
-  EXPECT_TRUE(this->record(2).entry.rsrcKeys.isEq(this->entry(2, 9).rsrcKeys));
+  EXPECT_TRUE(TestSupport::isAsked(this->record(2).entry.rsrcKeys, this->entry(2, 9).rsrcKeys));
 }
 
 template <class T>

@@ -180,8 +180,8 @@ class TableDriver final : public Driver {
       const auto entry = expected->second.flags == 2
                              ? typename Entry::LogEntry()
                              : entries_[expected->second.key][expected->second.variant].logEntry;
-      findings.equal("entry of log record is right", record.logEntry.isEq(entry), true, name(),
-                     expected->first);
+      findings.equal("entry of log record is right", TestSupport::isAsked(record.logEntry, entry),
+                     true, name(), expected->first);
     }
     findings.equal("walk of the log ends", expected == table.log.end(), true, name());
   }
@@ -205,8 +205,8 @@ class TableDriver final : public Driver {
       findings.equal("record is deleted", record.isDeleted != 0, expected->second.deleted, name(),
                      unit, key);
       findings.equal("entry of record is right",
-                     record.entry.isEq(entries_[key][expected->second.variant]), true, name(), unit,
-                     key);
+                     TestSupport::isAsked(record.entry, entries_[key][expected->second.variant]),
+                     true, name(), unit, key);
     }
     if (walks) {
       findings.equal("entrysInDeletion", log.entrysInDeletion(idOf(unit)), deleted, name(), unit);
@@ -214,7 +214,7 @@ class TableDriver final : public Driver {
   }
 
   [[nodiscard]] bool reads(const Entry& entry, unsigned key, std::optional<unsigned> variant) {
-    return entry.isEq(variant ? entries_[key][*variant] : Entry());
+    return TestSupport::isAsked(entry, variant ? entries_[key][*variant] : Entry());
   }
 
   void compareTable(Model& model, Place place, Findings& findings) {
@@ -277,7 +277,7 @@ class TableDriver final : public Driver {
       ++all;
       for (unsigned key = 0; key < kKeys; ++key) {
         const auto variant = model.read(place, key);
-        shown[key] += variant && (*iter).isEq(entries_[key][*variant]) ? 1U : 0U;
+        shown[key] += variant && TestSupport::isAsked((*iter), entries_[key][*variant]) ? 1U : 0U;
       }
     }
     findings.equal("entries that an iteration shows", all, model.entrys(place), name(), place.unit);

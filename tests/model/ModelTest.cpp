@@ -7,6 +7,7 @@
 #include "Brio/Log.h"
 #include "BrioSharedMem/EntityPath.h"
 #include "Driver.h"
+#include "KelpTunnelNiLib/ResourceTableSet.h"
 
 // Random operations on the real tables and on a model with the same rules, compared after every
 // step. KELP_MODEL_SEED=N repeats the run of a seed, KELP_MODEL_STEPS=N makes runs longer.
@@ -113,6 +114,7 @@ class RandomRun {
     agent_ = Lumen::makeNode<Asic::OrderedTableInterface>(vault_);
     marking_ = oneIn(2);
     agent_->skipMarkOnRestoreIs(!marking_);
+    resources_ = KelpTunnelNiLib::ResourceTableSet::make(agent_);
     hardware_.emplace(Asic::writableSharedMemory(*vault_));
     touched_ = kAll;
     note("start marking {}", marking_);
@@ -127,6 +129,7 @@ class RandomRun {
       driver->drop();
     }
     if (agent_) {
+      resources_ = {};
       agent_->stop();
       agent_ = nullptr;
       hardware_.reset();
@@ -216,6 +219,7 @@ class RandomRun {
       touched_ = kAll;
       note("poll");
       const std::size_t news = group().pollStatus();
+      resources_.work();
       EXPECT_EQ(news, model_.poll());
     } else if (choice < 95) {
       foreignStep(oneIn(3));
@@ -468,6 +472,7 @@ class RandomRun {
   std::mt19937_64 random_;
   Lumen::Ptr<Vault::EntityManager> vault_;
   Lumen::Ptr<Asic::OrderedTableInterface> agent_;
+  KelpTunnelNiLib::ResourceTableSet resources_;
   std::optional<TestSupport::HardwareSide> hardware_;
   bool marking_ = false;
   unsigned touched_ = kAll;

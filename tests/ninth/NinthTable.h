@@ -88,6 +88,7 @@ struct KELP_EM_EXPORT Ninth {
   using ConfigQuilt = KelpTunnelNiLib::NinthConfigQuilt;
   using EntryLogQuilt = KelpTunnelNiLib::NinthEntryLogQuilt;
   using WrapperResources = NoResources;
+  using Linkages = NoLinkages;
 };
 
 }  // namespace KelpEmServer

@@ -10,20 +10,23 @@ table='(EsemFodo|EsemFodoVd|Isem1Tag|Isem2Tag|IsemInnerEth|IsemMpls|IsemUntagged
 factory_table=$(sed -E 's/([(|])([A-Z])/\1\l\2/g' <<<"$table")
 unit='(SwTable|SwTableIteratorState|SwTableHelperBase|EntryLog|EntryWrapper|ResolverEntry|Interface)'
 made='(SwTable|SwTableIteratorState|SwTableHelperBase|EntryLog|EntryWrapper|ResolverEntry)'
-class="KelpEmServer::Kelp$unit<KelpEmServer::$table>(::EntryHandle)?"
+linkage="KelpResourceLinkage<KelpEmServer::$table, KelpEmServer::[A-Za-z]+LinkageSpec>"
+linkage+='(::LocalUsageUpdateSm)?'
+class="KelpEmServer::(Kelp$unit<KelpEmServer::$table>(::EntryHandle)?|$linkage)"
 nested='(::(HN_[A-Za-z]+|QE_[A-Za-z]+|[A-Za-z]+KeyFunktor))?'
+shared='(KelpEmServer|Asic|PactResourceTable)'
 function='[A-Za-z_~]+(\[abi:cxx11\])?\([^{}]*\)( const)?'
 families=(
   # The operations of the classes, without what is inside them: static variables, lambdas.
   -e "^((non-)?virtual thunk to )?$class$nested::$function$"
   -e "^$class$nested::operator[^{}]+\([^{}]*\)( const)?$"
   -e "^(vtable|VTT|typeinfo|typeinfo name|construction vtable) for $class$"
-  -e "^KelpEmServer::${factory_table}Kelp${made}Factory\("
+  -e "^KelpEmServer::${factory_table}Kelp(${made}|[A-Za-z]+Linkage)Factory\("
   # What the template checkAndwriteMountQuilt calls, wherever it is instantiated.
   -e "^KelpEmServer::raiseRelaunchGeneration\\("
   -e "^_[A-Za-z0-9]+_[0-9a-f]+_brioModule$"
   # The allocation tracker of a class is the one thing of another namespace that has to be shared.
-  -e "^(guard variable for )?PoolSlab::Slabbed<(KelpEmServer|Asic)::.*>::memAllocationTracker_$"
+  -e "^(guard variable for )?PoolSlab::Slabbed<$shared::.*>::memAllocationTracker_$"
 )
 
 failed=0

@@ -199,6 +199,9 @@ TEST_F(SmallFileSystem, TheAgentWaitsForRoomInALogAndGoesOnByItself) {
             {"--intents", "-", "--exit-when-done", "--timeout", "60", "--summary", path("summary")},
             AgentTest::Input::pipe);
   ASSERT_TRUE(comesTrue([&] { return std::filesystem::exists(bell); }));
+  // It answers when all of its start is done.
+  program.kill(SIGUSR1);
+  ASSERT_TRUE(comesTrue([&] { return std::filesystem::exists(path("summary")); }));
   fill();
   program.write(contentOf(writes(kEntries, 2)));
   program.closeInput();

@@ -44,7 +44,8 @@ Entry sampleEntry(const typename Entry::Key& key, std::uint64_t variant) {
   if constexpr (requires { entry.rsrcKeys.inLifIdxKey; }) {
     entry.rsrcKeys.inLifIdxKey.attachmentCircuit = static_cast<std::uint32_t>(variant + 1);
   } else if constexpr (requires { entry.rsrcKeys.remarkProfileType; }) {
-    entry.rsrcKeys.remarkProfileKey.intf.value = 0x0100000000000000 + variant;
+    // There are few profiles.
+    entry.rsrcKeys.remarkProfileKey.intf.value = 0x0100000000000000 + variant % 100;
     entry.logEntry.outLif = static_cast<std::uint32_t>(variant + 7);
   } else if constexpr (requires { entry.logEntry.outLif; }) {
     entry.logEntry.outLif = static_cast<decltype(entry.logEntry.outLif)>(variant + 1);
@@ -52,6 +53,35 @@ Entry sampleEntry(const typename Entry::Key& key, std::uint64_t variant) {
     entry.logEntry.inLif = static_cast<std::uint32_t>(variant + 1);
   }
   return entry;
+}
+
+// A log entry that was asked for, with what the resources of another have resolved to.
+template <class LogEntry>
+LogEntry resolvedAs(LogEntry asked, const LogEntry& has) {
+  if constexpr (requires { asked.inLif0Index; }) {
+    asked.inLif0Index = has.inLif0Index;
+  }
+  if constexpr (requires { asked.inLif1Index; }) {
+    asked.inLif1Index = has.inLif1Index;
+  }
+  if constexpr (requires { asked.inLif23Index; }) {
+    asked.inLif23Index = has.inLif23Index;
+  }
+  if constexpr (requires { asked.vlanEditProfile; }) {
+    asked.vlanEditProfile = has.vlanEditProfile;
+    asked.remarkProfile = has.remarkProfile;
+  }
+  return asked;
+}
+
+// Whether an entry, or a log entry, is what was asked for, whatever its resources resolve to.
+template <class Entry>
+bool isAsked(const Entry& has, const Entry& asked) {
+  if constexpr (requires { has.logEntry; }) {
+    return isAsked(has.logEntry, asked.logEntry) && has.rsrcKeys.isEq(asked.rsrcKeys);
+  } else {
+    return has.isEq(resolvedAs(asked, has));
+  }
 }
 
 }  // namespace TestSupport

@@ -15,6 +15,7 @@
 #include "Brio/TraceHandle.h"
 #include "HardwareSide.h"
 #include "KelpEmServer/AllTables.h"
+#include "KelpTunnelNiLib/ResourceTableSet.h"
 #include "SampleEntries.h"
 #include "TempRoot.h"
 #include "Vault/EntityManager.h"
@@ -55,6 +56,12 @@ class TableFixture : public testing::Test {
   static Entry entry(std::uint64_t number, std::uint64_t variant = 0) {
     return sampleEntry<Entry>(key(number), variant);
   }
+  // How many resource tables the table is linked to.
+  static std::size_t linkages() {
+    std::size_t count = 0;
+    T::Linkages::forEachSpec([&](auto) { ++count; });
+    return count;
+  }
   static constexpr Asic::UnitId unit0{0};
   static constexpr Asic::UnitId unit1{1};
 
@@ -70,10 +77,12 @@ class TableFixture : public testing::Test {
     vault_->entityIs<Asic::GenId>("hardware/tinsel/agent/relaunch/config/KelpTunnelNi");
     agent_ = Lumen::makeNode<Asic::OrderedTableInterface>(vault_);
     agent_->skipMarkOnRestoreIs(!marking);
+    resources_ = KelpTunnelNiLib::ResourceTableSet::make(agent_);
   }
   // Ends the agent: what is in flight is dropped, shared memory stays.
   void stop() {
     if (agent_) {
+      resources_ = {};
       agent_->stop();
       agent_ = nullptr;
       hardware_.reset();
@@ -123,11 +132,13 @@ class TableFixture : public testing::Test {
     hardware().report(T::tableId, version,
                       intf()->entryLog()->tableEntryLog()->collectionControl()->incarnation());
     group()->pollStatus();
+    resources_.work();
   }
 
   TempRoot root_;
   Lumen::Ptr<Vault::EntityManager> vault_;
   Lumen::Ptr<Asic::OrderedTableInterface> agent_;
+  KelpTunnelNiLib::ResourceTableSet resources_;
   std::optional<HardwareSide> hardware_;
 };
 

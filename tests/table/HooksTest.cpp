@@ -102,7 +102,7 @@ TYPED_TEST(FinalizeHooks, ThePlainHelperDropsFailuresAndTakesUpdates) {
   const auto wrapper = this->wrapperOf(this->entry(1));
   const auto helper = Lumen::makeNode<typename TestFixture::Helper>();
   helper->finalizeOnSuccess(wrapper, false, table);
-  EXPECT_TRUE(wrapper->entry().isEq(this->entry(1)));
+  EXPECT_TRUE(TestSupport::isAsked(wrapper->entry(), this->entry(1)));
   EXPECT_FALSE(helper->finalizeOnFailure(wrapper, false, table));
   EXPECT_FALSE(helper->finalizeOnFailure(wrapper, true, table));
   EXPECT_TRUE(helper->finalizeOnResourceUpdate(wrapper, table, false));
@@ -285,7 +285,7 @@ TEST_F(ProfileResources, TheHandlesProfilesGoToTheLogEntry) {
   wrapper->vlanEditProfileKeyResPtrIs(edit);
   auto remark = Lumen::makeNode<KelpTunnelNiLib::RemarkProfileResourceHandle>(
       entry.rsrcKeys.remarkProfileKey);
-  KelpTunnelNiLib::RemarkProfileResults results;
+  KelpQos::RemarkProfileResults results;
   results.profile = 32;
   results.clientData.value = 999;
   remark->resultsIs(results);

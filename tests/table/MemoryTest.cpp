@@ -60,6 +60,7 @@ class Memory : public TestSupport::TableTest<T> {
     }
     this->pass();
     table->tableStatusVersion(this->log()->tableVersion());
+    this->resources_.work();
     ASSERT_FALSE(table->hasPendingHwWrites());
     ASSERT_TRUE(table->transientVersionForKey().empty());
   }

@@ -20,7 +20,8 @@ TYPED_TEST(WritePath, TwoWritesOfOneKeyAreBothInFlightAndTheSecondIsTheNewest) {
   EXPECT_TRUE(second->version().isEq(EntryVersion{1, 0}));
   ASSERT_NE(table->transientAddEntry(this->key(1)), nullptr);
   EXPECT_EQ(table->transientAddEntry(this->key(1))->entryHandle().get(), second.get());
-  EXPECT_TRUE(table->transientAddEntry(this->key(1))->entry().isEq(this->entry(1, 1)));
+  EXPECT_TRUE(
+      TestSupport::isAsked(table->transientAddEntry(this->key(1))->entry(), this->entry(1, 1)));
   EXPECT_TRUE(table->transientVersionForKey(this->key(1)).isEq(EntryVersion{1, 0}));
   EXPECT_EQ(table->resolverQueue().size(), 2U);
   EXPECT_EQ(table->stats()->entryWriteCnt(), 2U);
@@ -95,7 +96,7 @@ TYPED_TEST(WritePath, TheKeyArgumentWinsOverTheKeyInTheEntry) {
   this->pass();
   EXPECT_TRUE(table->entryHas(this->key(1)));
   EXPECT_FALSE(table->entryHas(this->key(2)));
-  EXPECT_TRUE(table->entryRead(this->key(1)).isEq(this->entry(1)));
+  EXPECT_TRUE(TestSupport::isAsked(table->entryRead(this->key(1)), this->entry(1)));
   EXPECT_EQ(this->logRecord(1).logEntry.key, this->key(1));
 }
 
@@ -154,7 +155,7 @@ TYPED_TEST(WritePath, AnOvertakenWriteKeepsItsOwnWrapperAndHandle) {
       Lumen::staticPtrCast<typename TestFixture::Resolver>(table->resolverQueue().front());
   EXPECT_EQ(front->swTableEntry(), first);
   EXPECT_EQ(front->swTable(), table.get());
-  EXPECT_TRUE(first->entry().isEq(this->entry(1, 0)));
+  EXPECT_TRUE(TestSupport::isAsked(first->entry(), this->entry(1, 0)));
 }
 
 TYPED_TEST(WritePath, AWriteOfOneUnitIsNotInFlightInAnother) {

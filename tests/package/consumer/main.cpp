@@ -1,11 +1,13 @@
 #include <cstdio>
 
 #include "KelpEmServer/Isem1TagKelpInterface.h"
+#include "KelpTunnelNiLib/ResourceTableSet.h"
 
 // The shortest agent: one table on one chip unit, in private memory, with one entry in flight.
 int main() {
   const auto agent = Lumen::makeNode<Asic::OrderedTableInterface>(
       Lumen::makeNode<Vault::EntityManager>("Consumer", true));
+  const auto resources = KelpTunnelNiLib::ResourceTableSet::make(agent);
   const auto interface = KelpEmServer::Isem1TagKelpInterface::getIntf(agent);
   const auto table = interface->makeSwTable(Asic::UnitId{0}, nullptr, false);
 
