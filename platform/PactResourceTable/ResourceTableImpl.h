@@ -267,7 +267,12 @@ auto ResourceTable<Spec>::request(const Key& key, const ClientData& data,
   }
   if (resource->state != Asic::EntryState::entryStateSuccess) [[unlikely]] {
     settle(*resource, client.clientId());
-  } else if (!this->hasRoomForUse(resource->number, resource->index, client.clientId()))
+    return found;
+  }
+  // The space of a use is taken before it is needed: who holds the resource has taken it.
+  const bool holds = std::find(resource->holders.begin(), resource->holders.end(),
+                               client.clientId()) != resource->holders.end();
+  if (!holds && !this->hasRoomForUse(resource->number, resource->index, client.clientId()))
       [[unlikely]] {
     LUMEN_TRACE(this->traceHandle(), 1, className(), "No room in the store for a use of {}", key);
   }
