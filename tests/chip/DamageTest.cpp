@@ -1,4 +1,4 @@
-#include <regex>
+#include <cstring>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -284,6 +284,17 @@ class ChipMeetsFlippedBytes : public ChipMeets, public testing::WithParamInterfa
       flip(file, places[random_() % places.size()]);
     }
   }
+  // An entry as it was written, whatever index it got.
+  static std::string withoutIndexes(std::string entry) {
+    for (const char* field : {R"("inLif0Index":)", R"("inLif1Index":)"}) {
+      const auto at = entry.find(field);
+      if (at != std::string::npos) {
+        const auto from = at + std::strlen(field);
+        entry.replace(from, entry.find_first_not_of("0123456789", from) - from, "0");
+      }
+    }
+    return entry;
+  }
   void expectOnlyWhatWasWritten() {
     std::istringstream lines(Chip::modelJsonLines(*chip_));
     const std::string before = R"("entry":)";
@@ -292,10 +303,7 @@ class ChipMeetsFlippedBytes : public ChipMeets, public testing::WithParamInterfa
       ASSERT_NE(at, std::string::npos) << line;
       const std::string entry =
           line.substr(at + before.size(), line.size() - at - before.size() - 1);
-      // Whatever index it got.
-      static const std::regex index(R"("inLif([01])Index":[1-9][0-9]*)");
-      EXPECT_TRUE(written_.contains(std::regex_replace(entry, index, R"("inLif$1Index":0)")))
-          << line;
+      EXPECT_TRUE(written_.contains(withoutIndexes(entry))) << line;
     }
   }
 
