@@ -1,0 +1,296 @@
+#include "Brio/InspectPlace.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "Brio/InspectBox.h"
+#include "Brio/InspectPath.h"
+#include "Lumen/Inspect.h"
+
+namespace Brio {
+
+namespace {
+
+namespace Code = Lumen::Inspect;
+
+Lumen::String namesOf(const std::vector<InspectField>& fields) {
+  Lumen::String names;
+  for (const InspectField& field : fields) {
+    names += names.empty() ? "" : ", ";
+    names += field.attribute.name();
+  }
+  return names.empty() ? Lumen::String("none") : names;
+}
+
+bool readsByCall(const InspectAttribute& attribute) {
+  return attribute.isOperation() && !attribute.has(Lumen::kInspectMutating) &&
+         attribute.arguments().empty();
+}
+
+Lumen::String keyText(const InspectValue& key) {
+  const Lumen::String text = key.text();
+  const bool record = key.as<InspectValue::Record>() != nullptr;
+  return "[" + (record ? text.substr(1, text.size() - 2) : text) + "]";
+}
+
+}  // namespace
+
+InspectPlace::InspectPlace(NodePtr object, Lumen::String path)
+    : path_(std::move(path)), object_(std::move(object)) {}
+
+InspectPlace InspectPlace::find(std::string_view path) {
+  if (path.size() > kLongestPath) {
+    throw InspectError(fmt::format("a path has {} characters at most", kLongestPath));
+  }
+  const std::vector<InspectStep> steps = inspectSteps(path);
+  if (steps.size() > kMostSteps) {
+    throw InspectError(fmt::format("a path has {} steps at most", kMostSteps));
+  }
+  InspectPlace place(InspectRoots::root(steps[0].name), Lumen::String(steps[0].name));
+  if (!place.object_) {
+    Lumen::String roots;
+    for (const Lumen::String& name : InspectRoots::names()) {
+      roots += (roots.empty() ? "" : ", ") + name;
+    }
+    throw InspectError(fmt::format("{}: no such root; there are: {}", steps[0].name,
+                                   roots.empty() ? "none" : roots));
+  }
+  bool first = true;
+  for (const InspectStep& step : steps) {
+    if (!std::exchange(first, false)) {
+      place = place.step(step.name);
+    }
+    for (const InspectValue& key : step.keys) {
+      place = place.member(key);
+    }
+  }
+  return place;
+}
+
+void InspectPlace::refuse(const Lumen::String& why) const {
+  throw InspectError(path_ + ": " + why);
+}
+
+InspectPlace InspectPlace::with(InspectValue value, Lumen::String path) const {
+  InspectPlace place;
+  place.path_ = std::move(path);
+  if (const auto* node = value.as<NodePtr>()) {
+    place.object_ = *node;
+  } else {
+    place.value_ = std::move(value);
+  }
+  return place;
+}
+
+InspectPlace InspectPlace::entered() const {
+  InspectPlace place = field_ ? with(read(), path_) : *this;
+  if (!place.object_ && place.value_.isNothing()) {
+    refuse("null; nothing is below it");
+  }
+  return place;
+}
+
+std::vector<InspectField> InspectPlace::fields() const {
+  const InspectPlace place = entered();
+  return place.object_ ? inspectFields(*place.object_) : std::vector<InspectField>();
+}
+
+InspectPlace InspectPlace::step(std::string_view name) const {
+  if (field_ && field_->attribute.isCollection()) {
+    refuse("a collection; name a member of it in brackets");
+  }
+  InspectPlace place = entered();
+  const Lumen::String path = path_ + "/" + Lumen::String(name);
+  if (place.object_) {
+    place.field_ = inspectField(*place.object_, name);
+    if (!place.field_) {
+      refuse(fmt::format("no attribute '{}' in {}; there are: {}", name,
+                         place.object_->typeData().className,
+                         namesOf(inspectFields(*place.object_))));
+    }
+    place.path_ = path;
+    return place;
+  }
+  if (const InspectValue* field = place.value_.field(name)) {
+    return with(*field, path);
+  }
+  refuse(fmt::format("no field '{}' in {}", name, place.value_.text()));
+}
+
+InspectPlace InspectPlace::onlyCollection() const {
+  InspectPlace place = entered();
+  std::vector<InspectField> collections;
+  if (place.object_) {
+    for (const InspectField& field : inspectFields(*place.object_)) {
+      if (field.attribute.isCollection()) {
+        collections.push_back(field);
+      }
+    }
+  }
+  if (collections.size() != 1) {
+    refuse(collections.empty() ? Lumen::String("it has no members; leave the brackets away")
+                               : "name one of its collections: " + namesOf(collections));
+  }
+  place.field_ = collections[0];
+  return place;
+}
+
+InspectPlace InspectPlace::member(const InspectValue& key) const {
+  const bool isCollection = field_ && field_->attribute.isCollection();
+  if (!isCollection) {
+    const InspectPlace in = entered();
+    if (const auto* list = in.value_.as<InspectValue::List>()) {
+      if (list->empty()) {
+        refuse("an empty list");
+      }
+      const std::uint64_t at = Impl::inspectNumber(key, path_, list->size() - 1);
+      return with((*list)[at], path_ + keyText(key));
+    }
+  }
+  const InspectPlace in = isCollection ? *this : onlyCollection();
+  if (!in.has(key)) {
+    refuse(fmt::format("no member {} among {}", keyText(key), in.count()));
+  }
+  return with(in.lookup(key), path_ + keyText(key));
+}
+
+const InspectField& InspectPlace::attributeField() const {
+  if (!field_) {
+    refuse("no attribute; name one of an object");
+  }
+  return *field_;
+}
+
+const InspectField& InspectPlace::collectionField() const {
+  if (!field_ || !field_->attribute.isCollection()) {
+    refuse("no collection; name a collection of an object");
+  }
+  return *field_;
+}
+
+// Boxes for the key, the arguments and the result; `args` null: the operation takes none.
+InspectValue InspectPlace::run(unsigned char operation, const InspectValue* key,
+                               const Args* args) const {
+  const InspectAttribute& attribute = field_->attribute;
+  const Lumen::ModuleInspectData& module = *attribute.field().module;
+  std::optional<InspectBox> keyBox;
+  if (key != nullptr) {
+    keyBox.emplace(module, attribute.row().keyType, 0);
+    keyBox->set(*key, path_ + ": key");
+  }
+  std::vector<InspectBox> boxes;
+  std::vector<void*> pointers;
+  if (args != nullptr) {
+    const auto wanted = attribute.arguments();
+    if (args->size() != wanted.size()) {
+      Lumen::String types;
+      for (const auto& arg : wanted) {
+        types += (types.empty() ? "" : ", ") + Lumen::String(attribute.typeName(arg.type));
+      }
+      refuse(fmt::format("{} arguments, not the {} that it takes: ({})", args->size(),
+                         wanted.size(), types));
+    }
+    boxes.reserve(wanted.size());
+    for (std::size_t i = 0; i < wanted.size(); ++i) {
+      InspectBox& box = boxes.emplace_back(module, wanted[i].type, wanted[i].flags);
+      const auto* text = (*args)[i].as<Lumen::String>();
+      // An object may be given by its path.
+      box.set(box.holdsNode() && text != nullptr ? find(*text).read() : (*args)[i],
+              fmt::format("{}: argument {}", path_, i + 1));
+      pointers.push_back(box.at());
+    }
+  }
+  std::int16_t type = attribute.row().type;
+  unsigned flags = attribute.row().flags;
+  if (operation == Code::kCount || operation == Code::kSecondSize) {
+    type = Lumen::kInspect32;
+    flags = 0;
+  } else if (operation == Code::kHas) {
+    type = Lumen::kInspectBool;
+    flags = 0;
+  }
+  const InspectBox result(module, type, flags);
+  // A writer's result is of a type of its own.
+  const bool wanted = operation != Code::kWrite && type != Lumen::kInspectNothing;
+  const int outcome = field_->declaredBy.glue().inspectOperation(
+      wanted ? result.at() : nullptr, object_.get(), attribute.field(), operation,
+      keyBox ? keyBox->at() : nullptr, pointers.empty() ? nullptr : pointers.data());
+  if (outcome != Code::kDone) {
+    refuse("the attribute does not take this operation");
+  }
+  return wanted ? result.get() : InspectValue();
+}
+
+InspectValue InspectPlace::read() const {
+  if (!field_) {
+    return object_ ? InspectValue(object_) : value_;
+  }
+  if (field_->attribute.isCollection()) {
+    refuse("a collection; name a member of it in brackets, or walk it");
+  }
+  if (field_->attribute.isOperation() && !readsByCall(field_->attribute)) {
+    refuse("an operation that changes something or takes arguments; call it");
+  }
+  const Args none;
+  return field_->attribute.isOperation() ? run(Code::kCall, nullptr, &none)
+                                         : run(Code::kRead, nullptr, nullptr);
+}
+
+InspectValue InspectPlace::write(const Args& args) const {
+  if (!attributeField().attribute.has(Lumen::kInspectWritable)) {
+    refuse("it can only be read");
+  }
+  return run(Code::kWrite, nullptr, &args);
+}
+
+InspectValue InspectPlace::call(const Args& args) const {
+  if (!attributeField().attribute.isOperation()) {
+    refuse("no operation; read or write it");
+  }
+  return run(Code::kCall, nullptr, &args);
+}
+
+std::uint32_t InspectPlace::count() const {
+  (void)collectionField();
+  return static_cast<std::uint32_t>(*run(Code::kCount, nullptr, nullptr).as<std::uint64_t>());
+}
+
+std::uint32_t InspectPlace::secondSize() const {
+  (void)collectionField();
+  return static_cast<std::uint32_t>(*run(Code::kSecondSize, nullptr, nullptr).as<std::uint64_t>());
+}
+
+bool InspectPlace::has(const InspectValue& key) const {
+  (void)collectionField();
+  return *run(Code::kHas, &key, nullptr).as<bool>();
+}
+
+InspectValue InspectPlace::lookup(const InspectValue& key) const {
+  (void)collectionField();
+  return run(Code::kLookup, &key, nullptr);
+}
+
+InspectValue InspectPlace::del(const InspectValue& key) const {
+  if (!collectionField().attribute.has(Lumen::kInspectDeletes)) {
+    refuse("its members are not deleted from outside");
+  }
+  return run(Code::kDelete, &key, nullptr);
+}
+
+InspectCursor InspectPlace::cursor() const {
+  return InspectCursor(object_, collectionField(), nullptr);
+}
+
+InspectCursor InspectPlace::cursor(const InspectValue& key) const {
+  const InspectAttribute& attribute = collectionField().attribute;
+  InspectBox box(*attribute.field().module, attribute.row().keyType, 0);
+  box.set(key, path_ + ": key");
+  return InspectCursor(object_, *field_, box.at());
+}
+
+InspectSubscription InspectPlace::subscribe(InspectSubscription::Told told) const {
+  return InspectSubscription(object_, attributeField().attribute, std::move(told));
+}
+
+}  // namespace Brio
