@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "Brio/Hash.h"
+#include "Brio/SameBytes.h"
 
 namespace Brio {
 
@@ -25,7 +26,13 @@ struct Array {
   }
   [[nodiscard]] auto begin() const noexcept { return elements.begin(); }
   [[nodiscard]] auto end() const noexcept { return elements.end(); }
-  [[nodiscard]] bool isEq(const Array& other) const noexcept { return elements == other.elements; }
+  [[nodiscard]] bool isEq(const Array& other) const noexcept {
+    if constexpr (std::has_unique_object_representations_v<T>) {
+      return sameBytes(elements, other.elements);
+    } else {
+      return elements == other.elements;
+    }
+  }
   // Mixes element after element, four words at a time.
   [[nodiscard]] std::uint32_t hash(std::uint32_t seed) const noexcept {
     static_assert(std::has_unique_object_representations_v<T>);

@@ -23,11 +23,33 @@ enum class AttributeKind : std::uint8_t {
   retired,  // a number that was used once and is not given out again
 };
 
-template <class Member>
+// One attribute. What writes it from outside, and what deletes a member of it, are named beside it,
+// as writtenBy() and deletedBy(); an attribute without them is only read.
+template <class MemberT, class WriterT = std::nullptr_t, class DeleterT = std::nullptr_t>
 struct Attribute {
+  using Member = MemberT;
+  using Writer = WriterT;
+  using Deleter = DeleterT;
+
   std::string_view name;
   AttributeKind kind;
   Member member;  // pointer to the data member or member function; nullptr where there is none
+  Writer writer{};
+  Deleter deleter{};
+  bool served = true;  // whether inspection serves it
+
+  template <class W>
+  [[nodiscard]] constexpr Attribute<Member, W, Deleter> writtenBy(W by) const {
+    return {name, kind, member, by, deleter, served};
+  }
+  template <class D>
+  [[nodiscard]] constexpr Attribute<Member, Writer, D> deletedBy(D by) const {
+    return {name, kind, member, writer, by, served};
+  }
+  // Known by its number alone: for steps of an object's own life, and what is internal.
+  [[nodiscard]] constexpr Attribute notServed() const {
+    return {name, kind, member, writer, deleter, false};
+  }
 };
 
 template <class Member>
@@ -46,18 +68,20 @@ template <class Member>
 constexpr Attribute<Member> queue(std::string_view name, Member member) {
   return {name, AttributeKind::queue, member};
 }
-template <class Member = std::nullptr_t>
-constexpr Attribute<Member> operation(std::string_view name, Member member = {}) {
+template <class Member>
+constexpr Attribute<Member> operation(std::string_view name, Member member) {
   return {name, AttributeKind::operation, member};
 }
-constexpr Attribute<std::nullptr_t> retired() { return {"", AttributeKind::retired, nullptr}; }
+constexpr Attribute<std::nullptr_t> retired() {
+  return {"", AttributeKind::retired, nullptr, nullptr, nullptr, false};
+}
 
-template <class... Members>
+template <class... Attributes>
 struct AttributeList {
   std::uint16_t firstId;
-  std::tuple<Attribute<Members>...> attributes;
+  std::tuple<Attributes...> attributes;
 
-  [[nodiscard]] static constexpr std::size_t size() noexcept { return sizeof...(Members); }
+  [[nodiscard]] static constexpr std::size_t size() noexcept { return sizeof...(Attributes); }
   // The number of an attribute. A name that is not in the list does not compile.
   [[nodiscard]] constexpr std::uint16_t idOf(std::string_view name) const {
     std::uint16_t position = 0;
@@ -75,10 +99,10 @@ struct AttributeList {
   }
 };
 
-template <class... Members>
-constexpr AttributeList<Members...> attributeList(std::uint16_t firstId,
-                                                  const Attribute<Members>&... attributes) {
-  return {firstId, std::tuple{attributes...}};
+template <class... Attributes>
+constexpr AttributeList<Attributes...> attributeList(std::uint16_t firstId,
+                                                     const Attributes&... attributes) {
+  return {firstId, std::tuple<Attributes...>{attributes...}};
 }
 
 // The same for groups of attributes that stand one behind the other, each a tuple of Attribute.

@@ -54,12 +54,16 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
   static constexpr auto attributes() {
     return Brio::attributeList(
         258, Brio::stored("tableEntryLog", &KelpEntryLog::tableEntryLog_),
-        Brio::collection("tableConfigQuilt", &KelpEntryLog::tableConfigQuilt_),
+        Brio::collection("tableConfigQuilt", &KelpEntryLog::tableConfigQuilt_)
+            .writtenBy(&KelpEntryLog::tableConfigQuiltIs)
+            .deletedBy(&KelpEntryLog::tableConfigQuiltDel),
         Brio::operation("entryIs", &KelpEntryLog::entryIs),
         Brio::operation("entryDel", &KelpEntryLog::entryDel),
         Brio::operation("tableDel", &KelpEntryLog::tableDel),
         Brio::operation("entry", &KelpEntryLog::entry),
-        Brio::operation("entryHas", &KelpEntryLog::entryHas),
+        Brio::operation("entryHas",
+                        static_cast<bool (KelpEntryLog::*)(const Key&, Asic::UnitId) const>(
+                            &KelpEntryLog::entryHas)),
         Brio::operation("entryRsrcKeys", &KelpEntryLog::entryRsrcKeys),
         Brio::operation("entryLogVersion", &KelpEntryLog::entryLogVersion),
         Brio::operation("entrys", &KelpEntryLog::entrys),
@@ -67,7 +71,7 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
         Brio::operation("cleanupEntryLog", &KelpEntryLog::cleanupEntryLog),
         Brio::operation("mountQuiltChangeLog", &KelpEntryLog::mountQuiltChangeLog),
         Brio::operation("mountQuiltConfig", &KelpEntryLog::mountQuiltConfig),
-        Brio::operation("handleInitialized", &KelpEntryLog::handleInitialized));
+        Brio::operation("handleInitialized", &KelpEntryLog::handleInitialized).notServed());
   }
 
   // A constructed log is mounted. Throws BrioSharedMem::StoreError if the change log can't be.
@@ -80,10 +84,12 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
       const Lumen::Ptr<Asic::GroupInterface>& groupInterface, const Lumen::String& agentName) {
     return Lumen::makeNode<KelpEntryLog>(tableId, entityManager, groupInterface, agentName);
   }
+  static constexpr auto factory() { return &KelpEntryLog::KelpEntryLogIs; }
 
-  [[nodiscard]] const Lumen::TypeData& typeData() const override {
-    return kTypeData<T, "KelpEntryLog", 0, "KelpEntryLog">;
+  static constexpr const Lumen::TypeData& classData() {
+    return kTypeData<T, "KelpEntryLog", 0, "KelpEntryLog", &Asic::EntryLogBase::classData()>;
   }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   // Mounts the configuration collection of a unit, and removes the deleted records that the
   // hardware side had seen up to `logVersion`; with 0 it removes none. Asserts "cfgQuilt" if there
@@ -116,6 +122,10 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
   // none.
   [[nodiscard]] LogEntry entry(const Key& key, Asic::UnitId unitId) const;
   [[nodiscard]] bool entryHas(const Key& key, Asic::UnitId unitId) const;
+  // The same, and where the record is: null if there is none, good until the next change of the
+  // collection.
+  [[nodiscard]] bool entryHas(const Key& key, Asic::UnitId unitId,
+                              const ConfigRecord*& record) const;
   [[nodiscard]] unsigned entrys(Asic::UnitId unitId) const;
   [[nodiscard]] ResourceKeys entryRsrcKeys(const Key& key, Asic::UnitId unitId) const;
   [[nodiscard]] Asic::LogVersion entryLogVersion(const Key& key, Asic::UnitId unitId) const;

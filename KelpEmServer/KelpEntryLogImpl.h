@@ -278,10 +278,11 @@ Asic::LogVersion KelpEntryLog<T>::entryIs(const LogEntry& logEntry, const Resour
   LUMEN_TRACE(entryLogTraceHandle<T>(), 8, className(),
               " logEntry: {} neededEntry: {} version: {} unitId: {} suppressIdenticalWrites: {}",
               logEntry, neededEntry, version, unitId, suppressIdenticalWrites);
-  Entry entry;
-  entry.rsrcKeys = rsrcKeys;
-  entry.logEntry = logEntry;
-  configQuilt->swTableEntriesIs(ConfigRecord(entry, version, false));
+  ConfigRecord record;
+  record.entry.rsrcKeys = rsrcKeys;
+  record.entry.logEntry = logEntry;
+  record.version = version;
+  configQuilt->swTableEntriesIs(record);
   finishChange(LogRecord(version, logEntry, unitId, 0), neededEntry);
   return version;
 }
@@ -294,17 +295,18 @@ Asic::LogVersion KelpEntryLog<T>::entryDel(const Key& key,
               neededEntry, unitId);
   ConfigQuilt* configQuilt = unitQuilt(unitId);
   bool found = false;
-  const ConfigRecord& record = findRecord(*configQuilt, key, found);
+  ConfigRecord record = findRecord(*configQuilt, key, found);
   if (!found) {
     LUMEN_TRACE(entryLogTraceHandle<T>(), 3, className(),
                 " key: {} entry does not exist. So ignoring delete", key);
     return {};
   }
-  const Asic::LogVersion version = this->tableVersionInc(Asic::LogVersion{1});
-  const Entry entry = record.entry;
-  configQuilt->swTableEntriesIs(ConfigRecord(entry, version, true));
-  finishChange(LogRecord(version, entry.logEntry, unitId, LogRecord::kEntryDeleted), neededEntry);
-  return version;
+  record.version = this->tableVersionInc(Asic::LogVersion{1});
+  record.isDeleted = 1;
+  configQuilt->swTableEntriesIs(record);
+  finishChange(LogRecord(record.version, record.entry.logEntry, unitId, LogRecord::kEntryDeleted),
+               neededEntry);
+  return record.version;
 }
 
 template <TableSpec T>
@@ -338,6 +340,16 @@ bool KelpEntryLog<T>::entryHas(const Key& key, Asic::UnitId unitId) const {
   bool found = false;
   const ConfigRecord& record = findRecord(*unitQuilt(unitId), key, found);
   return found && record.isDeleted == 0;
+}
+
+template <TableSpec T>
+bool KelpEntryLog<T>::entryHas(const Key& key, Asic::UnitId unitId,
+                               const ConfigRecord*& record) const {
+  LUMEN_TRACE(entryLogTraceHandle<T>(), 8, className(), " key: {} unitId:{}", key, unitId);
+  bool found = false;
+  const ConfigRecord& inPlace = findRecord(*unitQuilt(unitId), key, found);
+  record = found && inPlace.isDeleted == 0 ? &inPlace : nullptr;
+  return record != nullptr;
 }
 
 template <TableSpec T>

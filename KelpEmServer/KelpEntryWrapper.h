@@ -47,10 +47,12 @@ class KELP_EM_EXPORT KelpEntryWrapper final : public Lumen::Node,
       const Entry& entry, const Lumen::Ptr<Asic::OrderedSwTable::EntryHandle>& handle) {
     return Lumen::makeNode<KelpEntryWrapper>(entry, handle);
   }
+  static constexpr auto factory() { return &KelpEntryWrapper::KelpEntryWrapperIs; }
 
-  [[nodiscard]] const Lumen::TypeData& typeData() const override {
+  static constexpr const Lumen::TypeData& classData() {
     return kTypeData<T, "KelpInfraTypes", 0, "KelpEntryWrapper">;
   }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   [[nodiscard]] const Entry& entry() const noexcept { return entry_; }
   [[nodiscard]] const Lumen::Ptr<Asic::OrderedSwTable::EntryHandle>& entryHandle() const noexcept {

@@ -32,13 +32,15 @@ class KELP_EM_EXPORT KelpInterface final : public Asic::TableInterfaceBase,
         Brio::stored("groupName", &KelpInterface::groupName_),
         Brio::stored("agentName", &KelpInterface::agentName_),
         Brio::stored("tableNamespace", &KelpInterface::tableNamespace_),
-        Brio::stored("entryLog", &KelpInterface::entryLog_),
-        Brio::stored("swTableStatus", &KelpInterface::swTableStatus_),
-        Brio::stored("swTableSet", &KelpInterface::swTableSet_),
+        Brio::stored("entryLog", &KelpInterface::entryLog_).writtenBy(&KelpInterface::entryLogIs),
+        Brio::stored("swTableStatus", &KelpInterface::swTableStatus_)
+            .writtenBy(&KelpInterface::swTableStatusIs),
+        Brio::stored("swTableSet", &KelpInterface::swTableSet_)
+            .writtenBy(&KelpInterface::swTableSetIs),
         Brio::operation("makeSwTable", &KelpInterface::makeSwTable),
         Brio::operation("getIntf", &KelpInterface::getIntf),
-        Brio::operation("handleInitialized", &KelpInterface::handleInitialized),
-        Brio::operation("onDelete", &KelpInterface::onDelete));
+        Brio::operation("handleInitialized", &KelpInterface::handleInitialized).notServed(),
+        Brio::operation("onDelete", &KelpInterface::onDelete).notServed());
   }
 
   // The interface of the table in this process, made at the first call: mounts the change log,
@@ -51,9 +53,10 @@ class KELP_EM_EXPORT KelpInterface final : public Asic::TableInterfaceBase,
   explicit KelpInterface(const Lumen::Ptr<Asic::OrderedTableInterface>& orderedTableIntf);
   ~KelpInterface() override;
 
-  [[nodiscard]] const Lumen::TypeData& typeData() const override {
+  static constexpr const Lumen::TypeData& classData() {
     return kTypeData<T, "KelpInterface", 0, "KelpInterface">;
   }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
   // Clears the units that hold a configuration collection and for which no table was made in this
   // run.
   void reconcile() override;

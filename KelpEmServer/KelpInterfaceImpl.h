@@ -7,6 +7,7 @@
 
 #include "Asic/Constants.h"
 #include "Asic/SwTableInterfacesSingleton.h"
+#include "Brio/InspectRegistry.h"
 #include "Brio/SassertHelper.h"
 #include "Brio/TraceHandle.h"
 #include "BrioSharedMem/EntityManager.h"
@@ -46,6 +47,7 @@ KelpInterface<T>::KelpInterface(const Lumen::Ptr<Asic::OrderedTableInterface>& o
 template <TableSpec T>
 KelpInterface<T>::~KelpInterface() {
   this->nodeFlagSet(Lumen::Node::kHasNotificationActive, false);
+  Brio::InspectRoots::rootDel(kKey.c_str(), this);
   onDelete();
   entryLog_ = nullptr;
   swTableStatus_ = nullptr;
@@ -105,6 +107,7 @@ void KelpInterface<T>::handleInitialized() {
   group->swTableSetIs(swTableSet_);
   agent->swTableIntfIs(kKey.c_str(), this);
   singleton->swTableIntfIs(kKey.c_str(), Lumen::Ptr<Asic::TableInterfaceBase>(this));
+  Brio::InspectRoots::rootIs(kKey.c_str(), this);
 }
 
 template <TableSpec T>
@@ -197,7 +200,7 @@ Lumen::Ptr<KelpSwTable<T>> KelpInterface<T>::makeSwTable(Asic::UnitId unitId,
     table->swTableHelperIs(swTableHelper);
   }
   table->statusIs(swTableStatus_);
-  T::Linkages::forEachSpec([&](auto tag) { link<typename decltype(tag)::Spec>(table); });
+  T::Linkages::forEachKind([&](auto tag) { link<typename decltype(tag)::Kind>(table); });
   if (reset) {
     static constexpr auto kText = Brio::FixedString(" Clearing entries for table: ") + T::name +
                                   Brio::FixedString("Kelp, unitId: {}");
@@ -230,8 +233,8 @@ template <class L>
 void KelpInterface<T>::link(const Lumen::Ptr<SwTable>& table) {
   using ResourceTable = typename L::ResourceTable;
   const Lumen::Ptr<const Asic::CanonicalTableName> name = Lumen::makeNode<Asic::CanonicalTableName>(
-      Asic::OrderedTableType::resourceTable, "", ResourceTable::Spec::tableNamespace,
-      ResourceTable::Spec::tableName);
+      Asic::OrderedTableType::resourceTable, "", ResourceTable::Kind::tableNamespace,
+      ResourceTable::Kind::tableName);
   const auto resTbl = this->orderedTableIntf()->resourceTable(name->name());
   Lumen::assertThat(resTbl != nullptr, "resTbl");
   const auto typedResourceTable = Lumen::dynamicPtrCast<ResourceTable>(resTbl);

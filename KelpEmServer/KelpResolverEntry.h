@@ -30,10 +30,12 @@ class KELP_EM_EXPORT KelpResolverEntry final : public Asic::ResolverEntry,
       KelpSwTable<T>* swTable, const Lumen::Ptr<KelpEntryWrapper<T>>& swTableEntry) {
     return Lumen::makeNode<KelpResolverEntry>(dependency, flags, swTable, swTableEntry);
   }
+  static constexpr auto factory() { return &KelpResolverEntry::KelpResolverEntryIs; }
 
-  [[nodiscard]] const Lumen::TypeData& typeData() const override {
+  static constexpr const Lumen::TypeData& classData() {
     return kTypeData<T, "KelpInfraTypes", 1, "KelpResolverEntry">;
   }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   [[nodiscard]] bool isResolved() override;
   void commitEntry(const Lumen::Ptr<Asic::ResolverEntry>& self) override;

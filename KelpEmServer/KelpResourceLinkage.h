@@ -6,7 +6,7 @@
 #include "Brio/HashMap2018.h"
 #include "KelpEmServer/Forward.h"
 #include "KelpEmServer/KelpEntryWrapper.h"
-#include "KelpEmServer/LinkageSpecs.h"
+#include "KelpEmServer/LinkageKinds.h"
 #include "KelpEmServer/TypeModule.h"
 #include "Lumen/Node.h"
 #include "Lumen/Publisher.h"
@@ -32,7 +32,7 @@ class KELP_EM_EXPORT KelpResourceLinkage final
     : public Lumen::Node,
       public PoolSlab::Slabbed<KelpResourceLinkage<T, L>> {
  public:
-  using Spec = L;
+  using Kind = L;
   using SwTable = KelpSwTable<T>;
   using Wrapper = KelpEntryWrapper<T>;
   using Entry = typename T::Entry;
@@ -61,7 +61,9 @@ class KELP_EM_EXPORT KelpResourceLinkage final
           Brio::stored("parent", &LocalUsageUpdateSm::parent_),
           Brio::view("swTable", &LocalUsageUpdateSm::swTable),
           Brio::view("resKey", &LocalUsageUpdateSm::resKey),
-          Brio::collection("entryUsage", &LocalUsageUpdateSm::entryUsage_),
+          Brio::collection("entryUsage", &LocalUsageUpdateSm::entryUsage_)
+              .writtenBy(&LocalUsageUpdateSm::entryUsageIs)
+              .deletedBy(&LocalUsageUpdateSm::entryUsageDel),
           Brio::operation("handleResourceChange", &LocalUsageUpdateSm::handleResourceChange));
     }
 
@@ -75,10 +77,16 @@ class KELP_EM_EXPORT KelpResourceLinkage final
       made->hasNotificationActiveIs(true);
       return made;
     }
+    [[nodiscard]] static Lumen::Ptr<LocalUsageUpdateSm> localUsageUpdateSmFactory(
+        const Lumen::Ptr<const ResourceHandle>& resPtr, KelpResourceLinkage* parent) {
+      return LocalUsageUpdateSmIs(resPtr, parent);
+    }
 
-    [[nodiscard]] const Lumen::TypeData& typeData() const override {
+    static constexpr auto factory() { return &LocalUsageUpdateSm::LocalUsageUpdateSmIs; }
+    static constexpr const Lumen::TypeData& classData() {
       return kTypeData<T, "KelpResourceTableLinkage", L::smIndex, L::name + "::LocalUsageUpdateSm">;
     }
+    [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
     // While it is on, reactors of this object do not run.
     virtual void brioDoZombieReactors(bool zombie) {
       this->nodeFlagSet(Lumen::Node::kZombieReactors, zombie);
@@ -150,10 +158,13 @@ class KELP_EM_EXPORT KelpResourceLinkage final
         Brio::operation("restoreEntry", &KelpResourceLinkage::restoreEntry),
         Brio::operation("handleResourceChangeAtInit",
                         &KelpResourceLinkage::handleResourceChangeAtInit),
-        Brio::collection("entryUsageSm", &KelpResourceLinkage::entryUsageSm_),
+        Brio::collection("entryUsageSm", &KelpResourceLinkage::entryUsageSm_)
+            .writtenBy(&KelpResourceLinkage::entryUsageSmIs)
+            .deletedBy(&KelpResourceLinkage::entryUsageSmDel),
         Brio::operation("resourceKey", &KelpResourceLinkage::resourceKey),
-        Brio::operation("resourceKeyFromEntry", &KelpResourceLinkage::resourceKeyFromEntry),
-        Brio::operation("resourceHandle", &KelpResourceLinkage::resourceHandle),
+        Brio::operation("resourceKeyFromEntry", &KelpResourceLinkage::resourceKeyFromEntry)
+            .notServed(),
+        Brio::operation("resourceHandle", &KelpResourceLinkage::resourceHandle).notServed(),
         Brio::operation("setResourceHandle", &KelpResourceLinkage::setResourceHandle));
   }
 
@@ -165,9 +176,11 @@ class KELP_EM_EXPORT KelpResourceLinkage final
   }
 
   [[nodiscard]] Lumen::Publisher* publisher() const override { return &publisher_; }
-  [[nodiscard]] const Lumen::TypeData& typeData() const override {
+  static constexpr auto factory() { return &KelpResourceLinkage::KelpResourceLinkageIs; }
+  static constexpr const Lumen::TypeData& classData() {
     return kTypeData<T, "KelpResourceTableLinkage", L::index, L::name>;
   }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   [[nodiscard]] SwTable* swTable() const noexcept { return swTable_; }
   [[nodiscard]] const Lumen::Ptr<ClientInstance>& resTblClient() const noexcept {
@@ -210,6 +223,10 @@ class KELP_EM_EXPORT KelpResourceLinkage final
   [[nodiscard]] const auto& entryUsageSm() const noexcept { return entryUsageSm_; }
   // Null if the key is not in use.
   [[nodiscard]] Lumen::Ptr<LocalUsageUpdateSm> entryUsageSm(const ResourceKey& key) const;
+  // The same for the key of a handle, without a search.
+  [[nodiscard]] static LocalUsageUpdateSm* entryUsageSm(const ResourceHandle& resPtr) noexcept {
+    return static_cast<LocalUsageUpdateSm*>(resPtr.note());
+  }
   // Finds or makes the state machine of the handle's key. Throws Brio::MutatorException for a null
   // handle, and for another one than the state machine has.
   Lumen::Ptr<LocalUsageUpdateSm> entryUsageSmIs(const Lumen::Ptr<const ResourceHandle>& resPtr);
@@ -218,6 +235,9 @@ class KELP_EM_EXPORT KelpResourceLinkage final
   void entryUsageSmDelAll();
 
  private:
+  // Null if the key is not in use.
+  [[nodiscard]] LocalUsageUpdateSm* find(const ResourceKey& key) const;
+
   // "Isem1TagKelpInLifIndexLinkage" and what is behind it.
   template <Brio::FixedString suffix>
   static constexpr auto kFixed = T::name + L::name + suffix;
@@ -228,6 +248,9 @@ class KELP_EM_EXPORT KelpResourceLinkage final
   Lumen::Ptr<ClientInstance> resTblClient_;
   Brio::HashMap2018<HN_EntryUsageSm> entryUsageSm_;
   mutable Lumen::Publisher publisher_;
+  // The one of entryUsageSm_ that was found last: who rewrites or removes users of a resource looks
+  // for it again and again.
+  mutable LocalUsageUpdateSm* foundLast_ = nullptr;
 };
 
 }  // namespace KelpEmServer

@@ -92,7 +92,7 @@ void KelpResourceLinkage<T, L>::LocalUsageUpdateSm::resPtrDispatch(Lumen::Publis
                                                                    const void*,
                                                                    const void*) noexcept {
   LocalUsageUpdateSm* const self = static_cast<ResPtrSubscriber*>(subscriber)->self;
-  if (field.attribute() != ResourceTable::Spec::kFieldId.attribute() ||
+  if (field.attribute() != ResourceTable::Kind::kFieldId.attribute() ||
       self->nodeFlag(Lumen::Node::kZombieReactors)) {
     return;
   }
@@ -138,13 +138,13 @@ void KelpResourceLinkage<T, L>::resolveEntry(const Lumen::Ptr<Wrapper>& wrapper)
   if (L::key(wrapper->entry()).isEq(none)) {
     return;
   }
-  L::handleIs(*wrapper, L::request(*resTblClient_, *wrapper));
+  L::handleIs(*wrapper, L::request(*resTblClient_, wrapper->entry(), L::handle(*wrapper).get()));
 }
 
 template <TableSpec T, class L>
 void KelpResourceLinkage<T, L>::setResourceHandle(const Lumen::Ptr<Wrapper>& wrapper) {
-  if (const auto* node = entryUsageSm_[L::key(wrapper->entry())]) {
-    L::handleIs(*wrapper, node->value()->resPtr());
+  if (const LocalUsageUpdateSm* sm = find(L::key(wrapper->entry()))) {
+    L::handleIs(*wrapper, sm->resPtr());
   }
 }
 
@@ -183,8 +183,19 @@ void KelpResourceLinkage<T, L>::handleResourceChangeAtInit() {
 template <TableSpec T, class L>
 auto KelpResourceLinkage<T, L>::entryUsageSm(const ResourceKey& key) const
     -> Lumen::Ptr<LocalUsageUpdateSm> {
-  const auto* node = entryUsageSm_[key];
-  return node == nullptr ? nullptr : node->value();
+  return Lumen::Ptr<LocalUsageUpdateSm>(find(key));
+}
+
+template <TableSpec T, class L>
+auto KelpResourceLinkage<T, L>::find(const ResourceKey& key) const -> LocalUsageUpdateSm* {
+  if (foundLast_ == nullptr || !foundLast_->resKey().isEq(key)) {
+    const auto* node = entryUsageSm_[key];
+    if (node == nullptr) {
+      return nullptr;
+    }
+    foundLast_ = node->value().get();
+  }
+  return foundLast_;
 }
 
 template <TableSpec T, class L>
@@ -204,6 +215,7 @@ auto KelpResourceLinkage<T, L>::entryUsageSmIs(const Lumen::Ptr<const ResourceHa
   }
   const auto sm = LocalUsageUpdateSm::LocalUsageUpdateSmIs(resPtr, this);
   entryUsageSm_.newMember(hashed, HN_EntryUsageSm(sm));
+  resPtr->noteIs(sm.get());
   publisher_.publishChangeRecursive(kField, &key, nullptr);
   return sm;
 }
@@ -219,6 +231,10 @@ auto KelpResourceLinkage<T, L>::entryUsageSmDel(const ResourceKey& key)
     return nullptr;
   }
   const Lumen::Ptr<LocalUsageUpdateSm> sm = std::move(node.value());
+  if (foundLast_ == sm.get()) {
+    foundLast_ = nullptr;
+  }
+  sm->resPtr()->noteIs(nullptr);
   publisher_.publishChangeRecursive(Brio::fieldId<KelpResourceLinkage>("entryUsageSm"), &key,
                                     nullptr);
   sm->hasNotificationActiveIs(false);

@@ -63,13 +63,18 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
       return kTableText<T, "KelpSwTable::EntryHandle">.c_str();
     }
 
+    static constexpr auto attributes() { return Brio::attributeList(0); }
+    static constexpr auto factory() { return &KelpSwTable::EntryHandleIs; }
+
     EntryHandle(const Asic::EntryVersion& version, const Key& key, Base* table)
         : Base::EntryHandle(version, key, table) {}
     ~EntryHandle() override = default;
 
-    [[nodiscard]] const Lumen::TypeData& typeData() const override {
-      return kTypeData<T, "KelpSwTable", 1, "KelpSwTable::EntryHandle">;
+    static constexpr const Lumen::TypeData& classData() {
+      return kTypeData<T, "KelpSwTable", 1, "KelpSwTable::EntryHandle",
+                       &Base::EntryHandle::classData()>;
     }
+    [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
   };
 
   struct TransientAddEntryKeyFunktor {
@@ -116,17 +121,72 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
     }
   };
 
+  // The reader's view of a table as it was at one moment. Made by getTableEntries_py(), to be read
+  // from outside.
+  class KELP_EM_EXPORT SwTableEntries_py final : public Lumen::Node,
+                                                 public PoolSlab::Slabbed<SwTableEntries_py> {
+   public:
+    struct TableEntriesKeyFunktor {
+      const Key& operator()(const Entry& entry) const noexcept { return entry.logEntry.key; }
+    };
+    struct HN_TableEntries
+        : Brio::Hm2018NI<T::salts.tableEntries, Key, Entry, TableEntriesKeyFunktor, 1> {
+      static constexpr const char* className() {
+        return kTableText<T, "KelpSwTable::SwTableEntries_py::HN_TableEntries">.c_str();
+      }
+      using Brio::Hm2018NI<T::salts.tableEntries, Key, Entry, TableEntriesKeyFunktor, 1>::Hm2018NI;
+    };
+
+    static constexpr const char* className() {
+      return kTableText<T, "KelpSwTable::SwTableEntries_py">.c_str();
+    }
+    static constexpr auto attributes() {
+      return Brio::attributeList(130,
+                                 Brio::collection("tableEntries", &SwTableEntries_py::tableEntries_)
+                                     .writtenBy(&SwTableEntries_py::tableEntriesIs)
+                                     .deletedBy(&SwTableEntries_py::tableEntriesDel));
+    }
+
+    SwTableEntries_py() = default;
+    ~SwTableEntries_py() override = default;
+
+    static constexpr const Lumen::TypeData& classData() {
+      return kTypeData<T, "KelpSwTable", 3, "KelpSwTable::SwTableEntries_py">;
+    }
+    [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
+
+    [[nodiscard]] const auto& tableEntries() const noexcept { return tableEntries_; }
+    // The default entry if the key is absent.
+    [[nodiscard]] Entry tableEntries(const Key& key) const;
+    // Adds, or overwrites the entry of the same key.
+    void tableEntriesIs(const Entry& entry);
+    // Gives back what was removed, or the default entry.
+    Entry tableEntriesDel(const Key& key);
+    void tableEntriesDelAll() { tableEntries_.delAll(); }
+
+   private:
+    Brio::HashMap2018<HN_TableEntries> tableEntries_;
+  };
+
   static constexpr const char* className() { return kTableText<T, "KelpSwTable">.c_str(); }
   static constexpr auto attributes() {
     return Brio::attributeGroups(
         898,
         std::tuple{
-            Brio::stored("swTableHelper", &KelpSwTable::swTableHelper_),
-            Brio::collection("transientAddEntry", &KelpSwTable::transientAddEntry_),
-            Brio::collection("transientRemoveEntry", &KelpSwTable::transientRemoveEntry_),
-            Brio::collection("transientVersionForKey", &KelpSwTable::transientVersionForKey_),
-            Brio::stored("transientRemoveAllVersion", &KelpSwTable::transientRemoveAllVersion_),
-            Brio::operation("getTableEntries_py"),
+            Brio::stored("swTableHelper", &KelpSwTable::swTableHelper_)
+                .writtenBy(&KelpSwTable::swTableHelperIs),
+            Brio::collection("transientAddEntry", &KelpSwTable::transientAddEntry_)
+                .writtenBy(&KelpSwTable::transientAddEntryIs)
+                .deletedBy(&KelpSwTable::transientAddEntryDel),
+            Brio::collection("transientRemoveEntry", &KelpSwTable::transientRemoveEntry_)
+                .writtenBy(&KelpSwTable::transientRemoveEntryIs)
+                .deletedBy(&KelpSwTable::transientRemoveEntryDel),
+            Brio::collection("transientVersionForKey", &KelpSwTable::transientVersionForKey_)
+                .writtenBy(&KelpSwTable::transientVersionForKeyIs)
+                .deletedBy(&KelpSwTable::transientVersionForKeyDel),
+            Brio::stored("transientRemoveAllVersion", &KelpSwTable::transientRemoveAllVersion_)
+                .writtenBy(&KelpSwTable::transientRemoveAllVersionIs),
+            Brio::operation("getTableEntries_py", &KelpSwTable::getTableEntries_py),
             Brio::stored("entryLog", &KelpSwTable::entryLog_),
             Brio::stored("groupResolver", &KelpSwTable::groupResolver_),
             Brio::retired(),
@@ -139,10 +199,14 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
             Brio::operation("entryFromConfig", &KelpSwTable::entryFromConfig),
             Brio::operation("restoreEntries", &KelpSwTable::restoreEntries),
             Brio::operation("clearTable", &KelpSwTable::clearTable),
-            Brio::collection("markedKey", &KelpSwTable::markedKey_),
-            Brio::stored("inMarkingState", &KelpSwTable::inMarkingState_)},
+            Brio::collection("markedKey", &KelpSwTable::markedKey_)
+                .writtenBy(&KelpSwTable::markKey)
+                .deletedBy(&KelpSwTable::markedKeyDel),
+            Brio::stored("inMarkingState", &KelpSwTable::inMarkingState_)
+                .writtenBy(&KelpSwTable::inMarkingStateIs)},
         T::Linkages::template attributes<KelpSwTable>(),
-        std::tuple{Brio::operation("handleInitialized", &KelpSwTable::handleInitialized)});
+        std::tuple{
+            Brio::operation("handleInitialized", &KelpSwTable::handleInitialized).notServed()});
   }
 
   KelpSwTable(const Lumen::Ptr<const Asic::CanonicalTableName>& canonicalName,
@@ -167,10 +231,12 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
                                                              const Key& key, Base* table) {
     return entryHandleFactory(version, key, table);
   }
+  static constexpr auto factory() { return &KelpSwTable::KelpSwTableIs; }
 
-  [[nodiscard]] const Lumen::TypeData& typeData() const override {
-    return kTypeData<T, "KelpSwTable", 0, "KelpSwTable">;
+  static constexpr const Lumen::TypeData& classData() {
+    return kTypeData<T, "KelpSwTable", 0, "KelpSwTable", &Base::classData()>;
   }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
   void doCreateHwTable() override {}
 
   // The contract of the framework and of feature code; told at the base classes.
@@ -220,6 +286,8 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
   // Rebuilds the usage of resources from what an earlier run left. Nothing on a table without
   // linkages.
   void restoreEntries();
+  // A copy of the reader's view at this moment; never null. Costs a walk of the table.
+  [[nodiscard]] Lumen::Ptr<SwTableEntries_py> getTableEntries_py() const;
   // Deletes all committed entries with one table delete; nothing if there are none. Leaves what is
   // in flight.
   void clearTable(bool releaseResources);
@@ -287,6 +355,8 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
   void inMarkingStateIs(bool marking);
 
  private:
+  // markedKeyIs() without its result, for inspection.
+  void markKey(const Key& key) { (void)markedKeyIs(key); }
   void handleInitialized();
   static void fetchAhead(const void* table, const void* operation, bool near);
   template <class Collection>

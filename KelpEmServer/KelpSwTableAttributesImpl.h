@@ -248,6 +248,40 @@ void KelpSwTable<T>::markedKeyDelAll() {
 }
 
 template <TableSpec T>
+typename T::Entry KelpSwTable<T>::SwTableEntries_py::tableEntries(const Key& key) const {
+  const auto* node = tableEntries_[key];
+  return node == nullptr ? Entry{} : node->value();
+}
+
+template <TableSpec T>
+void KelpSwTable<T>::SwTableEntries_py::tableEntriesIs(const Entry& entry) {
+  static_assert(Brio::fieldId<SwTableEntries_py>("tableEntries") == Lumen::FieldId{130});
+  const auto hashed = tableEntries_.hashed(entry.logEntry.key);
+  if (auto* node = tableEntries_.find(hashed)) {
+    node->valueIs(entry);
+  } else {
+    tableEntries_.newMember(hashed, HN_TableEntries(entry));
+  }
+}
+
+template <TableSpec T>
+typename T::Entry KelpSwTable<T>::SwTableEntries_py::tableEntriesDel(const Key& key) {
+  HN_TableEntries node{Entry{}};
+  return tableEntries_.del(tableEntries_.hashed(key), &node) ? node.value() : Entry{};
+}
+
+template <TableSpec T>
+Lumen::Ptr<typename KelpSwTable<T>::SwTableEntries_py> KelpSwTable<T>::getTableEntries_py() const {
+  auto copy = Lumen::makeNode<SwTableEntries_py>();
+  const auto state = initIterState();
+  for (Entry entry = state->maybeUpdateCurrentEntry(); state->state().valid();
+       entry = state->maybeUpdateCurrentEntry()) {
+    copy->tableEntriesIs(entry);
+  }
+  return copy;
+}
+
+template <TableSpec T>
 void KelpSwTable<T>::inMarkingStateIs(bool marking) {
   Brio::attributeIs(this->changes(), Brio::fieldId<KelpSwTable>("inMarkingState"), inMarkingState_,
                     marking);

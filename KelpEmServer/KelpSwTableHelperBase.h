@@ -25,13 +25,15 @@ class KELP_EM_EXPORT KelpSwTableHelperBase : public Lumen::Node,
         Brio::operation("finalizeOnResourceUpdate",
                         &KelpSwTableHelperBase::finalizeOnResourceUpdate));
   }
+  static constexpr auto factory() { return &Lumen::makeNode<KelpSwTableHelperBase>; }
 
   KelpSwTableHelperBase() = default;
   ~KelpSwTableHelperBase() override = default;
 
-  [[nodiscard]] const Lumen::TypeData& typeData() const override {
+  static constexpr const Lumen::TypeData& classData() {
     return kTypeData<T, "KelpSwTableHelperBase", 0, "KelpSwTableHelperBase">;
   }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   // An operation is about to go to the log. Does nothing unless overridden.
   virtual void finalizeOnSuccess(const Lumen::Ptr<KelpEntryWrapper<T>>&, bool /*isDelete*/,

@@ -21,16 +21,19 @@ class KELP_EM_EXPORT KelpSwTableIteratorState final
     return kTableText<T, "KelpSwTableIteratorState">.c_str();
   }
   static constexpr auto attributes() {
-    return Brio::attributeList(
-        386, Brio::stored("bookmarkKey", &KelpSwTableIteratorState::bookmarkKey_));
+    return Brio::attributeList(386,
+                               Brio::stored("bookmarkKey", &KelpSwTableIteratorState::bookmarkKey_)
+                                   .writtenBy(&KelpSwTableIteratorState::bookmarkKeyIs));
   }
+  static constexpr auto factory() { return &Lumen::makeNode<KelpSwTableIteratorState>; }
 
   KelpSwTableIteratorState() = default;
   ~KelpSwTableIteratorState() override = default;
 
-  [[nodiscard]] const Lumen::TypeData& typeData() const override {
+  static constexpr const Lumen::TypeData& classData() {
     return kTypeData<T, "KelpSwTable", 2, "KelpSwTableIteratorState">;
   }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   Entry maybeUpdateCurrentEntry() override;
 

@@ -13,15 +13,15 @@
 //
 //   attributes<Table>()    the attributes of the family, for the list of the table
 //   salts<L>()             the salts of one linkage's collections
-//   forEachSpec(visit)     calls visit(SpecTag<L>) for each linkage
+//   forEachKind(visit)     calls visit(KindTag<L>) for each linkage
 //   Of<T>                  what the table inherits: the linkages by name, linkageIs(linkage), and
 //                          withLinkages(run), which calls run(linkage...)
 
 namespace KelpEmServer {
 
 template <class L>
-struct SpecTag {
-  using Spec = L;
+struct KindTag {
+  using Kind = L;
 };
 
 class NoLinkages {
@@ -31,7 +31,7 @@ class NoLinkages {
     return std::tuple{};
   }
   template <class Visit>
-  static void forEachSpec(Visit&&) {}
+  static void forEachKind(Visit&&) {}
 
   template <TableSpec T>
   class Of {
@@ -48,22 +48,23 @@ class InLifIndexLinkages {
  public:
   template <class L>
   static constexpr LinkageSalts salts() {
-    static_assert(std::is_same_v<L, InLifIndexLinkageSpec>);
+    static_assert(std::is_same_v<L, InLifIndexLinkageKind>);
     return kInLif;
   }
   template <class Table>
   static constexpr auto attributes() {
-    return std::tuple{Brio::stored("inLifIndexLinkage", &Table::inLifIndexLinkage)};
+    return std::tuple{Brio::stored("inLifIndexLinkage", &Table::inLifIndexLinkage)
+                          .writtenBy(&Table::inLifIndexLinkageIs)};
   }
   template <class Visit>
-  static void forEachSpec(Visit&& visit) {
-    visit(SpecTag<InLifIndexLinkageSpec>{});
+  static void forEachKind(Visit&& visit) {
+    visit(KindTag<InLifIndexLinkageKind>{});
   }
 
   template <TableSpec T>
   class Of {
    public:
-    using InLifIndexLinkage = KelpResourceLinkage<T, InLifIndexLinkageSpec>;
+    using InLifIndexLinkage = KelpResourceLinkage<T, InLifIndexLinkageKind>;
 
     // Null until the table has been linked.
     [[nodiscard]] const Lumen::Ptr<InLifIndexLinkage>& inLifIndexLinkage() const noexcept {
@@ -90,24 +91,26 @@ class VlanEditAndRemarkLinkages {
  public:
   template <class L>
   static constexpr LinkageSalts salts() {
-    return std::is_same_v<L, VlanEditProfileLinkageSpec> ? kVlanEdit : kRemark;
+    return std::is_same_v<L, VlanEditProfileLinkageKind> ? kVlanEdit : kRemark;
   }
   template <class Table>
   static constexpr auto attributes() {
-    return std::tuple{Brio::stored("vlanEditProfileLinkage", &Table::vlanEditProfileLinkage),
-                      Brio::stored("remarkProfileLinkage", &Table::remarkProfileLinkage)};
+    return std::tuple{Brio::stored("vlanEditProfileLinkage", &Table::vlanEditProfileLinkage)
+                          .writtenBy(&Table::vlanEditProfileLinkageIs),
+                      Brio::stored("remarkProfileLinkage", &Table::remarkProfileLinkage)
+                          .writtenBy(&Table::remarkProfileLinkageIs)};
   }
   template <class Visit>
-  static void forEachSpec(Visit&& visit) {
-    visit(SpecTag<VlanEditProfileLinkageSpec>{});
-    visit(SpecTag<RemarkProfileLinkageSpec>{});
+  static void forEachKind(Visit&& visit) {
+    visit(KindTag<VlanEditProfileLinkageKind>{});
+    visit(KindTag<RemarkProfileLinkageKind>{});
   }
 
   template <TableSpec T>
   class Of {
    public:
-    using VlanEditProfileLinkage = KelpResourceLinkage<T, VlanEditProfileLinkageSpec>;
-    using RemarkProfileLinkage = KelpResourceLinkage<T, RemarkProfileLinkageSpec>;
+    using VlanEditProfileLinkage = KelpResourceLinkage<T, VlanEditProfileLinkageKind>;
+    using RemarkProfileLinkage = KelpResourceLinkage<T, RemarkProfileLinkageKind>;
 
     // Null until the table has been linked.
     [[nodiscard]] const Lumen::Ptr<VlanEditProfileLinkage>& vlanEditProfileLinkage()

@@ -33,9 +33,11 @@ struct TypeModule {
   static constexpr auto name = Brio::FixedString("_") + unitName + "_" + hashText() + "_brioModule";
 };
 
-// The type data of the class with the given index in the module of a unit.
-template <TableSpec T, Brio::FixedString unit, unsigned classIndex, Brio::FixedString className>
+// The type data of the class with the given index in the module of a unit, and of the class that it
+// is derived from.
+template <TableSpec T, Brio::FixedString unit, unsigned classIndex, Brio::FixedString className,
+          const Lumen::TypeData* base = nullptr>
 inline constexpr Lumen::TypeData kTypeData{TypeModule<T, unit>::name.view(), classIndex,
-                                           kTableText<T, className>.view()};
+                                           kTableText<T, className>.view(), base};
 
 }  // namespace KelpEmServer

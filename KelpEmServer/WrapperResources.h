@@ -73,7 +73,8 @@ class InLif01Resources : public InLifResources<&LogEntry::inLif0Index, &LogEntry
   template <class Wrapper>
   static constexpr auto attributes() {
     return std::tuple{Brio::view("inLifIdxKey", &Wrapper::template inLifIdxKey<>),
-                      Brio::stored("inLifIdxKeyResPtr", &Wrapper::inLifIdxKeyResPtr),
+                      Brio::stored("inLifIdxKeyResPtr", &Wrapper::inLifIdxKeyResPtr)
+                          .writtenBy(&Wrapper::inLifIdxKeyResPtrIs),
                       Brio::operation("inLif0Index", &Wrapper::inLif0Index),
                       Brio::operation("inLif1Index", &Wrapper::inLif1Index)};
   }
@@ -89,7 +90,8 @@ class InLif023Resources : public InLifResources<&LogEntry::inLif0Index, &LogEntr
   template <class Wrapper>
   static constexpr auto attributes() {
     return std::tuple{Brio::view("inLifIdxKey", &Wrapper::template inLifIdxKey<>),
-                      Brio::stored("inLifIdxKeyResPtr", &Wrapper::inLifIdxKeyResPtr),
+                      Brio::stored("inLifIdxKeyResPtr", &Wrapper::inLifIdxKeyResPtr)
+                          .writtenBy(&Wrapper::inLifIdxKeyResPtrIs),
                       Brio::operation("inLif0Index", &Wrapper::inLif0Index),
                       Brio::operation("inLif23Index", &Wrapper::inLif23Index)};
   }
@@ -107,11 +109,13 @@ class VlanEditAndRemarkResources {
   template <class Wrapper>
   static constexpr auto attributes() {
     return std::tuple{Brio::view("vlanEditProfileKey", &Wrapper::template vlanEditProfileKey<>),
-                      Brio::stored("vlanEditProfileKeyResPtr", &Wrapper::vlanEditProfileKeyResPtr),
+                      Brio::stored("vlanEditProfileKeyResPtr", &Wrapper::vlanEditProfileKeyResPtr)
+                          .writtenBy(&Wrapper::vlanEditProfileKeyResPtrIs),
                       Brio::operation("vlanEditProfile", &Wrapper::vlanEditProfile),
                       Brio::view("remarkProfileType", &Wrapper::template remarkProfileType<>),
                       Brio::view("remarkProfileKey", &Wrapper::template remarkProfileKey<>),
-                      Brio::stored("remarkProfileKeyResPtr", &Wrapper::remarkProfileKeyResPtr),
+                      Brio::stored("remarkProfileKeyResPtr", &Wrapper::remarkProfileKeyResPtr)
+                          .writtenBy(&Wrapper::remarkProfileKeyResPtrIs),
                       Brio::operation("remarkProfile", &Wrapper::remarkProfile)};
   }
 

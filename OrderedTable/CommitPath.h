@@ -42,34 +42,31 @@ bool OrderedSwTableAccessor<T>::isResolverEntryResolved(const Lumen::Ptr<Resolve
   return true;
 }
 
+// One linkage after the other, and not in a lambda: a trace tells the function that it comes from.
 template <class T>
-template <class Wrapper, class... Args>
-bool OrderedSwTableAccessor<T>::resAccessorCheckResolved(const Wrapper& wrapper, Args... linkages) {
-  [[maybe_unused]] const auto settled = [&](auto linkage) {
-    if (linkage->entryResolutionState(wrapper) != EntryState::entryStateUnresolved) {
-      return true;
-    }
+template <class Wrapper, class First, class... Rest>
+bool OrderedSwTableAccessor<T>::resAccessorCheckResolved(const Wrapper& wrapper, First linkage,
+                                                         Rest... rest) {
+  if (linkage->entryResolutionState(wrapper) == EntryState::entryStateUnresolved) {
     LUMEN_TRACE(_defaultTraceHandle(), 3, "",
                 "SwTable key: {}, resourceKey: {} is still unresolved!", wrapper->key(),
                 linkage->resourceKey(wrapper));
     return false;
-  };
-  return (... && settled(linkages));
+  }
+  return resAccessorCheckResolved(wrapper, rest...);
 }
 
 template <class T>
-template <class Wrapper, class... Args>
-bool OrderedSwTableAccessor<T>::checkResolveSuccess(const Wrapper& wrapper, Args... linkages) {
-  [[maybe_unused]] const auto succeeded = [&](auto linkage) {
-    if (linkage->entryResolutionState(wrapper) == EntryState::entryStateSuccess) {
-      return true;
-    }
+template <class Wrapper, class First, class... Rest>
+bool OrderedSwTableAccessor<T>::checkResolveSuccess(const Wrapper& wrapper, First linkage,
+                                                    Rest... rest) {
+  if (linkage->entryResolutionState(wrapper) != EntryState::entryStateSuccess) {
     LUMEN_TRACE(_defaultTraceHandle(), 3, "",
                 "SwTable key: {}, resourceKey: {} has failed resolution!", wrapper->key(),
                 linkage->resourceKey(wrapper));
     return false;
-  };
-  return (... && succeeded(linkages));
+  }
+  return checkResolveSuccess(wrapper, rest...);
 }
 
 template <class T>
@@ -86,7 +83,12 @@ Lumen::Ptr<NeededEntry> OrderedSwTableAccessor<T>::getNeededEntrySet(const Wrapp
   LUMEN_TRACE(_defaultTraceHandle(), 8, "", "key: {}", wrapper->key());
   const Lumen::Ptr<NeededEntry> needed = linkage->getNeededEntrySet(wrapper);
   if (needed) {
-    needed->merge(getNeededEntrySet(wrapper, rest...));
+    if constexpr (sizeof...(rest) != 0) {
+      needed->merge(getNeededEntrySet(wrapper, rest...));
+    } else {
+      // The set of no linkage is empty: only its trace is left of it.
+      LUMEN_TRACE(_defaultTraceHandle(), 8, "", "key: {}", wrapper->key());
+    }
   }
   return needed;
 }

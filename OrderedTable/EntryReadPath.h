@@ -26,21 +26,33 @@ Entry OrderedSwTableAccessor<T>::entryReadGeneric(const Key& key) const {
 template <class T>
 template <class Entry, class Key>
 Entry OrderedSwTableAccessor<T>::entryFromConfig(const Key& key) const {
+  return entryFromConfig(t_->entryLog()->configRecord(key, t_->unitId()), key);
+}
+
+template <class T>
+template <class Record, class Key>
+const auto& OrderedSwTableAccessor<T>::entryFromConfig(const Record& record, const Key& key) const {
   LUMEN_TRACE(_defaultTraceHandle(), 8, "", "key: {}", key);
-  const auto& record = t_->entryLog()->configRecord(key, t_->unitId());
   // A record that equals the default one counts as absent, and its entry is the default entry then.
-  if (record.isDeleted != 0) {
-    return Entry();
-  }
-  return record.entry;
+  static const typename Record::Entry none;
+  return record.isDeleted != 0 ? none : record.entry;
 }
 
 template <class T>
 template <class EntryWrapper, class Key>
 Lumen::Ptr<EntryWrapper> OrderedSwTableAccessor<T>::entryWrapperFromConfig(
     const Key& key, bool refreshRsrcPtrs, Lumen::Ptr<EntryHandle>& entryHandle) {
+  return entryWrapperFromConfig<EntryWrapper>(t_->entryLog()->configRecord(key, t_->unitId()), key,
+                                              refreshRsrcPtrs, entryHandle);
+}
+
+template <class T>
+template <class EntryWrapper, class Record, class Key>
+Lumen::Ptr<EntryWrapper> OrderedSwTableAccessor<T>::entryWrapperFromConfig(
+    const Record& record, const Key& key, bool refreshRsrcPtrs,
+    Lumen::Ptr<EntryHandle>& entryHandle) {
   LUMEN_TRACE(_defaultTraceHandle(), 8, "", "key: {}, refreshRsrcPtrs: {}", key, refreshRsrcPtrs);
-  const auto entry = t_->entryFromConfig(key);
+  const auto& entry = OrderedSwTableAccessor<const T>(t_).entryFromConfig(record, key);
   if (!entryHandle) {
     entryHandle = Table::entryHandleFactory(EntryVersion(), key, t_);
   }

@@ -14,15 +14,21 @@ namespace Asic {
 template <class T>
 template <class Key>
 EntryVersion OrderedSwTableAccessor<T>::nextVersion(const Key& key) {
-  return t_->transientVersionForKeyUpdate(key, [&](const EntryVersion* currEntryVersion) {
-    if (currEntryVersion == nullptr) {
-      LUMEN_TRACE(_defaultTraceHandle(), 8, "", " Key: {} not found in entry version collection",
-                  key);
-      return EntryVersion();
-    }
-    Lumen::assertThat(currEntryVersion->valid(), "currEntryVersion.valid()");
-    return currEntryVersion->next();
-  });
+  bool found = true;
+  const EntryVersion version =
+      t_->transientVersionForKeyUpdate(key, [&](const EntryVersion* currEntryVersion) {
+        if (currEntryVersion == nullptr) {
+          found = false;
+          return EntryVersion();
+        }
+        Lumen::assertThat(currEntryVersion->valid(), "currEntryVersion.valid()");
+        return currEntryVersion->next();
+      });
+  if (!found) {
+    LUMEN_TRACE(_defaultTraceHandle(), 8, "", " Key: {} not found in entry version collection",
+                key);
+  }
+  return version;
 }
 
 template <class T>

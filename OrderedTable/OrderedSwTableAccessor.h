@@ -53,11 +53,19 @@ class OrderedSwTableAccessor {
   template <class ResolverEntryT, class EntryWrapper, class... Args>
   void commitEntry(const Lumen::Ptr<ResolverEntry>& entry, Args... linkages);
   // Whether every resource of the entry is settled, well or badly.
-  template <class Wrapper, class... Args>
-  bool resAccessorCheckResolved(const Wrapper& wrapper, Args... linkages);
+  template <class Wrapper>
+  bool resAccessorCheckResolved(const Wrapper&) {
+    return true;
+  }
+  template <class Wrapper, class First, class... Rest>
+  bool resAccessorCheckResolved(const Wrapper& wrapper, First linkage, Rest... rest);
   // Whether every resource of the entry is there.
-  template <class Wrapper, class... Args>
-  bool checkResolveSuccess(const Wrapper& wrapper, Args... linkages);
+  template <class Wrapper>
+  bool checkResolveSuccess(const Wrapper&) {
+    return true;
+  }
+  template <class Wrapper, class First, class... Rest>
+  bool checkResolveSuccess(const Wrapper& wrapper, First linkage, Rest... rest);
   // What the resources of the entry depend on, in one set: that of the first linkage, with those of
   // the others merged in. Null if the first gives none.
   template <class Wrapper>
@@ -74,9 +82,16 @@ class OrderedSwTableAccessor {
   Entry entryReadGeneric(const Key& key) const;
   template <class Entry, class Key>
   Entry entryFromConfig(const Key& key) const;
+  // The same of a record that has been found: in it, or the default entry.
+  template <class Record, class Key>
+  const auto& entryFromConfig(const Record& record, const Key& key) const;
   // A wrapper around the committed entry. A null `entryHandle` is filled in.
   template <class EntryWrapper, class Key>
   Lumen::Ptr<EntryWrapper> entryWrapperFromConfig(const Key& key, bool refreshRsrcPtrs,
+                                                  Lumen::Ptr<EntryHandle>& entryHandle);
+  template <class EntryWrapper, class Record, class Key>
+  Lumen::Ptr<EntryWrapper> entryWrapperFromConfig(const Record& record, const Key& key,
+                                                  bool refreshRsrcPtrs,
                                                   Lumen::Ptr<EntryHandle>& entryHandle);
 
   // Rewrites the log record of a key if what its resources say has changed. Null if the log does

@@ -103,9 +103,16 @@ class SwTableResourceAccessor {
       LUMEN_TRACE(_defaultTraceHandle(), 3, "", "Null resKey: {}", resKey);
       return;
     }
+    const auto handle = linkage_->resourceHandle(entryWrapper);
+    if (handle && handle->key().isEq(resKey)) {
+      if (auto* const used = ResourceLinkage::entryUsageSm(*handle)) {
+        used->entryUsageIs(swKey);
+        return;
+      }
+    }
     auto sm = linkage_->entryUsageSm(resKey);
     if (!sm) {
-      sm = linkage_->entryUsageSmIs(linkage_->resourceHandle(entryWrapper));
+      sm = linkage_->entryUsageSmIs(handle);
       if (ackUpdate) {
         linkage_->resTblClient()->ackUpdate(sm->resPtr(), sm->resPtr()->updateVersion(),
                                             entryWrapper->entryHandle());

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <type_traits>
+
 #include "Lumen/Assert.h"
 #include "Lumen/Exception.h"
 #include "Lumen/Trace.h"
@@ -12,19 +14,20 @@ template <class Key, class EntryWrapper, class... Args>
 Lumen::Ptr<const OrderedSwTable::EntryHandle> OrderedSwTableAccessor<T>::updateEntry(
     const Key& key, Args... linkages) {
   const auto& entryLog = t_->entryLog();
-  if (!entryLog->entryHas(key, t_->unitId())) {
+  const typename std::remove_reference_t<decltype(*entryLog)>::ConfigRecord* record = nullptr;
+  if (!entryLog->entryHas(key, t_->unitId(), record)) {
     LUMEN_TRACE(_defaultTraceHandle(), 3, "", " key: {} entry does not exist ", key);
     return nullptr;
   }
   Lumen::Ptr<EntryHandle> handle;
-  const Lumen::Ptr<EntryWrapper> wrapper = entryWrapperFromConfig<EntryWrapper>(key, false, handle);
+  const Lumen::Ptr<EntryWrapper> wrapper =
+      entryWrapperFromConfig<EntryWrapper>(*record, key, false, handle);
   const auto logged = wrapper->logEntry();
   wrapper->setResolvedFields();
   const bool resolved = checkResolveSuccess(wrapper, linkages...);
   const Lumen::Ptr<Table> table(t_);
   const bool commitToLog = t_->swTableHelper()->finalizeOnResourceUpdate(wrapper, table, !resolved);
-  // Without linkages nothing fails.
-  if (sizeof...(Args) != 0 && !resolved) {
+  if (!resolved) {
     LUMEN_TRACE(_defaultTraceHandle(), 3, "", " key: {}, some resource had failed", key);
     t_->stats()->updateWithFailedResourceCntInc(1);
   }
@@ -61,7 +64,7 @@ void OrderedSwTableAccessor<T>::restoreEntries(Linkage... linkages) {
     }
     Lumen::Ptr<EntryHandle> handle;
     const Lumen::Ptr<EntryWrapper> wrapper =
-        entryWrapperFromConfig<EntryWrapper>(record.quiltKey(), true, handle);
+        entryWrapperFromConfig<EntryWrapper>(record, record.quiltKey(), true, handle);
     (linkages->restoreEntry(wrapper), ...);
   });
   (linkages->handleResourceChangeAtInit(), ...);
@@ -86,8 +89,8 @@ void OrderedSwTableAccessor<T>::delAllEntries(bool releaseResources,
           return;
         }
         const Lumen::Ptr<EntryWrapper> wrapper =
-            entryWrapperFromConfig<EntryWrapper>(record.quiltKey(), false, entryHandle);
-        const auto oldEntry = wrapper->entry();
+            entryWrapperFromConfig<EntryWrapper>(record, record.quiltKey(), false, entryHandle);
+        const auto& oldEntry = wrapper->entry();
         (linkages->updateLocalUsage(wrapper, oldEntry, true), ...);
       });
     }

@@ -17,6 +17,8 @@ constexpr std::chrono::milliseconds kTick{100};
 constexpr std::chrono::seconds kAskAgainEvery{1};
 constexpr std::chrono::milliseconds kToldEvery{250};  // in a file; a screen is told at every tick
 constexpr std::size_t kPendingShown = 10;
+constexpr unsigned kWritesAgainAtATurn = 256;
+constexpr unsigned kRetriesLookedAt = 256;  // a second, though nothing has told of them
 
 std::unique_ptr<BriskTrace::TraceHandle> openBrisk(const std::string& path) {
   if (path.empty()) {
@@ -46,6 +48,7 @@ Agent::Agent(const Options& options)
   // From here on the store is known to be ours.
   kept_.emplace(store_.folder() + "/intents.sqlite", options.forget, !options.intents.empty());
   intake_->keptIs(&*kept_);
+  intake_->retries().wakeUpIs([this] { asio::post(loop_, [this] { writeAgain(); }); });
   intake_->completeReplayIs([this](const std::shared_ptr<Source>& source, std::uint64_t line) {
     orderCompleteReplay(source, line);
   });
@@ -57,6 +60,7 @@ Agent::Agent(const Options& options)
     socket_.emplace(loop_, options.socket, *intake_, *kept_);
   }
   outcomes_.open([this] { files_->resume(); });
+  store_.resources().forEach([&](auto& table) { table.deadlineIs(options.resourceDeadline); });
   store_.group().groupResolver()->wakeUpIs([this] { asio::post(loop_, [this] { runPass(); }); });
   bell_.assign(store_.ownBell().fd());
 }
@@ -93,6 +97,10 @@ int Agent::run() {
     say("stopped: {} intents have no outcome yet; those that are in a log stay there",
         intake_->inFlight());
   }
+  if (intake_->retries().size() != 0) {
+    say("{} writes that failed still wait for their resources and are given up: ask for them again",
+        intake_->retries().size());
+  }
   if (!options_.summary.empty()) {
     tellSummary();
   }
@@ -122,7 +130,7 @@ int Agent::exitStatus() const {
   if (gaveUp_) {
     return kGaveUpWaiting;
   }
-  if (intake_->totals().failed != 0) {
+  if (intake_->totals().failed != 0 || intake_->events().totals().failed != 0) {
     return kIntentsFailed;
   }
   return files_->skipped() == 0 ? kDone : kLinesSkipped;
@@ -190,11 +198,15 @@ void Agent::handleTick() {
 
 // What waits for room in a file system waits for something that nobody tells of.
 void Agent::askAgain(Clock::time_point now) {
-  Asic::GroupResolver& resolver = *store_.group().groupResolver();
-  if (resolver.size() == 0 || now - lastAsked_ < kAskAgainEvery) {
+  if (now - lastAsked_ < kAskAgainEvery) {
     return;
   }
   lastAsked_ = now;
+  intake_->retries().lookAround(kRetriesLookedAt);
+  Asic::GroupResolver& resolver = *store_.group().groupResolver();
+  if (resolver.size() == 0) {
+    return;
+  }
   intake_->tellLackOfRoom();
   resolver.updateGenId();
   resolver.maybeUpdateSuspend();
@@ -224,7 +236,13 @@ void Agent::afterNews() {
     if (socket_) {
       socket_->resume();
     }
+    intake_->retries().maybeWake();
   }
+  endIfDone();
+}
+
+void Agent::writeAgain() {
+  intake_->writeAgain(kWritesAgainAtATurn);
   endIfDone();
 }
 
@@ -330,9 +348,11 @@ bool Agent::completeReplay() {
 }
 
 // Not by hasPendingHwWrites(): a table whose operation failed on its dependency answers that with
-// true until the key is used again, and nothing of it is on its way to the hardware.
+// true until the key is used again, and nothing of it is on its way to the hardware. What waits for
+// a resource is not waited for, unless it has just got it.
 void Agent::endIfDone() {
-  if (options_.exitWhenDone && filesEnded_ && intake_->inFlight() == 0 && intake_->logsTakenIn()) {
+  if (options_.exitWhenDone && filesEnded_ && intake_->inFlight() == 0 &&
+      !intake_->retries().hasWork() && intake_->logsTakenIn()) {
     loop_.stop();
   }
 }

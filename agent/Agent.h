@@ -49,6 +49,7 @@ class Agent {
   void runPass();
   void lookAtStatus();
   void afterNews();
+  void writeAgain();
   void foldKept(Replay& replay);
   void replayed();
   void filesEnded();

@@ -140,6 +140,7 @@ void FileReader::stepReplay() {
 
 void FileReader::step() {
   if (phase_ == Phase::folding && (order_ || ended() || !files_[current_].regular)) {
+    intake_.events().applyFolded();
     events_.folded(*replay_);
     phase_ = Phase::replaying;
   }
@@ -149,7 +150,7 @@ void FileReader::step() {
   }
   for (unsigned lines = 0; !ended(); ++lines) {
     // What is not read waits in the file, or holds up whoever writes into the pipe.
-    if (phase_ == Phase::streaming && (!intake_.hasRoom() || outcomes_.full())) {
+    if ((phase_ == Phase::streaming && !intake_.hasRoom()) || outcomes_.full()) {
       paused_ = true;
       return;
     }
@@ -223,6 +224,8 @@ void FileReader::takeLine(File& file, const LineBuffer::Line& line, bool unfinis
         intake_.takeLine(line.text, file.source, line.number);
       } else if (isReplayComplete(line.text)) {
         order_ = Order{file.source, line.number};
+      } else if (Common::isResourceEvent(line.text)) {
+        intake_.events().fold(Common::parseResourceEvent(line.text), *file.source, line.number);
       } else {
         replay_->add(Common::parseIntent(line.text), line.text, file.source, line.number);
       }

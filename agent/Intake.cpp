@@ -6,23 +6,27 @@
 #include <iterator>
 #include <utility>
 
-#include "Brio/Hash.h"
 #include "agent/Order.h"
 
 namespace Agent {
+namespace {
+
+std::string reasonOf(const Retries::Missing& missing) {
+  std::string reason;
+  for (const Common::MissingResource& one : missing) {
+    if (one.failed()) {
+      reason += (reason.empty() ? "" : "; ") + one.text();
+    }
+  }
+  return reason;
+}
+
+}  // namespace
 
 using Common::AnyKey;
 using Common::InputError;
 using Common::Intent;
 using Common::IntentOp;
-
-std::size_t Intake::HashKey::operator()(const AnyKey& key) const noexcept {
-  return std::visit(
-      [](const auto& of) -> std::size_t {
-        return Brio::hashSingleAttr(Brio::HashHelper::hashSeed32(), of.key);
-      },
-      key);
-}
 
 Intake::Intake(const Store& store, std::vector<std::unique_ptr<Common::AnyTable>> tables,
                unsigned units, std::size_t limit)
@@ -30,7 +34,9 @@ Intake::Intake(const Store& store, std::vector<std::unique_ptr<Common::AnyTable>
       tables_(std::move(tables)),
       units_(units),
       limit_(limit),
-      places_(tables_.size()) {}
+      places_(tables_.size()),
+      retries_(tables_),
+      events_(store) {}
 
 Intake::~Intake() = default;
 
@@ -45,6 +51,10 @@ std::size_t Intake::placeOf(std::size_t table, Asic::UnitId unit, std::string_vi
 
 std::uint64_t Intake::failed(const Common::AnyTable& table) const {
   return places_[placeOf(table.table(), table.unit())].failed;
+}
+
+std::uint64_t Intake::failedWrites(const Common::AnyTable& table) const {
+  return places_[placeOf(table.table(), table.unit())].failedWrites;
 }
 
 Intake::Handle Intake::dependencyOf(const Intent& intent) const {
@@ -88,6 +98,8 @@ void Intake::takeLine(std::string_view text, const std::shared_ptr<Source>& sour
                       std::uint64_t line) {
   if (isReplayComplete(text)) {
     completeReplay_(source, line);
+  } else if (Common::isResourceEvent(text)) {
+    events_.take(Common::parseResourceEvent(text), *source, line);
   } else {
     take(Common::parseIntent(text), source, line);
   }
@@ -104,6 +116,7 @@ void Intake::take(const Intent& intent, const std::shared_ptr<Source>& source, s
     operate(slot, intent, dependency);
     return;
   }
+  retries_.dropAll(at);
   Place& place = places_[at];
   if (place.removeAlls.empty()) {
     withRemoveAlls_.push_back(at);
@@ -126,6 +139,7 @@ void Intake::replay(const Intent& intent, const std::shared_ptr<Source>& source,
   totals_.accepted += replaces.size();
   slot.replaces = std::move(replaces);
   if (intent.op == IntentOp::removeAll) {
+    retries_.dropAll(slot.place);
     removeRest(slot, dependency, stays);
   } else {
     operate(slot, intent, dependency);
@@ -134,21 +148,37 @@ void Intake::replay(const Intent& intent, const std::shared_ptr<Source>& source,
 
 Intake::Slot& Intake::accept(const Intent& intent, std::size_t at,
                              const std::shared_ptr<Source>& source, std::uint64_t line) {
+  ++totals_.accepted;
+  return occupy(intent.op, at, source, line);
+}
+
+Intake::Slot& Intake::occupy(IntentOp op, std::size_t at, const std::shared_ptr<Source>& source,
+                             std::uint64_t line) {
   Slot& slot = freeSlot();
   slot.source = source;
   slot.line = line;
   slot.number = nextNumber_++;
-  slot.op = intent.op;
+  slot.op = op;
   slot.place = at;
+  slot.again = false;
   source->inFlightInc();
-  ++totals_.accepted;
   return slot;
 }
 
 // A write, or a remove of one key.
 void Intake::operate(Slot& slot, const Intent& intent, const Handle& dependency) {
-  Common::AnyTable& table = *tables_[slot.place];
+  const Common::AnyTable& table = *tables_[slot.place];
   slot.key = Common::keyOf(intent.entry);
+  retries_.drop(slot.place, slot.key);
+  if (intent.op == IntentOp::write && table.namesResources(intent.entry)) {
+    slot.write = std::make_unique<Intent>(intent);
+    slot.dependency = dependency;
+  }
+  writeOrRemove(slot, intent, dependency);
+}
+
+void Intake::writeOrRemove(Slot& slot, const Intent& intent, const Handle& dependency) {
+  Common::AnyTable& table = *tables_[slot.place];
   slot.known = &places_[slot.place].known[slot.key];
   // Two words, so that a ResponseHandler holds them without an allocation. A slot is free again
   // only after its handler has run.
@@ -166,7 +196,7 @@ void Intake::removeRest(Slot& slot, const Handle& dependency,
   std::vector<AnyKey> rest = store_.keysOf(table);
   std::erase_if(rest, stays);
   if (rest.empty()) {
-    end(slot, true, 0);
+    end(slot, {true, 0, {}, false});
     return;
   }
   Rest& removes = rests_.emplace_back(Rest{&slot, rest.size(), false});
@@ -180,7 +210,7 @@ void Intake::removeRest(Slot& slot, const Handle& dependency,
 void Intake::restEnded(Rest& rest, bool success) {
   rest.failed = rest.failed || !success;
   if (--rest.left == 0) {
-    end(*rest.slot, !rest.failed, 0);
+    end(*rest.slot, {!rest.failed, 0, {}, false});
     rests_.remove_if([&](const Rest& one) { return &one == &rest; });
   }
 }
@@ -192,13 +222,31 @@ void Intake::ended(Slot& slot, const Handle& handle) {
   if (success && slot.known->newest == handle) {
     slot.known->newest = nullptr;
   }
+  Retries::Missing missing;
   if (!success) {
     rooms_.look(*tables_[slot.place], &slot.key);
+    missing = whyFailed(slot);
   }
+  // Something newer may have come for the key while it was in flight.
+  const bool isNewest =
+      slot.known->number == slot.number && slot.number > places_[slot.place].lastRemoveAll;
   if (--slot.known->inFlight == 0) {
     keyIsIdle(slot.place, slot.key, *slot.known);
   }
-  end(slot, success, handle->logVersion().value);
+  if (missing.empty()) {
+    end(slot, {success, handle->logVersion().value, {}, slot.again});
+    return;
+  }
+  if (isNewest) {
+    remember(slot, missing);
+  }
+  if (slot.again) {
+    // Its source knows.
+    ++places_[slot.place].failedWrites;
+    free(slot);
+  } else {
+    end(slot, {false, 0, reasonOf(missing), false});
+  }
 }
 
 // Forgets the key, if the table answers for it; else remembers it for a while.
@@ -240,7 +288,7 @@ void Intake::removeAllFailed(Slot& slot) {
   if (place.removeAlls.empty()) {
     std::erase(withRemoveAlls_, slot.place);
   }
-  end(slot, false, 0);
+  end(slot, {});
 }
 
 void Intake::removeAllsSettle() {
@@ -263,7 +311,7 @@ void Intake::removeAllsSettle() {
            place.removeAlls.front().version <= table.lastCleanedVersion()) {
       Slot& slot = *place.removeAlls.front().slot;
       place.removeAlls.pop_front();
-      end(slot, true, 0);
+      end(slot, {true, 0, {}, false});
     }
     if (place.removeAlls.empty()) {
       std::erase(withRemoveAlls_, at);
@@ -273,33 +321,89 @@ void Intake::removeAllsSettle() {
   }
 }
 
-void Intake::end(Slot& slot, bool success, std::uint64_t version) {
+// What a write that failed could not have; nothing if it failed for another reason.
+Retries::Missing Intake::whyFailed(const Slot& slot) const {
+  const Common::AnyTable& table = *tables_[slot.place];
+  const bool otherwise = !slot.write ||
+                         (slot.dependency && Asic::isFailed(slot.dependency->entryState())) ||
+                         !table.lackOfRoom(&slot.key).empty();
+  if (otherwise) {
+    return {};
+  }
+  Retries::Missing missing = table.missingResources(slot.write->entry);
+  const bool failed = std::any_of(missing.begin(), missing.end(),
+                                  [](const auto& resource) { return resource.failed(); });
+  return failed ? missing : Retries::Missing();
+}
+
+void Intake::remember(Slot& slot, const Retries::Missing& missing) {
+  HeldWrite held;
+  held.place = slot.place;
+  held.key = slot.key;
+  held.intent = std::move(slot.write);
+  held.source = LaterSource(slot.source);
+  held.line = slot.line;
+  held.replaces = slot.replaces;
+  if (slot.dependency && slot.dependency->entryState() != Asic::EntryState::entryStateSuccess) {
+    held.dependency = slot.dependency;
+  }
+  retries_.add(std::move(held), missing);
+}
+
+void Intake::writeAgain(unsigned most) {
+  retries_.step(
+      most, [this] { return hasRoom(); }, [this](HeldWrite& held) { writeAgain(held); });
+}
+
+void Intake::writeAgain(HeldWrite& held) {
+  Slot& slot = occupy(IntentOp::write, held.place, held.source.get(), held.line);
+  slot.again = true;
+  slot.key = held.key;
+  slot.replaces = std::move(held.replaces);
+  slot.write = std::move(held.intent);
+  slot.dependency = std::move(held.dependency);
+  if (kept_ != nullptr && slot.source->isKept()) {
+    Common::appendIntent(slot.text, *slot.write);
+  }
+  writeOrRemove(slot, *slot.write, slot.dependency);
+}
+
+void Intake::end(Slot& slot, const End& how) {
   const Common::AnyTable& table = *tables_[slot.place];
   const std::uint64_t lines = 1 + slot.replaces.size();
-  if (success) {
-    totals_.succeeded += lines;
+  if (how.success) {
+    (how.again ? totals_.cameThroughAgain : totals_.succeeded) += lines;
   } else {
-    totals_.failed += lines;
-    places_[slot.place].failed += lines;
+    if (!how.again) {
+      totals_.failed += lines;
+      places_[slot.place].failed += lines;
+    }
+    places_[slot.place].failedWrites += slot.op == IntentOp::write ? 1 : 0;
   }
-  if (success && !slot.text.empty()) {
+  if (how.success && !slot.text.empty()) {
     kept_->add(slot.number, slot.op, table, slot.key, std::move(slot.text));
   }
   for (const Replaced& line : slot.replaces) {
-    tell(*line.source, line.line, line.op, line.key, table, success, version);
+    tell(*line.source, line.line, line.op, line.key, table, how);
   }
-  tell(*slot.source, slot.line, slot.op, slot.key, table, success, version);
+  tell(*slot.source, slot.line, slot.op, slot.key, table, how);
+  free(slot);
+}
+
+void Intake::free(Slot& slot) {
   slot.source->inFlightDec();
   slot.source = nullptr;
   slot.handle = nullptr;
   slot.known = nullptr;
   slot.text.clear();
+  slot.write = nullptr;
+  slot.dependency = nullptr;
   slot.replaces.clear();
   free_.push_back(&slot);
 }
 
 void Intake::tell(Source& source, std::uint64_t line, IntentOp op, const AnyKey& key,
-                  const Common::AnyTable& table, bool success, std::uint64_t version) {
+                  const Common::AnyTable& table, const End& how) {
   text_.clear();
   fmt::format_to(std::back_inserter(text_), R"({{"source":{},"line":{},"op":"{}","table":"{}")",
                  source.quotedName(), line, name(op), table.name());
@@ -308,9 +412,16 @@ void Intake::tell(Source& source, std::uint64_t line, IntentOp op, const AnyKey&
     text_ += ",\"key\":";
     Common::appendKey(text_, key);
   }
-  text_ += success ? R"(,"outcome":"success")" : R"(,"outcome":"failed")";
+  text_ += how.success ? R"(,"outcome":"success")" : R"(,"outcome":"failed")";
   if (op != IntentOp::removeAll) {
-    fmt::format_to(std::back_inserter(text_), R"(,"version":{})", version);
+    fmt::format_to(std::back_inserter(text_), R"(,"version":{})", how.version);
+  }
+  if (!how.reason.empty()) {
+    text_ += ",\"reason\":";
+    Common::appendString(text_, how.reason);
+  }
+  if (how.again) {
+    text_ += ",\"again\":true";
   }
   text_ += "}\n";
   source.outcomeIs(text_);
@@ -364,6 +475,10 @@ std::vector<Intake::Pending> Intake::pending(std::size_t most) const {
     text.reason = inLog ? fmt::format("in the log at version {}, the hardware side has reported {}",
                                       slot.handle->logVersion(), table.lastCleanedVersion())
                         : std::string("not in the log yet");
+    if (!inLog && slot.write) {
+      const Retries::Missing missing = table.missingResources(slot.write->entry);
+      text.reason = missing.empty() ? text.reason : missing.front().text();
+    }
     if (slot.op == IntentOp::removeAll) {
       text.reason = fmt::format("log at version {}, the hardware side has reported {}",
                                 table.tableVersion(), table.lastCleanedVersion());

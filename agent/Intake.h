@@ -12,7 +12,11 @@
 #include <utility>
 #include <vector>
 
+#include "agent/HashKey.h"
+#include "agent/HeldWrite.h"
 #include "agent/KeptIntents.h"
+#include "agent/ResourceEvents.h"
+#include "agent/Retries.h"
 #include "agent/RoomTeller.h"
 #include "agent/Source.h"
 #include "agent/Store.h"
@@ -31,6 +35,9 @@ namespace Agent {
 // some 150 bytes each. An older one is not known any more, as if nobody had written it, and neither
 // is what a remove-all has taken away.
 //
+// A write that fails for want of a resource is written again when there is the resource, unless
+// something newer is there for its key by then; its source is told of that as of a second outcome.
+//
 // A remove-all has no handle. It has reached the hardware side once it is committed and the log has
 // been taken in up to the version that it had then.
 class Intake {
@@ -41,22 +48,12 @@ class Intake {
     std::uint64_t accepted = 0;
     std::uint64_t succeeded = 0;
     std::uint64_t failed = 0;
+    std::uint64_t cameThroughAgain = 0;  // of those that failed
   };
   // What an intent that has no outcome is waiting for; for people.
   struct Pending {
     std::string intent;  // `FILE:12: write Isem1Tag, unit 0, key {...}`
     std::string reason;
-  };
-
-  // What a line with this key says goes for all lines before it: those end with it, as it does.
-  struct Replaced {
-    std::shared_ptr<Source> source;
-    std::uint64_t line;
-    Common::IntentOp op;
-    Common::AnyKey key;
-  };
-  struct HashKey {
-    std::size_t operator()(const Common::AnyKey& key) const noexcept;
   };
 
   // Takes the tables of `units` units of the store, by table number and then unit. At most `limit`
@@ -76,6 +73,13 @@ class Intake {
   [[nodiscard]] const Totals& totals() const noexcept { return totals_; }
   // Those of a table of a unit that failed.
   [[nodiscard]] std::uint64_t failed(const Common::AnyTable& table) const;
+  // Writes that the table has accepted and that failed, second tries among them.
+  [[nodiscard]] std::uint64_t failedWrites(const Common::AnyTable& table) const;
+  // Writes that wait for resources, and events of resources.
+  [[nodiscard]] Retries& retries() noexcept { return retries_; }
+  [[nodiscard]] const Retries& retries() const noexcept { return retries_; }
+  [[nodiscard]] ResourceEvents& events() noexcept { return events_; }
+  [[nodiscard]] const ResourceEvents& events() const noexcept { return events_; }
   [[nodiscard]] const std::vector<std::unique_ptr<Common::AnyTable>>& tables() const noexcept {
     return tables_;
   }
@@ -94,8 +98,8 @@ class Intake {
     completeReplay_(source, line);
   }
 
-  // Takes the intent of a line, or the word that the replay is complete. Throws as take(), and for
-  // a line that is neither.
+  // Takes the intent of a line, an event of a resource, or the word that the replay is complete.
+  // Throws as take(), and for a line that is none of them.
   void takeLine(std::string_view text, const std::shared_ptr<Source>& source, std::uint64_t line);
   // Takes an intent. Throws Common::InputError, and takes nothing: no such unit, or `after` names
   // an entry that nobody wrote.
@@ -106,6 +110,8 @@ class Intake {
   void replay(const Common::Intent& intent, const std::shared_ptr<Source>& source,
               std::uint64_t line, std::vector<Replaced> replaces,
               const std::function<bool(const Common::AnyKey&)>& stays);
+  // Writes again what has its resources now, at most `most` and as long as there is room.
+  void writeAgain(unsigned most);
   // A source is told that its line has been carried out, or not.
   static void tellOrder(Source& source, std::uint64_t line, std::string_view op, bool success);
   // Keeps what is in a log and has no outcome yet, as at a stop.
@@ -146,9 +152,12 @@ class Intake {
     Common::IntentOp op = Common::IntentOp::write;
     std::size_t place = 0;  // of its table and unit
     Common::AnyKey key;
-    Handle handle;           // null of a remove-all
-    Known* known = nullptr;  // what is known of the key
-    std::string text;        // the intent as a line, if it is to be kept
+    Handle handle;                          // null of a remove-all
+    Known* known = nullptr;                 // what is known of the key
+    std::string text;                       // the intent as a line, if it is to be kept
+    std::unique_ptr<Common::Intent> write;  // if it names resources
+    Handle dependency;                      // of that
+    bool again = false;                     // it has failed before, and been told so
     std::vector<Replaced> replaces;
   };
   // The removes of one key that a remove-all in a replay comes to.
@@ -168,6 +177,7 @@ class Intake {
     std::uint64_t lastRemoveAll = 0;  // number of the intent; 0: none yet
     std::deque<RemoveAll> removeAlls;
     std::uint64_t failed = 0;
+    std::uint64_t failedWrites = 0;
     std::uint64_t removeAllsFailed = 0;
   };
 
@@ -180,18 +190,32 @@ class Intake {
 
   [[nodiscard]] Handle dependencyOf(const Common::Intent& intent) const;
   [[nodiscard]] Slot& freeSlot();
+  Slot& occupy(Common::IntentOp op, std::size_t at, const std::shared_ptr<Source>& source,
+               std::uint64_t line);
   Slot& accept(const Common::Intent& intent, std::size_t at, const std::shared_ptr<Source>& source,
                std::uint64_t line);
   void operate(Slot& slot, const Common::Intent& intent, const Handle& dependency);
+  void writeOrRemove(Slot& slot, const Common::Intent& intent, const Handle& dependency);
   void removeRest(Slot& slot, const Handle& dependency,
                   const std::function<bool(const Common::AnyKey&)>& stays);
   void restEnded(Rest& rest, bool success);
-  void end(Slot& slot, bool success, std::uint64_t version);
+  // How an intent has ended.
+  struct End {
+    bool success = false;
+    std::uint64_t version = 0;
+    std::string reason;  // why it failed, if that is known
+    bool again = false;  // the second outcome of its line
+  };
+  void end(Slot& slot, const End& how);
+  void free(Slot& slot);
   void ended(Slot& slot, const Handle& handle);
+  void writeAgain(HeldWrite& write);
+  [[nodiscard]] Retries::Missing whyFailed(const Slot& slot) const;
+  void remember(Slot& slot, const Retries::Missing& missing);
   void keyIsIdle(std::size_t at, const Common::AnyKey& key, const Known& known);
   void removeAllFailed(Slot& slot);
   void tell(Source& source, std::uint64_t line, Common::IntentOp op, const Common::AnyKey& key,
-            const Common::AnyTable& table, bool success, std::uint64_t version);
+            const Common::AnyTable& table, const End& how);
 
   const Store& store_;
   std::vector<std::unique_ptr<Common::AnyTable>> tables_;
@@ -202,6 +226,8 @@ class Intake {
   std::vector<Slot*> free_;
   std::vector<std::size_t> withRemoveAlls_;  // the places that wait for one
   std::list<Rest> rests_;
+  Retries retries_;
+  ResourceEvents events_;
   std::deque<Remembered> remembered_;
   KeptIntents* kept_ = nullptr;
   CompleteReplay completeReplay_;

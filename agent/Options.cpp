@@ -66,6 +66,12 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
                  "Read on only while fewer intents than this are without an outcome")
       ->check(CLI::Range(std::size_t{1}, std::size_t{10000000}))
       ->capture_default_str();
+  app.add_option("--resource-deadline", options.resourceDeadline,
+                 "A resource that is not ready after so many seconds fails, and with it what waits "
+                 "for it; 0: never")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.0, 1e6))
+      ->capture_default_str();
   app.add_option("--peer-timeout", peerTimeout,
                  "Drop a peer of the socket that takes no outcome for so many seconds")
       ->type_name("SECONDS")

@@ -33,6 +33,7 @@ struct Options {
   bool forget = false;
   std::optional<std::chrono::milliseconds> timeout;
   std::size_t inFlight = 16384;
+  double resourceDeadline = 60;  // seconds; 0: none
   std::chrono::milliseconds peerTimeout{30000};
   bool progress = false;
 };

@@ -60,10 +60,10 @@ class Replay {
     std::shared_ptr<Source> source;
     std::uint64_t line;
     std::optional<Target> after;
-    std::vector<Intake::Replaced> replaces;
+    std::vector<Replaced> replaces;
     State state = State::waiting;
   };
-  using Newest = std::unordered_map<Common::AnyKey, Node*, Intake::HashKey>;
+  using Newest = std::unordered_map<Common::AnyKey, Node*, HashKey>;
   struct Place {
     Newest newest;
     Node* removeAll = nullptr;

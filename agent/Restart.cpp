@@ -37,7 +37,7 @@ std::vector<Restart::Figures> Restart::figures() const {
     const Common::TableFigures now = table->figures();
     all[table->table()].suppressed += now.suppressed;
     written[table->table()] += now.written;
-    failed[table->table()] += intake_.failed(*table);
+    failed[table->table()] += intake_.failedWrites(*table);
   }
   for (std::size_t table = 0; table < all.size(); ++table) {
     Figures& of = all[table];

@@ -39,7 +39,12 @@ std::string summaryText(const Options& options, const Intake& intake, const Rest
                           {"skipped", skipped},
                           {"succeeded", totals.succeeded},
                           {"failed", totals.failed},
-                          {"inFlight", intake.inFlight()}}},
+                          {"inFlight", intake.inFlight()},
+                          {"waitingForResources", intake.retries().size()},
+                          {"cameThroughAgain", totals.cameThroughAgain}}},
+                        {"resourceEvents",
+                         {{"applied", intake.events().totals().applied},
+                          {"failed", intake.events().totals().failed}}},
                         {"replay", restart.summary()},
                         {"tables", tables}};
   return summary.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";

@@ -28,6 +28,11 @@ endforeach()
 install(TARGETS ${kelp_libraries} EXPORT KelpEmServerTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT Runtime NAMELINK_COMPONENT Development
   INCLUDES DESTINATION "${headers_dir}" "${headers_dir}/platform")
+if(TARGET KelpPlatform)
+  install(FILES "${PROJECT_SOURCE_DIR}/tools/gdb/KelpPlatform-gdb.py"
+    RENAME "libKelpPlatform.so.${PROJECT_VERSION}-gdb.py" DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+    COMPONENT Development)
+endif()
 install(EXPORT KelpEmServerTargets NAMESPACE KelpEmServer:: DESTINATION "${package_dir}"
   COMPONENT Development)
 

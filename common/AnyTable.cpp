@@ -44,6 +44,27 @@ class TableOf final : public AnyTable {
     swTable_->entryRemoveAllWithResponseHandler(dependency, handler);
   }
 
+  [[nodiscard]] bool namesResources(const AnyEntry& entry) const override {
+    bool names = false;
+    forEachResource(own<EntryOf<T>>(entry).entry, [&](const auto&) { names = true; });
+    return names;
+  }
+  [[nodiscard]] std::vector<MissingResource> missingResources(
+      const AnyEntry& entry) const override {
+    const Entry& of = own<EntryOf<T>>(entry).entry;
+    std::vector<MissingResource> missing;
+    forEachResource(of, [&]<class Linkage>(const Linkage& linkage) {
+      using Table = typename Linkage::ResourceTable;
+      const auto handle = Linkage::Kind::request(*linkage.resTblClient(), of);
+      if (handle->entryState() != Asic::EntryState::entryStateSuccess) {
+        const Table& table = *linkage.resTblClient()->table();
+        missing.push_back({resourceNumber<typename Table::Kind>(), handle, Table::Kind::kFieldId,
+                           table.indexesTaken() == table.limit()});
+      }
+    });
+    return missing;
+  }
+
   [[nodiscard]] bool has(const AnyKey& key) const override {
     return swTable_->entryHas(own<KeyOf<T>>(key).key);
   }
@@ -88,6 +109,22 @@ class TableOf final : public AnyTable {
   }
 
  private:
+  using Entry = typename T::Entry;
+
+  // Calls visit(linkage) for each resource that the entry names.
+  template <class Visit>
+  void forEachResource([[maybe_unused]] const Entry& entry, [[maybe_unused]] Visit visit) const {
+    swTable_->withLinkages([&](auto*... linkages) {
+      [[maybe_unused]] const auto ask = [&]<class Linkage>(const Linkage& linkage) {
+        static const typename Linkage::ResourceKey none{};
+        if (!Linkage::Kind::key(entry).isEq(none)) {
+          visit(linkage);
+        }
+      };
+      (ask(*linkages), ...);
+    });
+  }
+
   template <class Of, class Any>
   static const Of& own(const Any& any) {
     const Of* of = std::get_if<Of>(&any);

@@ -3,12 +3,14 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Asic/DependencyEntryHandle.h"
 #include "Asic/OrderedSwTable.h"
 #include "Asic/OrderedTableInterface.h"
 #include "Asic/UnitId.h"
 #include "Lumen/Ptr.h"
+#include "common/ResourceKinds.h"
 #include "common/Tables.h"
 
 namespace Common {
@@ -52,6 +54,14 @@ class AnyTable {
   virtual Handle remove(const AnyKey& key, const Dependency& dependency,
                         const ResponseHandler& handler) = 0;
   virtual void removeAll(const Dependency& dependency, const ResponseHandler& handler) = 0;
+
+  // Whether the entry names a resource.
+  [[nodiscard]] virtual bool namesResources(const AnyEntry& entry) const = 0;
+  // The resources that the entry names and that can't be had now, or not yet. Asks the resource
+  // tables for them, which then know those that nobody else asks for as long as somebody keeps the
+  // handles. Costs a search for each.
+  [[nodiscard]] virtual std::vector<MissingResource> missingResources(
+      const AnyEntry& entry) const = 0;
 
   // Whether the key is in the reader's view.
   [[nodiscard]] virtual bool has(const AnyKey& key) const = 0;

@@ -22,7 +22,7 @@ const Json& member(const Json& json, const Place* outer, std::string_view name,
 }
 
 IntentOp readOp(const Json& json) {
-  const std::string remedy = "write " + choiceText(kOpNames);
+  const std::string remedy = R"(write "write", "remove", "removeAll" or "resource")";
   const Json& value = member(json, nullptr, "op", remedy);
   for (std::size_t i = 0; i < kOpNames.size(); ++i) {
     if (value == kOpNames[i]) {

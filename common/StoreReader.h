@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "Asic/Constants.h"
@@ -26,10 +27,10 @@ namespace Common {
 // AGENT/GROUP of all tables.
 [[nodiscard]] Lumen::String groupName();
 
-// Where a collection of the resource table of Spec lies.
-template <class Spec>
+// Where a collection of the resource table of Kind lies.
+template <class Kind>
 [[nodiscard]] Lumen::String resourcePath(const char* collection) {
-  return PactResourceTable::collectionPath(Spec::tableNamespace, Spec::tableName, collection);
+  return PactResourceTable::collectionPath(Kind::tableNamespace, Kind::tableName, collection);
 }
 
 // The change log of T.
@@ -67,24 +68,35 @@ template <KelpEmServer::TableSpec T>
   return units;
 }
 
-// A collection of the resource table of Spec: PactResourceTable::kResources, kHolds or kReleases.
-template <class Spec>
-[[nodiscard]] Lumen::Ptr<PactResourceTable::ResourceQuilt<typename Spec::Key>> openResources(
+// A collection of the resource table of Kind: PactResourceTable::kResources, kHolds or kReleases.
+template <class Kind>
+[[nodiscard]] Lumen::Ptr<PactResourceTable::ResourceQuilt<typename Kind::Key>> openResources(
     const BrioSharedMem::EntityManager& memory) {
-  return Lumen::dynamicPtrCast<PactResourceTable::ResourceQuilt<typename Spec::Key>>(
-      memory.openReader(resourcePath<Spec>(PactResourceTable::kResources), Spec::quiltTypeName));
+  return Lumen::dynamicPtrCast<PactResourceTable::ResourceQuilt<typename Kind::Key>>(
+      memory.openReader(resourcePath<Kind>(PactResourceTable::kResources), Kind::quiltTypeName));
 }
-template <class Spec>
+template <class Kind>
 [[nodiscard]] Lumen::Ptr<PactResourceTable::HoldQuilt> openHolds(
     const BrioSharedMem::EntityManager& memory) {
   return Lumen::dynamicPtrCast<PactResourceTable::HoldQuilt>(memory.openReader(
-      resourcePath<Spec>(PactResourceTable::kHolds), PactResourceTable::kHoldQuiltType));
+      resourcePath<Kind>(PactResourceTable::kHolds), PactResourceTable::kHoldQuiltType));
 }
-template <class Spec>
+template <class Kind>
 [[nodiscard]] Lumen::Ptr<PactResourceTable::ReleaseQuilt> openReleases(
     const BrioSharedMem::EntityManager& memory) {
   return Lumen::dynamicPtrCast<PactResourceTable::ReleaseQuilt>(memory.openReader(
-      resourcePath<Spec>(PactResourceTable::kReleases), PactResourceTable::kReleaseQuiltType));
+      resourcePath<Kind>(PactResourceTable::kReleases), PactResourceTable::kReleaseQuiltType));
+}
+
+// Calls visit(record) for each record, deleted ones among them. Throws CorruptionDetectedException.
+template <class Record, class Visit>
+void forEachRecord(const Quilt::QuiltMap<Record>& records, Visit&& visit) {
+  Record record;
+  Quilt::IterHint hint;
+  for (bool more = records.first(record, hint); more;
+       more = records.next(record.quiltKey(), record, hint)) {
+    visit(std::as_const(record));
+  }
 }
 
 // What the hardware side has reported.

@@ -17,12 +17,13 @@
 #include <vector>
 
 #include "BrioSharedMem/EntityManager.h"
-#include "common/Json.h"
 #include "demo/Child.h"
 #include "demo/Expected.h"
 #include "demo/Folder.h"
 #include "demo/Halfway.h"
 #include "demo/Input.h"
+#include "demo/OutcomeTail.h"
+#include "demo/Profiles.h"
 #include "demo/Programs.h"
 #include "demo/Report.h"
 #include "demo/Watch.h"
@@ -170,7 +171,7 @@ void watchToTheEnd(const Scene& scene, Killer& killer) {
   Programs& programs = scene.programs;
   for (;;) {
     const bool ended = programs.agent().ended();
-    Watch::Progress progress = scene.look(programs.feed());
+    Watch::Progress progress = scene.look(programs.feedAndEnd());
     if (ended && !killer.done()) {
       programs.startAgent(Programs::Then::end);  // it was too fast for the killer
     } else if (ended) {
@@ -253,30 +254,48 @@ Restarted restartHalfway(const Scene& scene, const BrioSharedMem::EntityManager&
   return halfway.replayed();
 }
 
+// Has profiles change, run out and come free, behind the life of the switch.
+ProfileFigures takeProfiles(const Scene& scene, const BrioSharedMem::EntityManager& memory) {
+  Programs& programs = scene.programs;
+  Profiles profiles(scene.input, programs, memory, [&](const char* what, const auto& holds) {
+    watchUntil(scene, what, [&](const Watch::Progress& progress) {
+      if (programs.agent().ended()) {
+        scene.fail(programs.agent().obituary());
+      }
+      return holds() && progress.pending() == 0;
+    });
+  });
+  return profiles.run();
+}
+
+// Starts the agent once more on all that was asked for. Gives the changes that reach the chip.
+std::uint64_t startOnceMore(const Scene& scene) {
+  Programs& programs = scene.programs;
+  const std::uint64_t before = programs.changesOnChip();
+  programs.startAgent(Programs::Then::endAgain);
+  watchUntil(scene, "the end of the last start",
+             [&](const Watch::Progress&) { return programs.agent().ended(); });
+  if (programs.agent().exitStatus() != 0) {
+    scene.fail(programs.agent().obituary());
+  }
+  return programs.changesOnChip() - before;
+}
+
 // Folds the intents that the agent says it has carried out.
-void fold(const Input& input, const std::string& outcomes, Expected& expected, Outcomes& counts) {
-  std::ifstream file(outcomes);
-  std::vector<bool> done(input.lines.size(), false);
-  for (std::string text; std::getline(file, text);) {
-    const Common::Json line = Common::parseLine(text);
-    if (line.at("op") == "replayComplete") {
+void fold(const Input& input, const std::string& outcomesFile, Expected& expected,
+          Outcomes& counts) {
+  OutcomeTail outcomes(input, outcomesFile);
+  outcomes.read();
+  for (std::size_t i = 0; i < input.lines.size(); ++i) {
+    if (!input.lines[i]) {
       continue;
     }
-    const auto at = input.lineOf(line.at("source").get_ref<const std::string&>(),
-                                 line.at("line").get<std::uint64_t>());
-    if (!at || done[*at]) {
-      throw std::runtime_error(outcomes + ": an outcome of no intent, or a second one: " + text);
-    }
-    if (line.at("outcome") == "success") {
-      done[*at] = true;
+    const OutcomeTail::Count count = outcomes.count(i, i + 1);
+    counts.failed += count.failed;
+    counts.cameThrough += count.cameThrough;
+    if (outcomes.isDone(i)) {
       ++counts.succeeded;
-    } else {
-      ++counts.failed;
-    }
-  }
-  for (std::size_t i = 0; i < done.size(); ++i) {
-    if (done[i]) {
-      expected.apply(input.lines[i].value());
+      expected.apply(*input.lines[i]);
     }
   }
 }
@@ -314,12 +333,21 @@ int runDemo(const Settings& settings) {
   const Scene scene{input, programs, watch, line, start};
   if (halves) {
     report.restarted = restartHalfway(scene, *memory);
+    if (input.profiles) {
+      report.profiles = takeProfiles(scene, *memory);
+    }
   } else {
     programs.startAgent(Programs::Then::end);
   }
   watchToTheEnd(scene, killer);
   report.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   report.agentStatus = programs.agent().exitStatus().value();
+  const std::string agentSays = programs.agent().obituary();
+  Expected expected;
+  fold(input, programs.outcomesFile(), expected, report.outcomes);
+  if (report.profiles) {
+    report.profiles->changes = startOnceMore(scene);
+  }
 
   programs.chip().signal(SIGTERM);
   if (!programs.chip().waitFor(kChipEnds)) {
@@ -331,15 +359,13 @@ int runDemo(const Settings& settings) {
   }
   report.chipEqual = chipStatus == 0;
   report.intents = input.ends.size();
-  Expected expected;
-  fold(input, programs.outcomesFile(), expected, report.outcomes);
   report.expectedEntries = expected.entries();
   report.chipAndIntents = expected.compareChip(programs.modelFile());
   report.collectionsAndIntents = expected.compareCollections(*memory);
   report.readSummaries(programs.agentSummary(), programs.chipSummary());
   fmt::print("{}", report.text());
-  if (report.agentStatus != 0) {
-    fmt::print("{}\n", programs.agent().obituary());
+  if (report.agentStatus != 0 && !(report.profiles && report.good())) {
+    fmt::print("{}\n", agentSays);
   }
   if (!report.good() && !settings.keep) {
     folder.keep();

@@ -84,13 +84,9 @@ class Expected::TableStateOf final : public TableState {
     Seen seen;
     for (const Asic::UnitId unitId : Common::unitsOf<T>(memory)) {
       const auto quilt = Common::openConfig<T>(memory, unitId);
-      const auto& records = std::as_const(*quilt).swTableEntries();
-      typename T::ConfigQuilt::Record record;
-      Quilt::IterHint hint;
-      for (bool more = records.first(record, hint); more;
-           more = records.next(record.quiltKey(), record, hint)) {
+      Common::forEachRecord(std::as_const(*quilt).swTableEntries(), [&](const auto& record) {
         if (record.isDeleted != 0) {
-          continue;
+          return;
         }
         const LogEntry& logEntry = record.entry.logEntry;
         const Entry* wanted = find(unitId.value, logEntry.key);
@@ -98,7 +94,7 @@ class Expected::TableStateOf final : public TableState {
               wanted != nullptr && Common::asksForTheSame<T>(*wanted, record.entry), unitId.value,
               "the collection", result);
         seen.insert({unitId.value, logEntry.key});
-      }
+      });
     }
     tellMissing(seen, "the collection", result);
   }

@@ -28,10 +28,12 @@ using KelpEmServer::LemVpwsAc;
 using KelpTunnelNiLib::TagFormat;
 using KelpTunnelNiLib::VlanAction;
 
-constexpr std::uint16_t kPorts = 192;          // of a unit, breakouts counted singly
-constexpr std::uint32_t kRemarkPorts = 48;     // profiles are few: ports share their remarking
-constexpr std::uint32_t kVlanEdits = 32;       // and what is done to tags
-constexpr std::size_t kMostServices = 15'000;  // live ones of a unit: no table overflows
+constexpr std::uint16_t kPorts = 192;       // of a unit, breakouts counted singly
+constexpr std::uint32_t kRemarkPorts = 48;  // profiles are few: ports share their remarking
+constexpr std::uint32_t kVlanEdits = 32;    // and what is done to tags
+constexpr std::uint32_t kCommonVlanEdit = 0;
+constexpr std::uint32_t kNoService = 0x40000000;  // numbers from here on
+constexpr std::size_t kMostServices = 15'000;     // live ones of a unit: no table overflows
 constexpr std::uint16_t kTpid = 0x8100;
 
 // What a customer has bought. Each service is a chain of entries, later ones after earlier ones.
@@ -45,6 +47,19 @@ struct Service {
   std::uint16_t innerVlan = 0;
   std::uint32_t version = 0;  // of its settings
 };
+
+KelpTunnelNiLib::VlanEditResourceKey vlanEdit(std::uint32_t edit) {
+  KelpTunnelNiLib::VlanEditResourceKey key;
+  auto& untaggedFrames = key.elements[static_cast<std::size_t>(TagFormat::untagged)];
+  untaggedFrames.outerAction = VlanAction::push;
+  untaggedFrames.outerVlan = static_cast<std::uint16_t>(100 + edit);
+  untaggedFrames.outerTpid = kTpid;
+  auto& taggedFrames = key.elements[static_cast<std::size_t>(TagFormat::singleTpid0)];
+  taggedFrames.outerAction = edit % 2 == 0 ? VlanAction::swap : VlanAction::pop;
+  taggedFrames.outerVlan = static_cast<std::uint16_t>(edit % 2 == 0 ? 200 + edit : 0);
+  taggedFrames.outerPriority = static_cast<std::uint8_t>(edit % 8);
+  return key;
+}
 
 class Unit {
  public:
@@ -203,20 +218,13 @@ class Unit {
     made.entry.logEntry.outLif = 2'000'000 + service.number;
     made.entry.logEntry.tpidProfile = static_cast<std::uint8_t>(service.version % 4);
     auto& keys = made.entry.rsrcKeys;
-    const std::uint32_t edit = (service.number + service.version) % kVlanEdits;
-    auto& untaggedFrames =
-        keys.vlanEditProfileKey.elements[static_cast<std::size_t>(TagFormat::untagged)];
-    untaggedFrames.outerAction = VlanAction::push;
-    untaggedFrames.outerVlan = static_cast<std::uint16_t>(100 + edit);
-    untaggedFrames.outerTpid = kTpid;
-    auto& taggedFrames =
-        keys.vlanEditProfileKey.elements[static_cast<std::size_t>(TagFormat::singleTpid0)];
-    taggedFrames.outerAction = edit % 2 == 0 ? VlanAction::swap : VlanAction::pop;
-    taggedFrames.outerVlan = static_cast<std::uint16_t>(edit % 2 == 0 ? 200 + edit : 0);
-    taggedFrames.outerPriority = static_cast<std::uint8_t>(edit % 8);
-    keys.remarkProfileKey.intf =
-        Netkit::IntfId::fromName("Ethernet" + std::to_string(1 + service.port % kRemarkPorts));
-    keys.remarkProfileType = static_cast<std::uint16_t>(1 + service.version % 3);
+    keys.vlanEditProfileKey =
+        vlanEdit(service.number % 2 == 0 ? kCommonVlanEdit
+                                         : (service.number / 2 + service.version) % kVlanEdits);
+    // A profile has one type, whoever asks for it.
+    const std::uint32_t remarkPort = 1 + service.port % kRemarkPorts;
+    keys.remarkProfileKey.intf = Netkit::IntfId::fromName("Ethernet" + std::to_string(remarkPort));
+    keys.remarkProfileType = static_cast<std::uint16_t>(1 + remarkPort % 3);
     return made;
   }
 
@@ -283,6 +291,22 @@ class Unit {
 };
 
 }  // namespace
+
+KelpTunnelNiLib::VlanEditResourceKey commonVlanEdit() { return vlanEdit(kCommonVlanEdit); }
+
+std::vector<Intent> ownVlanEdits(IntentOp op, std::uint32_t count) {
+  std::vector<Intent> intents;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    EntryOf<EsemFodoVd> made;
+    made.entry.logEntry.key.fodo = kNoService + i;
+    made.entry.logEntry.outLif = 3'000'000 + i;
+    made.entry.rsrcKeys.vlanEditProfileKey = vlanEdit(kVlanEdits + i);
+    Intent& intent = intents.emplace_back();
+    intent.op = op;
+    intent.entry = made;
+  }
+  return intents;
+}
 
 std::vector<Intent> metroEdge(const Plan& plan) {
   std::mt19937_64 random(plan.seed);

@@ -22,4 +22,10 @@ struct Plan {
 // All tables take part, on all units. The same plan gives the same intents, as many as asked for.
 [[nodiscard]] std::vector<Common::Intent> metroEdge(const Plan& plan);
 
+// The VLAN edit that half of all tagged services have.
+[[nodiscard]] KelpTunnelNiLib::VlanEditResourceKey commonVlanEdit();
+// Writes of `count` encapsulations on unit 0 that no service has, each with a VLAN edit of its own,
+// or their removes.
+[[nodiscard]] std::vector<Common::Intent> ownVlanEdits(Common::IntentOp op, std::uint32_t count);
+
 }  // namespace Demo

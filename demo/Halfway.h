@@ -26,8 +26,6 @@ class Halfway {
   [[nodiscard]] Restarted replayed();
 
  private:
-  [[nodiscard]] std::uint64_t changesOnChip();
-
   const Input& input_;
   Programs& programs_;
   const BrioSharedMem::EntityManager& memory_;

@@ -12,6 +12,7 @@ namespace Demo {
 struct Outcomes {
   std::uint64_t succeeded = 0;
   std::uint64_t failed = 0;
+  std::uint64_t cameThrough = 0;  // of those that succeeded: at a second try
 };
 
 // What came of an agent that was killed halfway and started again, up to the end of its replay.
@@ -22,6 +23,21 @@ struct Restarted {
   std::uint64_t changes = 0;    // that reached the chip
 
   [[nodiscard]] bool good() const noexcept { return changes == differing + cutOff; }
+};
+
+// What came of VLAN edit profiles that changed, ran out and came free again, and of a start of the
+// agent after that.
+struct ProfileFigures {
+  std::uint64_t users = 0;      // entries that used the profile that changed
+  std::uint64_t rewritten = 0;  // entries that changed on the chip then
+  std::uint64_t asked = 0;      // writes of an edit of their own
+  std::uint64_t failed = 0;     // of these, for want of a profile
+  std::uint64_t cameThrough = 0;
+  std::uint64_t changes = 0;  // that reached the chip when the agent was started again at the end
+
+  [[nodiscard]] bool good() const noexcept {
+    return users != 0 && rewritten == users && failed != 0 && cameThrough == failed && changes == 0;
+  }
 };
 
 // What came of a run.
@@ -54,6 +70,7 @@ struct Report {
   std::uint64_t equalToCollections = 0;  // entries, by kelp-chip's own check
   std::vector<std::string> chipDiffers;  // where it found differences
   std::optional<Restarted> restarted;
+  std::optional<ProfileFigures> profiles;
 
   // Takes what the programs say of themselves at their end. Throws std::runtime_error.
   void readSummaries(const std::string& agentFile, const std::string& chipFile);

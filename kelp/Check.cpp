@@ -50,14 +50,14 @@ class Check {
             [&](CollectionReport& report) { checkConfig<T>(unit, report); });
       }
     });
-    KelpTunnelNiLib::forEachResourceSpec([&](auto tag) {
-      using Spec = typename decltype(tag)::type;
-      add(Common::resourcePath<Spec>(PactResourceTable::kResources),
-          [&](CollectionReport& report) { checkResources<Spec>(report); });
-      add(Common::resourcePath<Spec>(PactResourceTable::kHolds),
-          [&](CollectionReport& report) { checkHolds<Spec>(report); });
-      add(Common::resourcePath<Spec>(PactResourceTable::kReleases),
-          [&](CollectionReport& report) { checkReleases<Spec>(report); });
+    KelpTunnelNiLib::forEachResourceKind([&](auto tag) {
+      using Kind = typename decltype(tag)::type;
+      add(Common::resourcePath<Kind>(PactResourceTable::kResources),
+          [&](CollectionReport& report) { checkResources<Kind>(report); });
+      add(Common::resourcePath<Kind>(PactResourceTable::kHolds),
+          [&](CollectionReport& report) { checkHolds<Kind>(report); });
+      add(Common::resourcePath<Kind>(PactResourceTable::kReleases),
+          [&](CollectionReport& report) { checkReleases<Kind>(report); });
     });
     for (const Lumen::String& path : paths_) {
       if (known.count(path) == 0) {
@@ -259,13 +259,13 @@ class Check {
         [&] { return movesOf(log); });
   }
 
-  template <class Spec>
+  template <class Kind>
   void checkResources(CollectionReport& report) {
-    using Record = PactResourceTable::ResourceRecord<typename Spec::Key>;
-    const auto resources = Common::openResources<Spec>(session_.memory());
-    std::map<std::uint32_t, typename Spec::Key> indexes;
+    using Record = PactResourceTable::ResourceRecord<typename Kind::Key>;
+    const auto resources = Common::openResources<Kind>(session_.memory());
+    std::map<std::uint32_t, typename Kind::Key> indexes;
     // Whether the resource of this key has this index now.
-    const auto has = [&](const typename Spec::Key& key, std::uint32_t index) {
+    const auto has = [&](const typename Kind::Key& key, std::uint32_t index) {
       bool found = false;
       try {
         const auto& now = resources->map().find(key, found);
@@ -277,9 +277,9 @@ class Check {
     checkCollection<Record>(
         *resources, report,
         [&](const Record& record) {
-          if (record.index > Spec::kLimit) {
+          if (record.index > Kind::kLimit) {
             report.damage(fmt::format("resource {} has index {}, and {} is the last", record.number,
-                                      record.index, Spec::kLimit));
+                                      record.index, Kind::kLimit));
             return;
           }
           const auto [first, isNew] = indexes.emplace(record.index, record.key);
@@ -291,21 +291,21 @@ class Check {
         },
         [] { return 0; });
   }
-  template <class Spec>
+  template <class Kind>
   void checkHolds(CollectionReport& report) {
-    const auto holds = Common::openHolds<Spec>(session_.memory());
+    const auto holds = Common::openHolds<Kind>(session_.memory());
     checkCollection<PactResourceTable::HoldRecord>(
         *holds, report, [](const PactResourceTable::HoldRecord&) {}, [] { return 0; });
   }
-  template <class Spec>
+  template <class Kind>
   void checkReleases(CollectionReport& report) {
-    const auto releases = Common::openReleases<Spec>(session_.memory());
+    const auto releases = Common::openReleases<Kind>(session_.memory());
     checkCollection<PactResourceTable::ReleaseRecord>(
         *releases, report,
         [&](const PactResourceTable::ReleaseRecord& release) {
-          if (release.key.number == 0 || release.key.number > Spec::kLimit) {
+          if (release.key.number == 0 || release.key.number > Kind::kLimit) {
             report.damage(fmt::format("a release of index {}, where there are 1 to {}",
-                                      release.key.number, Spec::kLimit));
+                                      release.key.number, Kind::kLimit));
           }
         },
         [] { return 0; });

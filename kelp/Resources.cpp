@@ -9,6 +9,7 @@
 #include "BrioSharedMem/StoreError.h"
 #include "KelpTunnelNiLib/ResourceTableSet.h"
 #include "common/EntryJson.h"
+#include "common/ResourceKinds.h"
 #include "common/StoreReader.h"
 #include "common/Tables.h"
 #include "kelp/Commands.h"
@@ -67,19 +68,19 @@ std::string resultText(const Results& results) {
   return std::to_string(results.profile);
 }
 
-template <class Spec>
+template <class Kind>
 class OneTable {
  public:
-  using Record = PactResourceTable::ResourceRecord<typename Spec::Key>;
+  using Record = PactResourceTable::ResourceRecord<typename Kind::Key>;
 
   OneTable(Session& session, TextTable& text) : session_(session), text_(text) {}
 
   // False if there is no such table in the store.
   bool read() {
     try {
-      const auto resources = Common::openResources<Spec>(session_.memory());
-      const auto holds = Common::openHolds<Spec>(session_.memory());
-      const auto releases = Common::openReleases<Spec>(session_.memory());
+      const auto resources = Common::openResources<Kind>(session_.memory());
+      const auto holds = Common::openHolds<Kind>(session_.memory());
+      const auto releases = Common::openReleases<Kind>(session_.memory());
       forEachWhole<HoldRecord>(session_, *holds, [&](const HoldRecord& hold) {
         holds_[hold.key.number].push_back(hold);
       });
@@ -104,21 +105,22 @@ class OneTable {
         clients += fmt::format("{}{} (seen {})", clients.empty() ? "" : "; ",
                                clientText(hold.key.client), hold.acked);
       }
-      text_.row({tableText(), keyText(record), std::string(stateText(record.state)),
+      text_.row({kindText(), keyText(record), std::string(stateText(record.state)),
                  record.index == 0 ? "" : resultText(resultsOf(record)),
                  std::to_string(record.updateVersion), clients, releasesText(record.index)});
       releases_.erase(record.index);
     }
     // Of resources that have another index now.
     for (const auto& [index, releases] : releases_) {
-      text_.row({tableText(), "", "released", resultText(Spec::results(index, {})), "", "",
+      text_.row({kindText(), "", "released", resultText(Kind::results(index, {})), "", "",
                  releasesText(index)});
     }
   }
 
   void appendJson(std::string& out) {
-    fmt::format_to(std::back_inserter(out), R"({{"table":"{}::{}","limit":{},"resources":[)",
-                   Spec::tableNamespace, Spec::tableName, Spec::kLimit);
+    fmt::format_to(
+        std::back_inserter(out), R"({{"table":"{}::{}","resource":"{}","limit":{},"resources":[)",
+        Kind::tableNamespace, Kind::tableName, Common::resourceName<Kind>(), Kind::kLimit);
     bool first = true;
     for (const Record& record : records_) {
       fmt::format_to(std::back_inserter(out),
@@ -133,7 +135,10 @@ class OneTable {
         between = ",";
       }
       out += "]";
-      if constexpr (std::is_same_v<Spec, KelpQos::EgressRemarkProfileSpec>) {
+      if (record.index != 0) {
+        fmt::format_to(std::back_inserter(out), R"(,"result":[{}])", resultText(resultsOf(record)));
+      }
+      if constexpr (std::is_same_v<Kind, KelpQos::EgressRemarkProfileKind>) {
         fmt::format_to(std::back_inserter(out), R"(,"type":{})", record.clientData);
       }
       out += "}";
@@ -153,17 +158,15 @@ class OneTable {
   }
 
  private:
-  static std::string tableText() {
-    const std::string name = Spec::tableName;
-    return name.substr(0, name.find('.'));
-  }
+  // As it stands in events of resources, and the key too.
+  static std::string kindText() { return std::string(Common::resourceName<Kind>()); }
   static std::string keyText(const Record& record) {
     std::string text;
     Common::appendJson(text, record.key);
     return text;
   }
   static auto resultsOf(const Record& record) {
-    return Spec::results(record.index, Spec::clientData(record.clientData));
+    return Kind::results(record.index, Kind::ClientData::of(record.clientData));
   }
   std::string releasesText(std::uint32_t index) {
     std::string text;
@@ -198,9 +201,9 @@ void showResources(Session& session) {
     out += R"(,"tables":[)";
   }
   bool first = true;
-  KelpTunnelNiLib::forEachResourceSpec([&](auto tag) {
-    using Spec = typename decltype(tag)::type;
-    OneTable<Spec> table(session, text);
+  KelpTunnelNiLib::forEachResourceKind([&](auto tag) {
+    using Kind = typename decltype(tag)::type;
+    OneTable<Kind> table(session, text);
     if (!table.read()) {
       return;
     }

@@ -61,16 +61,16 @@ void compareLogs(const BrioSharedMem::EntityManager& memory, const Versions& hig
 
 // What the resource tables have in the store, against a recount from the entries: who uses what,
 // and that each entry holds what its resources are.
-template <class Spec>
+template <class Kind>
 class Recount {
  public:
-  using Key = typename Spec::Key;
+  using Key = typename Kind::Key;
   using Record = PactResourceTable::ResourceRecord<Key>;
 
   explicit Recount(const BrioSharedMem::EntityManager& memory)
-      : resources_(Common::openResources<Spec>(memory)),
-        holds_(Common::openHolds<Spec>(memory)),
-        releases_(Common::openReleases<Spec>(memory)) {}
+      : resources_(Common::openResources<Kind>(memory)),
+        holds_(Common::openHolds<Kind>(memory)),
+        releases_(Common::openReleases<Kind>(memory)) {}
 
   // The resource of an entry of this client; null for the key that stands for none, and for one
   // that is not there, which is wrong.
@@ -83,7 +83,7 @@ class Recount {
     bool found = false;
     const Record& record = resources_->map().find(key, found);
     if (!found || record.state != Asic::EntryState::entryStateSuccess) {
-      wrong.push_back(fmt::format("{}: {} is used by {} and {}", Spec::tableName, key,
+      wrong.push_back(fmt::format("{}: {} is used by {} and {}", Kind::tableName, key,
                                   client.tableId, found ? "not given out" : "not there"));
       return nullptr;
     }
@@ -93,36 +93,29 @@ class Recount {
 
   void compare(std::vector<std::string>& wrong) {
     std::set<std::uint32_t> indexes;
-    forEach(resources_->map(), [&](const Record& record) {
+    Common::forEachRecord(std::as_const(*resources_).map(), [&](const Record& record) {
       if (record.index != 0 && !indexes.insert(record.index).second) {
         wrong.push_back(
-            fmt::format("{}: index {} is given out twice", Spec::tableName, record.index));
+            fmt::format("{}: index {} is given out twice", Kind::tableName, record.index));
       }
     });
     std::set<PactResourceTable::UseKey> held;
-    forEach(holds_->map(),
-            [&](const PactResourceTable::HoldRecord& hold) { held.insert(hold.key); });
+    Common::forEachRecord(
+        std::as_const(*holds_).map(),
+        [&](const PactResourceTable::HoldRecord& hold) { held.insert(hold.key); });
     if (held != used_) {
-      wrong.push_back(fmt::format("{}: {} holds, and {} uses by the entries", Spec::tableName,
+      wrong.push_back(fmt::format("{}: {} holds, and {} uses by the entries", Kind::tableName,
                                   held.size(), used_.size()));
     }
-    forEach(releases_->map(), [&](const PactResourceTable::ReleaseRecord& release) {
-      wrong.push_back(fmt::format("{}: index {} still waits for version {} of {}", Spec::tableName,
-                                  release.key.number, release.version, release.key.client.tableId));
-    });
+    Common::forEachRecord(
+        std::as_const(*releases_).map(), [&](const PactResourceTable::ReleaseRecord& release) {
+          wrong.push_back(fmt::format("{}: index {} still waits for version {} of {}",
+                                      Kind::tableName, release.key.number, release.version,
+                                      release.key.client.tableId));
+        });
   }
 
  private:
-  template <class Of, class Visit>
-  static void forEach(const Quilt::QuiltMap<Of>& map, Visit visit) {
-    Of record;
-    Quilt::IterHint hint;
-    for (bool more = map.first(record, hint); more;
-         more = map.next(record.quiltKey(), record, hint)) {
-      visit(record);
-    }
-  }
-
   Lumen::Ptr<PactResourceTable::ResourceQuilt<Key>> resources_;
   Lumen::Ptr<PactResourceTable::HoldQuilt> holds_;
   Lumen::Ptr<PactResourceTable::ReleaseQuilt> releases_;
@@ -130,14 +123,14 @@ class Recount {
 };
 
 void compareResources(const BrioSharedMem::EntityManager& memory, std::vector<std::string>& wrong) {
-  Recount<KelpTunnelNiLib::InLifIndexSpec> inLif(memory);
-  Recount<KelpTunnelNiLib::EveResourceTableSpec> vlanEdit(memory);
-  Recount<KelpQos::EgressRemarkProfileSpec> remark(memory);
-  const auto recountOf = [&](auto spec) -> auto& {
-    using L = typename decltype(spec)::Spec;
-    if constexpr (std::is_same_v<L, KelpEmServer::InLifIndexLinkageSpec>) {
+  Recount<KelpTunnelNiLib::InLifIndexKind> inLif(memory);
+  Recount<KelpTunnelNiLib::EveResourceTableKind> vlanEdit(memory);
+  Recount<KelpQos::EgressRemarkProfileKind> remark(memory);
+  const auto recountOf = [&](auto kind) -> auto& {
+    using L = typename decltype(kind)::Kind;
+    if constexpr (std::is_same_v<L, KelpEmServer::InLifIndexLinkageKind>) {
       return inLif;
-    } else if constexpr (std::is_same_v<L, KelpEmServer::VlanEditProfileLinkageSpec>) {
+    } else if constexpr (std::is_same_v<L, KelpEmServer::VlanEditProfileLinkageKind>) {
       return vlanEdit;
     } else {
       return remark;
@@ -147,22 +140,18 @@ void compareResources(const BrioSharedMem::EntityManager& memory, std::vector<st
     using T = typename decltype(tag)::Table;
     for (const Asic::UnitId unit : Common::unitsOf<T>(memory)) {
       const auto quilt = Common::openConfig<T>(memory, unit);
-      const auto& records = std::as_const(*quilt).swTableEntries();
-      typename T::ConfigQuilt::Record record;
-      Quilt::IterHint hint;
-      for (bool more = records.first(record, hint); more;
-           more = records.next(record.quiltKey(), record, hint)) {
+      Common::forEachRecord(std::as_const(*quilt).swTableEntries(), [&](const auto& record) {
         if (record.isDeleted != 0) {
-          continue;
+          return;
         }
         typename T::WrapperResources resources;
-        T::Linkages::forEachSpec([&](auto spec) {
-          using L = typename decltype(spec)::Spec;
+        T::Linkages::forEachKind([&](auto kind) {
+          using L = typename decltype(kind)::Kind;
           const auto& key = L::key(record.entry);
-          if (const auto* of = recountOf(spec).use(key, {T::tableId, unit}, wrong)) {
-            using Table = typename L::ResourceTable::Spec;
+          if (const auto* of = recountOf(kind).use(key, {T::tableId, unit}, wrong)) {
+            using Table = typename L::ResourceTable::Kind;
             const auto handle = Lumen::makeNode<typename L::ResourceHandle>(key);
-            handle->resultsIs(Table::results(of->index, Table::clientData(of->clientData)));
+            handle->resultsIs(Table::results(of->index, Table::ClientData::of(of->clientData)));
             L::handleIs(resources, handle);
           }
         });
@@ -173,7 +162,7 @@ void compareResources(const BrioSharedMem::EntityManager& memory, std::vector<st
           wrong.push_back(fmt::format("{} unit {}: {} stands there, and its resources make it {}",
                                       T::name.view(), unit, record.entry.logEntry, entry));
         }
-      }
+      });
     }
   });
   inLif.compare(wrong);

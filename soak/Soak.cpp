@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -22,6 +23,7 @@
 #include "common/Json.h"
 #include "demo/Folder.h"
 #include "soak/Check.h"
+#include "soak/Events.h"
 #include "soak/Faults.h"
 #include "soak/Load.h"
 #include "soak/Oracle.h"
@@ -55,7 +57,8 @@ class Feature {
       : oracle_(oracle),
         tally_(tally),
         load_(settings.units, settings.seed),
-        random_(settings.seed) {}
+        random_(settings.seed),
+        events_(settings.seed) {}
 
   // Gets in touch with the agent if it can; `started` is when the agent was.
   void connect(const std::string& socket, Clock::time_point started) {
@@ -81,6 +84,10 @@ class Feature {
       std::this_thread::sleep_for(milliseconds(1));
       return;
     }
+    ++turn_;
+    while (const auto event = events_.ready(turn_, draining)) {
+      eventLines_.insert(session_->send(*event));
+    }
     while (most > 0 && open_.size() < kMostOpen && session_->unsent() < kMostUnsent) {
       maybeComplete(false);
       sendNext();
@@ -101,13 +108,16 @@ class Feature {
       session_.reset();
       tally_.unanswered += open_.size();
       open_.clear();
+      events_.forget();
+      eventLines_.clear();
     }
   }
 
   // Everything that was sent has an answer, or will never have one, and entries that nobody wants
   // any more are gone.
   [[nodiscard]] bool isQuiet() const {
-    return session_ != nullptr && replayComplete_ && open_.empty() && session_->unsent() == 0;
+    return session_ != nullptr && replayComplete_ && open_.empty() && eventLines_.empty() &&
+           !events_.prepares() && session_->unsent() == 0;
   }
   [[nodiscard]] const Versions& highest() const noexcept { return highest_; }
   [[nodiscard]] std::uint64_t answers() const noexcept { return answers_; }
@@ -134,6 +144,9 @@ class Feature {
       alone.after.reset();
       intent = std::make_shared<const Common::Intent>(std::move(alone));
     }
+    if (const auto event = events_.before(*intent, tally_.sent)) {
+      eventLines_.insert(session_->send(*event));
+    }
     text_.clear();
     Common::appendIntent(text_, *intent);
     open_.push_back({session_->send(text_), ++tally_.sent});
@@ -151,6 +164,14 @@ class Feature {
       replayComplete_ = true;
       tally_.back.push_back(
           std::chrono::duration<double, std::milli>(Clock::now() - started_).count());
+      return;
+    }
+    if (eventLines_.erase(number) != 0) {
+      const bool done = line.value("outcome", "") == "success";
+      ++(done ? tally_.events : tally_.eventsInVain);
+      if (line.contains("error") || (!done && line.value("event", "") != "change")) {
+        wrong(text);
+      }
       return;
     }
     const auto found =
@@ -200,6 +221,9 @@ class Feature {
   std::unique_ptr<Session> session_;
   Clock::time_point started_;
   std::deque<Open> open_;  // sent in this session and not answered
+  Events events_;
+  std::set<std::uint64_t> eventLines_;  // not answered
+  std::uint64_t turn_ = 0;
   bool replayComplete_ = false;
   std::optional<std::uint64_t> askedForCompletion_;  // in this line
   std::uint64_t completeAfter_ = 0;                  // intents

@@ -41,6 +41,8 @@ std::string Tally::text(const Faults& faults) const {
       "keys with intents without an answer: {} hold what one of these asked for, {} what they "
       "held before",
       carriedOut, dropped);
+  line("{} resources were changed or prepared; {} changes had no resource or no other index",
+       events, eventsInVain);
   line(
       "killed: kelp-agent {}, kelp-chip {}, both {}; kelp-agent told to end {}; paused: kelp-agent "
       "{}, kelp-chip {}",

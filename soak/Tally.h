@@ -17,8 +17,10 @@ struct Tally {
   std::uint64_t unanswered = 0;  // when the agent went
   std::uint64_t carriedOut = 0;  // keys that hold what such an intent asked for
   std::uint64_t dropped = 0;     // keys that hold what they held before
-  std::uint64_t lives = 0;       // of the agent
-  std::vector<double> back;      // ms from the agent's start until its replay was complete
+  std::uint64_t events = 0;      // of resources, that were carried out
+  std::uint64_t eventsInVain = 0;
+  std::uint64_t lives = 0;   // of the agent
+  std::vector<double> back;  // ms from the agent's start until its replay was complete
   std::uint64_t checks = 0;
   std::uint64_t entries = 0;       // that were compared, on the chip and in the collections
   std::vector<std::string> wrong;  // what must not be, in words

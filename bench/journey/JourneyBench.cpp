@@ -20,6 +20,7 @@
 #include "BrioSharedMem/EntityPath.h"
 #include "HeapCount.h"
 #include "Lumen/MemTrack.h"
+#include "StoreCosts.h"
 
 namespace {
 
@@ -28,6 +29,7 @@ constexpr std::size_t kKeys = 60000;
 int rounds = 25;
 
 using Bench::Clock;
+using Bench::StoreCosts;
 
 template <class T>
 struct Agent : Bench::Agent<T> {
@@ -72,47 +74,6 @@ class Stages {
   std::map<std::string, double> heap_;
   std::vector<std::string> order_;
 };
-
-struct StoreCosts {
-  double w;
-  double h;
-};
-
-// W and H, on the collections of Isem1Tag, whose configuration record has 64 bytes.
-StoreCosts storeCosts() {
-  using T = KelpEmServer::Isem1Tag;
-  Agent<T> agent;
-  const auto config = agent.intf->entryLog()->tableConfigQuilt(Asic::UnitId{0});
-  const auto log = agent.intf->entryLog()->tableEntryLog();
-  const auto control = log->collectionControl();
-  using Config = KelpTunnelNiLib::Isem1TagConfigQuiltEntry;
-  using Log = KelpTunnelNiLib::Isem1TagLogQuiltEntry;
-  double w = std::numeric_limits<double>::max();
-  double h = w;
-  std::uint64_t version = 0;
-  for (int round = 0; round < rounds; ++round) {
-    const std::uint64_t first = version + 1;
-    const auto start = Clock::now();
-    for (std::size_t i = 0; i < kKeys; ++i) {
-      ++version;
-      KelpTunnelNiLib::Isem1TagEntry entry;
-      entry.logEntry.key = agent.keys[i];
-      config->swTableEntriesIs(Config(entry, Asic::LogVersion{version}, false));
-      log->entryLogConfigIs(Log(Asic::LogVersion{version}, entry.logEntry, Asic::UnitId{0}, 0));
-      control->scratchpadIs(version);
-    }
-    w = std::min(
-        w, std::chrono::duration<double, std::nano>(Clock::now() - start).count() / double(kKeys));
-    h = std::min(h, Bench::storeHit(agent, 1));
-    for (std::uint64_t v = first; v <= version; ++v) {
-      log->entryLogConfigDel(Asic::LogVersion{v});
-    }
-    for (std::size_t i = 0; i < kKeys; ++i) {
-      config->swTableEntriesDel(agent.keys[i]);
-    }
-  }
-  return {w, h};
-}
 
 template <class T>
 void journey(const StoreCosts& store) {
@@ -233,7 +194,7 @@ int main(int argc, char** argv) {
   if (argc > 2) {
     rounds = std::atoi(argv[2]);
   }
-  const StoreCosts store = storeCosts();
+  const StoreCosts store = Bench::storeCosts(kKeys, rounds);
   fmt::print("W {:.1f} ns, H {:.1f} ns\n", store.w, store.h);
   KelpEmServer::TableList<KelpEmServer::EsemFodo, KelpEmServer::Isem1Tag,
                           KelpEmServer::EsemFodoVd>::forEach([&](auto tag) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Asic/InspectClasses.h"
+#include "Brio/Attributes.h"
 #include "Lumen/Node.h"
 #include "Lumen/String.h"
 #include "PoolSlab/Slabbed.h"
@@ -16,10 +18,21 @@ enum class OrderedTableType : unsigned {
 class CanonicalTableName final : public Lumen::Node, public PoolSlab::Slabbed<CanonicalTableName> {
  public:
   static constexpr const char* className() { return "CanonicalTableName"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(130, Brio::view("name", &CanonicalTableName::name),
+                               Brio::stored("group", &CanonicalTableName::group_),
+                               Brio::stored("tableNamespace", &CanonicalTableName::tableNamespace_),
+                               Brio::stored("tableName", &CanonicalTableName::tableName_));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectClass<10, "CanonicalTableName">;
+  }
 
   CanonicalTableName(OrderedTableType type, Lumen::String group, Lumen::String tableNamespace,
                      Lumen::String tableName);
   ~CanonicalTableName() override;
+
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   [[nodiscard]] OrderedTableType type() const noexcept { return type_; }
   [[nodiscard]] const Lumen::String& group() const noexcept { return group_; }

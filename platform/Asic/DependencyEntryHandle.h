@@ -4,7 +4,9 @@
 
 #include "Asic/EntryState.h"
 #include "Asic/Index.h"
+#include "Asic/InspectClasses.h"
 #include "Asic/LogVersion.h"
+#include "Brio/Attributes.h"
 #include "Lumen/Node.h"
 #include "Lumen/Publisher.h"
 
@@ -16,6 +18,15 @@ class DependencyEntryHandle : public Lumen::Node {
  public:
   // What a change of the state publishes.
   static constexpr Lumen::FieldId kEntryStateField{130};
+
+  static constexpr const char* className() { return "DependencyEntryHandle"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(130,
+                               Brio::stored("entryState", &DependencyEntryHandle::entryState_));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectClass<3, "DependencyEntryHandle">;
+  }
 
   ~DependencyEntryHandle() override;
 

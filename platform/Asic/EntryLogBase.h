@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Asic/GroupInterface.h"
+#include "Asic/InspectClasses.h"
 #include "Asic/LogVersion.h"
 #include "BrioQuilt/CollectionControl.h"
 #include "Lumen/Node.h"
@@ -12,6 +13,16 @@ namespace Asic {
 // What every table's entry log has: its identity, and the versions that order its changes.
 class EntryLogBase : public Lumen::Node {
  public:
+  static constexpr const char* className() { return "EntryLogBase"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(
+        130, Brio::stored("tableId", &EntryLogBase::tableId_),
+        Brio::stored("agentName", &EntryLogBase::agentName_),
+        Brio::stored("tableVersion", &EntryLogBase::tableVersion_),
+        Brio::stored("lastCleanedVersion", &EntryLogBase::lastCleanedVersion_));
+  }
+  static constexpr const Lumen::TypeData& classData() { return kInspectClass<9, "EntryLogBase">; }
+
   ~EntryLogBase() override;
 
   [[nodiscard]] SwTableId tableId() const noexcept { return tableId_; }

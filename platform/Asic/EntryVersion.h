@@ -3,6 +3,9 @@
 #include <fmt/format.h>
 
 #include <cstdint>
+#include <tuple>
+
+#include "Brio/Fields.h"
 
 namespace Asic {
 
@@ -23,6 +26,11 @@ struct EntryVersion {
   std::uint64_t majorVersion =
       0;  // counts the writes and removes of the key while it stays in flight
   std::uint16_t minorVersion = 0;  // carried unchanged
+
+  static constexpr auto fields() {
+    return std::tuple{Brio::field("majorVersion", &EntryVersion::majorVersion),
+                      Brio::field("minorVersion", &EntryVersion::minorVersion)};
+  }
 
   [[nodiscard]] static constexpr EntryVersion invalid() noexcept {
     return {~std::uint64_t{0}, static_cast<std::uint16_t>(0xffff)};

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Asic/CanonicalTableName.h"
+#include "Asic/InspectClasses.h"
 #include "Asic/SwTableBase.h"
 #include "Lumen/Ptr.h"
 
@@ -11,6 +12,14 @@ namespace Asic {
 // A software table that is found by its canonical name.
 class NamedSwTable : public SwTableBase {
  public:
+  static constexpr const char* className() { return "NamedSwTable"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(386, Brio::stored("canonicalName", &NamedSwTable::canonicalName_));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectClass<6, "NamedSwTable", &SwTableBase::classData()>;
+  }
+
   ~NamedSwTable() override;
 
   // Brings the table in line with what an earlier run left. Nothing unless a class has something to

@@ -25,6 +25,16 @@ class OrderedSwTable : public NamedSwTable {
   // What a caller gets back for one write or remove.
   class EntryHandle : public SwTableBase::EntryHandle {
    public:
+    static constexpr const char* className() { return "OrderedSwTable::EntryHandle"; }
+    static constexpr auto attributes() {
+      return Brio::attributeList(386, Brio::stored("version", &EntryHandle::version_),
+                                 Brio::stored("logVersion", &EntryHandle::logVersion_));
+    }
+    static constexpr const Lumen::TypeData& classData() {
+      return kInspectClass<8, "OrderedSwTable::EntryHandle",
+                           &SwTableBase::EntryHandle::classData()>;
+    }
+
     ~EntryHandle() override;
 
     [[nodiscard]] Lumen::Publisher* publisher() const override { return &publisher_; }
@@ -59,6 +69,17 @@ class OrderedSwTable : public NamedSwTable {
     ResponseHandler responseHandler_;
     mutable Lumen::Publisher publisher_;
   };
+
+  static constexpr const char* className() { return "OrderedSwTable"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(
+        514, Brio::stored("stats", &OrderedSwTable::stats_),
+        Brio::stored("status", &OrderedSwTable::status_),
+        Brio::operation("hasPendingHwWrites", &OrderedSwTable::hasPendingHwWrites));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectClass<7, "OrderedSwTable", &NamedSwTable::classData()>;
+  }
 
   ~OrderedSwTable() override;
 

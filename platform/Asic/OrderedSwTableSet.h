@@ -3,8 +3,10 @@
 #include <cstddef>
 #include <vector>
 
+#include "Asic/InspectClasses.h"
 #include "Asic/LogVersion.h"
 #include "Asic/OrderedSwTable.h"
+#include "Brio/Attributes.h"
 #include "Lumen/Node.h"
 #include "PoolSlab/Slabbed.h"
 
@@ -13,11 +15,26 @@ namespace Asic {
 // The software tables of one table, one per chip unit, with their common status.
 class OrderedSwTableSet final : public Lumen::Node, public PoolSlab::Slabbed<OrderedSwTableSet> {
  public:
+  // The tables as a collection by unit, for inspection.
+  struct ByUnit {
+    const std::vector<Lumen::Ptr<OrderedSwTable>>* tables;
+  };
+
   static constexpr const char* className() { return "OrderedSwTableSet"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(130, Brio::stored("tableId", &OrderedSwTableSet::tableId_),
+                               Brio::stored("status", &OrderedSwTableSet::status_),
+                               Brio::collection("swTable", &OrderedSwTableSet::byUnit));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectClass<0, "OrderedSwTableSet">;
+  }
 
   OrderedSwTableSet(SwTableId tableId, const Lumen::Ptr<OrderedSwTableStatus>& status)
       : tableId_(tableId), status_(status) {}
   ~OrderedSwTableSet() override;
+
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   [[nodiscard]] SwTableId tableId() const noexcept { return tableId_; }
   [[nodiscard]] const Lumen::Ptr<OrderedSwTableStatus>& status() const noexcept { return status_; }
@@ -41,6 +58,8 @@ class OrderedSwTableSet final : public Lumen::Node, public PoolSlab::Slabbed<Ord
   void tableStatusVersion(LogVersion version);
 
  private:
+  [[nodiscard]] ByUnit byUnit() const noexcept { return {&tables_}; }
+
   SwTableId tableId_;
   Lumen::Ptr<OrderedSwTableStatus> status_;
   std::vector<Lumen::Ptr<OrderedSwTable>> tables_;

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "Asic/InspectClasses.h"
 #include "Asic/SwTableId.h"
+#include "Brio/Attributes.h"
 #include "Lumen/Node.h"
 #include "Lumen/Publisher.h"
 #include "PoolSlab/Slabbed.h"
@@ -13,10 +15,19 @@ class OrderedSwTableStatus final : public Lumen::Node,
  public:
   static constexpr const char* className() { return "OrderedSwTableStatus"; }
   static constexpr Lumen::FieldId kPendingHwWritesField{131};
+  static constexpr auto attributes() {
+    return Brio::attributeList(
+        130, Brio::stored("tableId", &OrderedSwTableStatus::tableId_),
+        Brio::stored("pendingHwWrites", &OrderedSwTableStatus::pendingHwWrites_));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectClass<1, "OrderedSwTableStatus">;
+  }
 
   explicit OrderedSwTableStatus(SwTableId tableId) : tableId_(tableId) {}
   ~OrderedSwTableStatus() override;
 
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
   [[nodiscard]] Lumen::Publisher* publisher() const override { return &publisher_; }
 
   [[nodiscard]] SwTableId tableId() const noexcept { return tableId_; }

@@ -4,8 +4,10 @@
 
 #include "Asic/DependencyEntryHandle.h"
 #include "Asic/EntryState.h"
+#include "Asic/InspectClasses.h"
 #include "Asic/SwTableId.h"
 #include "Asic/UnitId.h"
+#include "Brio/Attributes.h"
 #include "Brio/Entity.h"
 
 namespace Asic {
@@ -19,11 +21,26 @@ class SwTableBase : public Brio::Entity {
   // table's id and name itself.
   class EntryHandle : public DependencyEntryHandle {
    public:
+    static constexpr const char* className() { return "SwTableBase::EntryHandle"; }
+    static constexpr auto attributes() {
+      return Brio::attributeList(258, Brio::view("tableId", &EntryHandle::tableId));
+    }
+    static constexpr const Lumen::TypeData& classData() {
+      return kInspectClass<5, "SwTableBase::EntryHandle", &DependencyEntryHandle::classData()>;
+    }
+
     ~EntryHandle() override;
 
     [[nodiscard]] virtual std::string_view tableName() const = 0;
     [[nodiscard]] virtual SwTableId tableId() const = 0;
   };
+
+  static constexpr const char* className() { return "SwTableBase"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(258, Brio::stored("tableId", &SwTableBase::tableId_),
+                               Brio::stored("unitId", &SwTableBase::unitId_));
+  }
+  static constexpr const Lumen::TypeData& classData() { return kInspectClass<4, "SwTableBase">; }
 
   ~SwTableBase() override;
 

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "Asic/InspectClasses.h"
+#include "Brio/Attributes.h"
 #include "Lumen/Node.h"
 #include "PoolSlab/Slabbed.h"
 
@@ -11,9 +13,24 @@ namespace Asic {
 class SwTableStats final : public Lumen::Node, public PoolSlab::Slabbed<SwTableStats> {
  public:
   static constexpr const char* className() { return "SwTableStats"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(
+        130, Brio::stored("entryWriteCnt", &SwTableStats::entryWriteCnt_),
+        Brio::stored("entryRemoveCnt", &SwTableStats::entryRemoveCnt_),
+        Brio::stored("commitCnt", &SwTableStats::commitCnt_),
+        Brio::stored("resolveFailCnt", &SwTableStats::resolveFailCnt_),
+        Brio::stored("updateCnt", &SwTableStats::updateCnt_),
+        Brio::stored("updateWithFailedResourceCnt", &SwTableStats::updateWithFailedResourceCnt_),
+        Brio::stored("suppressedWriteCnt", &SwTableStats::suppressedWriteCnt_),
+        Brio::stored("suppressCheckDiffCnt", &SwTableStats::suppressCheckDiffCnt_),
+        Brio::stored("tableClearCnt", &SwTableStats::tableClearCnt_));
+  }
+  static constexpr const Lumen::TypeData& classData() { return kInspectClass<2, "SwTableStats">; }
 
   SwTableStats() = default;
   ~SwTableStats() override;
+
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   // Writes accepted.
   void entryWriteCntInc(unsigned long by) noexcept { entryWriteCnt_ += by; }

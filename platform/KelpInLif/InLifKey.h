@@ -6,6 +6,7 @@
 
 #include "Brio/Fields.h"
 #include "Brio/Hash.h"
+#include "Brio/SameBytes.h"
 
 namespace KelpInLif {
 
@@ -23,7 +24,9 @@ struct InLifKey {
   std::uint16_t etherType = 0x0800;
   std::uint16_t encapKind = 6;
 
-  [[nodiscard]] bool isEq(const InLifKey& other) const noexcept { return *this == other; }
+  [[nodiscard]] bool isEq(const InLifKey& other) const noexcept {
+    return Brio::sameBytes(*this, other);
+  }
   [[nodiscard]] std::uint32_t hash(std::uint32_t seed) const noexcept {
     return Brio::hashSingleAttr(seed, *this);
   }

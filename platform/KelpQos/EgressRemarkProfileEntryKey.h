@@ -33,6 +33,10 @@ static_assert(sizeof(EgressRemarkProfileEntryKey) == 8);
 struct EgressRemarkProfileClientData {
   std::uint16_t value = 0;
 
+  // As it is stored.
+  static EgressRemarkProfileClientData of(std::uint16_t number) noexcept { return {number}; }
+  [[nodiscard]] std::uint16_t number() const noexcept { return value; }
+
   friend constexpr auto operator<=>(EgressRemarkProfileClientData,
                                     EgressRemarkProfileClientData) = default;
 };

@@ -3,14 +3,14 @@
 #include "BrioSharedMem/EntityType.h"
 #include "PactResourceTable/ResourceTableImpl.h"
 
-template class PactResourceTable::ResourceTable<KelpQos::EgressRemarkProfileSpec>;
+template class PactResourceTable::ResourceTable<KelpQos::EgressRemarkProfileKind>;
 
 namespace KelpQos {
 namespace {
 
 const BrioSharedMem::EntityTypeRegistrar<
-    PactResourceTable::ResourceQuilt<EgressRemarkProfileSpec::Key>>
-    remark(EgressRemarkProfileSpec::quiltTypeName);
+    PactResourceTable::ResourceQuilt<EgressRemarkProfileKind::Key>>
+    remark(EgressRemarkProfileKind::quiltTypeName);
 
 }  // namespace
 }  // namespace KelpQos

@@ -7,16 +7,16 @@
 
 namespace KelpTunnelNiLib {
 
-// Calls visit(ResourceSpecTag<Spec>) for each kind of resource table.
-template <class Spec>
-struct ResourceSpecTag {
-  using type = Spec;
+// Calls visit(ResourceKindTag<Kind>) for each kind of resource table.
+template <class Kind>
+struct ResourceKindTag {
+  using type = Kind;
 };
 template <class Visit>
-void forEachResourceSpec(Visit&& visit) {
-  visit(ResourceSpecTag<InLifIndexSpec>{});
-  visit(ResourceSpecTag<EveResourceTableSpec>{});
-  visit(ResourceSpecTag<KelpQos::EgressRemarkProfileSpec>{});
+constexpr void forEachResourceKind(Visit&& visit) {
+  visit(ResourceKindTag<InLifIndexKind>{});
+  visit(ResourceKindTag<EveResourceTableKind>{});
+  visit(ResourceKindTag<KelpQos::EgressRemarkProfileKind>{});
 }
 
 // The resource tables that the tables of an agent ask, made together: they must be there before the

@@ -3,18 +3,18 @@
 #include "BrioSharedMem/EntityType.h"
 #include "PactResourceTable/ResourceTableImpl.h"
 
-template class PactResourceTable::ResourceTable<KelpTunnelNiLib::InLifIndexSpec>;
-template class PactResourceTable::ResourceTable<KelpTunnelNiLib::EveResourceTableSpec>;
+template class PactResourceTable::ResourceTable<KelpTunnelNiLib::InLifIndexKind>;
+template class PactResourceTable::ResourceTable<KelpTunnelNiLib::EveResourceTableKind>;
 
 namespace KelpTunnelNiLib {
 namespace {
 
-template <class Spec>
+template <class Kind>
 using Registrar =
-    BrioSharedMem::EntityTypeRegistrar<PactResourceTable::ResourceQuilt<typename Spec::Key>>;
+    BrioSharedMem::EntityTypeRegistrar<PactResourceTable::ResourceQuilt<typename Kind::Key>>;
 
-const Registrar<InLifIndexSpec> inLif(InLifIndexSpec::quiltTypeName);
-const Registrar<EveResourceTableSpec> eve(EveResourceTableSpec::quiltTypeName);
+const Registrar<InLifIndexKind> inLif(InLifIndexKind::quiltTypeName);
+const Registrar<EveResourceTableKind> eve(EveResourceTableKind::quiltTypeName);
 
 }  // namespace
 }  // namespace KelpTunnelNiLib

@@ -70,14 +70,12 @@ struct HoldRecord {
 
   UseKey key;
   std::uint32_t acked = 0;  // the update version that the client has worked off
-  std::uint32_t run = 0;    // of the agent, in which the client said so last
 
   [[nodiscard]] const QuiltKey& quiltKey() const noexcept { return key; }
 
   static constexpr auto fields() {
     return std::tuple{Brio::field("key", &HoldRecord::key),
-                      Brio::field("acked", &HoldRecord::acked),
-                      Brio::field("run", &HoldRecord::run)};
+                      Brio::field("acked", &HoldRecord::acked)};
   }
 };
 using HoldQuilt = BrioQuilt::CollectionEntity<HoldRecord>;

@@ -47,6 +47,10 @@ class ResourceHandle : public Lumen::Node {
   void updateVersionIs(std::uint32_t version) noexcept { updateVersion_ = version; }
   void postReleaseProtoStateIs(bool postRelease) noexcept { postRelease_ = postRelease; }
 
+  // What the client keeps with its handle; null at first, and the client's to take away again.
+  [[nodiscard]] void* note() const noexcept { return note_; }
+  void noteIs(void* note) const noexcept { note_ = note; }
+
   // For the table: who hears of the handle's end (null: nobody), and what it keeps with the handle.
   void ownerIs(HandleOwner* owner) noexcept { owner_ = owner; }
   [[nodiscard]] void* resource() const noexcept { return resource_; }
@@ -66,6 +70,7 @@ class ResourceHandle : public Lumen::Node {
   void* resource_ = nullptr;
   const void* client_ = nullptr;
   ResourceHandle* next_ = nullptr;  // of the same resource
+  mutable void* note_ = nullptr;
   std::uint32_t updateVersion_ = 0;
   Asic::EntryState entryState_ = Asic::EntryState::entryStateUnresolved;
   bool postRelease_ = false;

@@ -9,20 +9,20 @@
 
 namespace PactResourceTable {
 
-template <class Spec>
-ResourceTable<Spec>::ResourceTable(const Lumen::Ptr<Asic::OrderedTableInterface>& agent,
+template <class Kind>
+ResourceTable<Kind>::ResourceTable(const Lumen::Ptr<Asic::OrderedTableInterface>& agent,
                                    std::uint32_t limit)
     : TableCore(Lumen::makeNode<Asic::CanonicalTableName>(Asic::OrderedTableType::resourceTable, "",
-                                                          Spec::tableNamespace, Spec::tableName),
-                Spec::tableId, agent, limit) {
+                                                          Kind::tableNamespace, Kind::tableName),
+                Kind::tableId, agent, limit) {
   // Resources that wait for an index are kept, too.
-  quilt_ = this->template mount<ResourceQuilt<Key>>(kResources, Spec::quiltTypeName,
+  quilt_ = this->template mount<ResourceQuilt<Key>>(kResources, Kind::quiltTypeName,
                                                     limit + limit / 2 + 1024);
   load();
 }
 
-template <class Spec>
-ResourceTable<Spec>::~ResourceTable() {
+template <class Kind>
+ResourceTable<Kind>::~ResourceTable() {
   for (const auto& node : resources_) {
     for (auto* handle = node.value()->handles; handle != nullptr; handle = handle->next()) {
       handle->ownerIs(nullptr);
@@ -30,10 +30,12 @@ ResourceTable<Spec>::~ResourceTable() {
   }
 }
 
-template <class Spec>
-void ResourceTable<Spec>::load() {
+template <class Kind>
+void ResourceTable<Kind>::load() {
   std::vector<Key> foreign;
+  std::unordered_map<std::uint32_t, Resource*> byNumber;
   auto& map = quilt_->map();
+  byNumber.reserve(map.size());
   try {
     Record record;
     Quilt::IterHint hint;
@@ -49,10 +51,11 @@ void ResourceTable<Spec>::load() {
         (void)pool().takeThis(record.index);  // its releases may have taken it
       }
       Resource& resource = make(record.key, record.number);
+      byNumber[record.number] = &resource;
       lastNumber_ = std::max(lastNumber_, record.number);
       resource.updateVersion = record.updateVersion;
       resource.state = record.state;
-      resource.data = Spec::clientData(record.clientData);
+      resource.data = Kind::ClientData::of(record.clientData);
       indexIs(resource, record.index);
     }
   } catch (const Lumen::CorruptionDetectedException& corruption) {
@@ -62,38 +65,53 @@ void ResourceTable<Spec>::load() {
     (void)map.recordDel(key);
   }
   // A hold of a resource that is lost must not be taken for one of a resource to come.
-  std::vector<std::pair<std::uint32_t, ClientId>> lost;
-  this->forEachHold([&](std::uint32_t number, ClientId client) {
-    lastNumber_ = std::max(lastNumber_, number);
-    if (const auto found = byNumber_.find(number); found != byNumber_.end()) {
-      found->second->holders.push_back(client);
+  std::vector<UseKey> lost;
+  this->forEachHold([&](const HoldRecord& hold) {
+    lastNumber_ = std::max(lastNumber_, hold.key.number);
+    if (const auto found = byNumber.find(hold.key.number); found != byNumber.end()) {
+      found->second->holders.push_back({hold.key.client, hold.acked, true});
     } else {
-      lost.emplace_back(number, client);
+      lost.push_back(hold.key);
     }
   });
-  for (const auto& [number, client] : lost) {
-    (void)this->holdDel(number, client);
+  for (const UseKey& key : lost) {
+    this->holdDel(key.number, key.client);
   }
 }
 
-template <class Spec>
-auto ResourceTable<Spec>::find(const Key& key) -> Resource* {
+template <class Kind>
+auto ResourceTable<Kind>::find(const Key& key) -> Resource* {
   const auto* node = resources_[key];
   return node == nullptr ? nullptr : node->value().get();
 }
 
-template <class Spec>
-auto ResourceTable<Spec>::make(const Key& key, std::uint32_t number) -> Resource& {
+template <class Kind>
+auto ResourceTable<Kind>::make(const Key& key, std::uint32_t number) -> Resource& {
   const auto resource = Lumen::makeNode<Resource>(key);
   resource->number = number;
-  resource->since = Brio::System::currentTimeUtc();
   resources_.newMember(resources_.hashed(resource->key), HN_Resource(resource));
-  byNumber_[number] = resource.get();
+  if (!orders_.empty()) {
+    if (const auto found = orders_.find(key); found != orders_.end()) {
+      resource->order = found->second;
+    }
+  }
   return *resource;
 }
 
-template <class Spec>
-void ResourceTable<Spec>::indexIs(Resource& resource, std::uint32_t index) {
+// Nothing in the store has the number of a resource that was dropped.
+template <class Kind>
+std::uint32_t ResourceTable<Kind>::freeNumber() {
+  if (freeNumbers_.empty()) {
+    Lumen::assertThat(lastNumber_ != ~std::uint32_t{0}, "lastNumber_ != ~std::uint32_t{0}");
+    return ++lastNumber_;
+  }
+  const std::uint32_t number = freeNumbers_.back();
+  freeNumbers_.pop_back();
+  return number;
+}
+
+template <class Kind>
+void ResourceTable<Kind>::indexIs(Resource& resource, std::uint32_t index) {
   if (resource.index != 0) {
     byIndex_[resource.index] = nullptr;
   }
@@ -106,14 +124,14 @@ void ResourceTable<Spec>::indexIs(Resource& resource, std::uint32_t index) {
   }
 }
 
-template <class Spec>
-void ResourceTable<Spec>::write(const Resource& resource) {
+template <class Kind>
+void ResourceTable<Kind>::write(const Resource& resource) {
   Record record;
   record.key = resource.key;
   record.number = resource.number;
   record.index = resource.index;
   record.updateVersion = resource.updateVersion;
-  record.clientData = Spec::number(resource.data);
+  record.clientData = resource.data.number();
   record.state = resource.state;
   // One without an index loses nothing if it is not kept.
   if (resource.index != 0 || quilt_->map().hasRoomFor(resource.key)) {
@@ -121,20 +139,18 @@ void ResourceTable<Spec>::write(const Resource& resource) {
   }
 }
 
-template <class Spec>
-void ResourceTable<Spec>::mirror(const Resource& resource, ResourceHandle& handle) const {
+template <class Kind>
+void ResourceTable<Kind>::mirror(const Resource& resource, ResourceHandle& handle) const {
   handle.entryStateIs(resource.state);
   handle.updateVersionIs(resource.updateVersion);
-  if (resource.index != 0) {
-    handle.resultsIs(Spec::results(resource.index, resource.data));
-  }
+  handle.resultsIs(Kind::results(resource.index, resource.data));
 }
 
 // Tells all handles of what the resource is now. A change that comes while they are told waits
 // until all have worked off the one before: who is in the middle of a rewrite would finish it with
 // what was so when it began.
-template <class Spec>
-void ResourceTable<Spec>::announce(Resource& resource) {
+template <class Kind>
+void ResourceTable<Kind>::announce(Resource& resource) {
   if (resource.announcing) {
     resource.again = true;
     return;
@@ -150,14 +166,14 @@ void ResourceTable<Spec>::announce(Resource& resource) {
       all.emplace_back(handle);
     }
     for (const auto& handle : all) {
-      handle->publisher()->publishChange(Spec::kFieldId);
+      handle->publisher()->publishChange(Kind::kFieldId);
     }
   } while (resource.again);
   resource.announcing = false;
 }
 
-template <class Spec>
-void ResourceTable<Spec>::stateIs(Resource& resource, Asic::EntryState state) {
+template <class Kind>
+void ResourceTable<Kind>::stateIs(Resource& resource, Asic::EntryState state) {
   if (resource.state == state) {
     return;
   }
@@ -167,59 +183,59 @@ void ResourceTable<Spec>::stateIs(Resource& resource, Asic::EntryState state) {
   announce(resource);
 }
 
-template <class Spec>
-void ResourceTable<Spec>::queuedIs(Resource& resource, bool queued) {
-  if (resource.queued == queued) {
-    return;
-  }
-  resource.queued = queued;
-  if (queued) {
-    ++waiting_;
-    queue_.emplace_back(&resource);
-  } else {
-    --waiting_;  // its place in the queue is passed over
+template <class Kind>
+void ResourceTable<Kind>::placeIs(Places& places, std::uint64_t& place, Resource& resource,
+                                  bool has) {
+  if (has && place == 0) {
+    place = ++lastPlace_;
+    places.emplace_hint(places.end(), place, &resource);
+  } else if (!has && place != 0) {
+    places.erase(std::exchange(place, 0));
   }
 }
 
+template <class Kind>
+void ResourceTable<Kind>::preparingIs(Resource& resource, bool preparing) {
+  if (preparing && resource.preparing == 0) {
+    resource.since = this->now();
+  }
+  placeIs(preparing_, resource.preparing, resource, preparing);
+}
+
 // Gives the resource what it can have now, if it has not got it.
-template <class Spec>
-void ResourceTable<Spec>::settle(Resource& resource, ClientId client, Turn turn) {
+template <class Kind>
+void ResourceTable<Kind>::settle(Resource& resource, ClientId client, Turn turn) {
   const Lumen::Ptr<Resource> self(&resource);
-  const auto order = orders_.find(resource.key);
-  if (order != orders_.end() && order->second.refused) {
+  if (resource.order.refused) {
     queuedIs(resource, false);
+    preparingIs(resource, false);
     stateIs(resource, Asic::EntryState::entryStateFailed3);
     return;
   }
-  if (resource.index == 0 && order != orders_.end() && order->second.stage != Stage::none) {
+  if (resource.index == 0 && resource.order.stage != Stage::none) {
     if (resource.state == Asic::EntryState::entryStateFailed6) {
       return;  // it is too late
     }
     queuedIs(resource, false);
-    const bool wasPrepared = resource.state == Asic::EntryState::entryStateUnresolved ||
-                             resource.state == Asic::EntryState::entryStateInLog;
-    if (!wasPrepared) {
-      resource.since = Brio::System::currentTimeUtc();
-    }
-    if (std::find(unresolved_.begin(), unresolved_.end(), self) == unresolved_.end()) {
-      unresolved_.push_back(self);
-    }
-    stateIs(resource, order->second.stage == Stage::preparing
+    preparingIs(resource, true);
+    stateIs(resource, resource.order.stage == Stage::preparing
                           ? Asic::EntryState::entryStateUnresolved
                           : Asic::EntryState::entryStateInLog);
     return;
   }
+  preparingIs(resource, false);
   if (resource.index == 0) {
     const bool room =
         quilt_->map().hasRoomFor(resource.key) &&
         (client == ClientId{} || this->hasRoomForUse(resource.number, pool().limit(), client));
     // Who has come first is served first, by serveWaiting().
-    const bool mayHave = turn == Turn::next || waiting_ == (resource.queued ? 1U : 0U);
+    const bool mayHave = turn == Turn::next || queue_.size() == (resource.queued != 0 ? 1U : 0U);
     const std::uint32_t index = room && mayHave ? pool().take() : 0;
     if (index == 0) {
-      if (!resource.queued) {
+      if (resource.queued == 0) {
         queuedIs(resource, true);
-        LUMEN_TRACE(this->traceHandle(), 1, className(), "No index is free for {}", resource.key);
+        LUMEN_TRACE(this->traceHandle(), 1, className(), "{} for {}",
+                    room ? "No index is free" : "No room in the store", resource.key);
       }
       stateIs(resource, Asic::EntryState::entryStateFailed);
       return;
@@ -239,18 +255,25 @@ void ResourceTable<Spec>::settle(Resource& resource, ClientId client, Turn turn)
   }
 }
 
-template <class Spec>
-auto ResourceTable<Spec>::request(const Key& key, const ClientData& data,
-                                  const ClientInstance& client)
+template <class Kind>
+auto ResourceTable<Kind>::request(const Key& key, const ClientData& data,
+                                  const ClientInstance& client, const ResourceHandle* known)
     -> Lumen::Ptr<const ResourceHandle> {
-  Resource* resource = find(key);
-  if (resource == nullptr) {
-    resource = &make(key, ++lastNumber_);
-    resource->data = data;
-  }
-  auto* handle = resource->handles;
-  while (handle != nullptr && handle->client() != &client) {
-    handle = handle->next();
+  Resource* resource = nullptr;
+  PactResourceTable::ResourceHandle* handle = nullptr;
+  if (known != nullptr && known->client() == &client && known->key().isEq(key)) {
+    handle = const_cast<ResourceHandle*>(known);  // the table's own
+    resource = &resourceOf(*known);
+  } else {
+    resource = find(key);
+    if (resource == nullptr) {
+      resource = &make(key, freeNumber());
+      resource->data = data;
+    }
+    handle = resource->handles;
+    while (handle != nullptr && handle->client() != &client) {
+      handle = handle->next();
+    }
   }
   Lumen::Ptr<ResourceHandle> found;
   if (handle == nullptr) {
@@ -264,32 +287,37 @@ auto ResourceTable<Spec>::request(const Key& key, const ClientData& data,
   } else {
     found = Lumen::Ptr<ResourceHandle>(static_cast<ResourceHandle*>(handle));
     found->postReleaseProtoStateIs(false);
+    found->entryStateIs(resource->state);  // it may have had no room
   }
   if (resource->state != Asic::EntryState::entryStateSuccess) [[unlikely]] {
     settle(*resource, client.clientId());
     return found;
   }
   // The space of a use is taken before it is needed: who holds the resource has taken it.
-  const bool holds = std::find(resource->holders.begin(), resource->holders.end(),
-                               client.clientId()) != resource->holders.end();
+  const bool holds = resource->holder(client.clientId()) != resource->holders.end();
   if (!holds && !this->hasRoomForUse(resource->number, resource->index, client.clientId()))
       [[unlikely]] {
     LUMEN_TRACE(this->traceHandle(), 1, className(), "No room in the store for a use of {}", key);
+    found->entryStateIs(Asic::EntryState::entryStateFailed);
   }
   return found;
 }
 
-template <class Spec>
-void ResourceTable<Spec>::ackUpdate(const ResourceHandle& handle, const ClientInstance& client,
+template <class Kind>
+void ResourceTable<Kind>::ackUpdate(const ResourceHandle& handle, const ClientInstance& client,
                                     std::uint32_t version,
                                     const Lumen::Ptr<const Asic::DependencyEntryHandle>& entry) {
   Resource& resource = resourceOf(handle);
   const_cast<ResourceHandle&>(handle).postReleaseProtoStateIs(false);
-  const bool isNew = this->holdIs(resource.number, client.clientId(), version);
-  if (isNew || std::find(resource.holders.begin(), resource.holders.end(), client.clientId()) ==
-                   resource.holders.end()) {
-    std::erase(resource.holders, client.clientId());
-    resource.holders.push_back(client.clientId());
+  auto holder = resource.holder(client.clientId());
+  const bool isNew = holder == resource.holders.end();
+  if (isNew) {
+    holder = resource.holders.insert(holder, {client.clientId(), version, false});
+  }
+  holder->old = false;
+  if (isNew || holder->acked != version) {
+    holder->acked = version;
+    this->holdIs(resource.number, client.clientId(), version);
   }
   for (const auto& replaced : resource.replaced) {
     if (version >= replaced.version) {
@@ -298,13 +326,19 @@ void ResourceTable<Spec>::ackUpdate(const ResourceHandle& handle, const ClientIn
   }
 }
 
-template <class Spec>
-void ResourceTable<Spec>::release(const ResourceHandle& handle, const ClientInstance& client,
+template <class Kind>
+void ResourceTable<Kind>::release(const ResourceHandle& handle, const ClientInstance& client,
                                   const Lumen::Ptr<const Asic::DependencyEntryHandle>& entry) {
   Resource& resource = resourceOf(handle);
-  const auto holder =
-      std::find(resource.holders.begin(), resource.holders.end(), client.clientId());
+  const auto holder = resource.holder(client.clientId());
   if (holder == resource.holders.end()) {
+    return;
+  }
+  if (entry && resource.index != 0 && !this->hasRoomForRelease(resource.index, client.clientId())) {
+    // Nobody else gets the index: the next run, in which nobody asks for it, lets go of the hold.
+    LUMEN_TRACE(this->traceHandle(), 1, className(), "No room in the store for a release of {}",
+                resource.key);
+    const_cast<ResourceHandle&>(handle).postReleaseProtoStateIs(true);
     return;
   }
   // The release first: a process that dies in between leaves both, and the hold goes later.
@@ -314,14 +348,14 @@ void ResourceTable<Spec>::release(const ResourceHandle& handle, const ClientInst
   for (const auto& replaced : resource.replaced) {
     this->releaseSaid(replaced.index, client.clientId(), entry);
   }
-  (void)this->holdDel(resource.number, client.clientId());
+  this->holdDel(resource.number, client.clientId());
   resource.holders.erase(holder);
   const_cast<ResourceHandle&>(handle).postReleaseProtoStateIs(true);
 }
 
 // Its handles stay with whoever has them; nobody else gets them.
-template <class Spec>
-void ResourceTable<Spec>::clientGone(const ClientInstance& client) noexcept {
+template <class Kind>
+void ResourceTable<Kind>::clientGone(const ClientInstance& client) noexcept {
   for (const auto& node : resources_) {
     for (auto* handle = node.value()->handles; handle != nullptr; handle = handle->next()) {
       if (handle->client() == &client) {
@@ -331,8 +365,8 @@ void ResourceTable<Spec>::clientGone(const ClientInstance& client) noexcept {
   }
 }
 
-template <class Spec>
-void ResourceTable<Spec>::handleGone(PactResourceTable::ResourceHandle& handle) noexcept {
+template <class Kind>
+void ResourceTable<Kind>::handleGone(PactResourceTable::ResourceHandle& handle) noexcept {
   Resource& resource = resourceOf(handle);
   if (resource.handles == &handle) {
     resource.handles = handle.next();
@@ -347,8 +381,8 @@ void ResourceTable<Spec>::handleGone(PactResourceTable::ResourceHandle& handle) 
 }
 
 // Forgets a resource that nobody holds, nobody asks for and the chip does not use.
-template <class Spec>
-void ResourceTable<Spec>::maybeDrop(Resource& resource) {
+template <class Kind>
+void ResourceTable<Kind>::maybeDrop(Resource& resource) {
   if (resource.handles != nullptr || !resource.holders.empty() ||
       (resource.index != 0 && this->isReleased(resource.index))) {
     return;
@@ -360,15 +394,16 @@ void ResourceTable<Spec>::maybeDrop(Resource& resource) {
     pool().give(index);
   }
   queuedIs(resource, false);
+  preparingIs(resource, false);
   for (const auto& replaced : resource.replaced) {
     replacedIn_.erase(replaced.index);
   }
-  byNumber_.erase(resource.number);
+  freeNumbers_.push_back(resource.number);
   (void)resources_.del(resource.key);
 }
 
-template <class Spec>
-void ResourceTable<Spec>::releaseReported(std::uint32_t index) {
+template <class Kind>
+void ResourceTable<Kind>::releaseReported(std::uint32_t index) {
   if (const auto replaced = replacedIn_.extract(index)) {
     std::erase_if(replaced.mapped()->replaced, [&](const auto& one) { return one.index == index; });
   }
@@ -380,40 +415,26 @@ void ResourceTable<Spec>::releaseReported(std::uint32_t index) {
   maybeDrop(*resource);
 }
 
-template <class Spec>
-bool ResourceTable<Spec>::serveWaiting() {
+template <class Kind>
+bool ResourceTable<Kind>::serveWaiting() {
   bool served = false;
-  while (!queue_.empty()) {
-    const Lumen::Ptr<Resource> first = queue_.front();
-    // One that waits no more is passed over.
-    if (first->queued) {
-      if (pool().taken() == pool().limit()) {
-        break;
-      }
-      settle(*first, ClientId{}, Turn::next);
-      if (first->queued) {
-        break;  // the store has no room
-      }
-      served = true;
+  while (!queue_.empty() && pool().taken() != pool().limit()) {
+    const Lumen::Ptr<Resource> first(queue_.begin()->second);
+    settle(*first, ClientId{}, Turn::next);
+    if (first->queued != 0) {
+      break;  // the store has no room
     }
-    queue_.pop_front();
+    served = true;
   }
   return served;
 }
 
-template <class Spec>
-bool ResourceTable<Spec>::failLate(double time) {
+template <class Kind>
+bool ResourceTable<Kind>::failLate(double time) {
   bool failed = false;
-  for (const auto& resource : std::exchange(unresolved_, {})) {
-    const bool waits = resource->state == Asic::EntryState::entryStateUnresolved ||
-                       resource->state == Asic::EntryState::entryStateInLog;
-    if (!waits || resource->handles == nullptr) {
-      continue;
-    }
-    if (resource->since > time) {
-      unresolved_.push_back(resource);
-      continue;
-    }
+  while (!preparing_.empty() && preparing_.begin()->second->since <= time) {
+    const Lumen::Ptr<Resource> resource(preparing_.begin()->second);
+    preparingIs(*resource, false);
     LUMEN_TRACE(this->traceHandle(), 1, className(), "Past its deadline: {}", resource->key);
     stateIs(*resource, Asic::EntryState::entryStateFailed6);
     failed = true;
@@ -421,19 +442,32 @@ bool ResourceTable<Spec>::failLate(double time) {
   return failed;
 }
 
-template <class Spec>
-void ResourceTable<Spec>::prepareIs(const Key& key, Stage stage) {
-  Order& order = orders_[key];
-  order.stage = stage;
+template <class Kind>
+bool ResourceTable<Kind>::orderIs(const Key& key, const Order& order) {
   if (order.stage == Stage::none && !order.refused) {
     orders_.erase(key);
+  } else if (orders_.size() < kMostOrders || orders_.contains(key)) {
+    orders_[key] = order;
+  } else {
+    return false;
+  }
+  if (Resource* resource = find(key)) {
+    resource->order = order;
+  }
+  return true;
+}
+
+template <class Kind>
+bool ResourceTable<Kind>::prepareIs(const Key& key, Stage stage) {
+  const auto order = orders_.find(key);
+  if (!orderIs(key, {stage, order != orders_.end() && order->second.refused})) {
+    return false;
   }
   const Lumen::Ptr<Resource> resource(find(key));
   if (!resource || resource->index != 0) {
-    return;
+    return true;
   }
   if (resource->state == Asic::EntryState::entryStateFailed6) {
-    resource->since = Brio::System::currentTimeUtc();
     stateIs(*resource, Asic::EntryState::entryStateUnresolved);
   }
   // Whoever was told may have let go of it.
@@ -441,35 +475,53 @@ void ResourceTable<Spec>::prepareIs(const Key& key, Stage stage) {
     settle(*resource, ClientId{});
   }
   this->askAgain();
+  return true;
 }
 
-template <class Spec>
-void ResourceTable<Spec>::refusedIs(const Key& key, bool refused) {
-  Order& order = orders_[key];
-  order.refused = refused;
-  if (!refused && order.stage == Stage::none) {
-    orders_.erase(key);
+template <class Kind>
+bool ResourceTable<Kind>::refusedIs(const Key& key, bool refused) {
+  const auto order = orders_.find(key);
+  if (!orderIs(key, {order == orders_.end() ? Stage::none : order->second.stage, refused})) {
+    return false;
   }
   if (Resource* resource = find(key)) {
     settle(*resource, ClientId{});
     this->askAgain();
   }
+  return true;
 }
 
-template <class Spec>
-bool ResourceTable<Spec>::change(const Key& key) {
+template <class Kind>
+auto ResourceTable<Kind>::canChange(const Key& key) -> CanChange {
   Resource* resource = find(key);
-  if (resource == nullptr || resource->state != Asic::EntryState::entryStateSuccess) {
+  if (resource == nullptr || resource->index == 0) {
+    return CanChange::notThere;
+  }
+  if (resource->state != Asic::EntryState::entryStateSuccess) {
+    return CanChange::refused;
+  }
+  if (pool().taken() == pool().limit()) {
+    return CanChange::noIndex;
+  }
+  for (const auto& holder : resource->holders) {
+    if (!this->hasRoomForRelease(resource->index, holder.client)) {
+      return CanChange::noRoom;
+    }
+  }
+  return CanChange::yes;
+}
+
+template <class Kind>
+bool ResourceTable<Kind>::change(const Key& key) {
+  if (canChange(key) != CanChange::yes) {
     return false;
   }
-  const std::uint32_t index = pool().take();
-  if (index == 0) {
-    return false;
-  }
+  Resource* resource = find(key);
   const std::uint32_t old = resource->index;
+  const std::uint32_t index = pool().take();
   // Whoever holds it will say from when on the old index is free.
-  for (const ClientId& client : resource->holders) {
-    this->releaseAwaited(old, client);
+  for (const auto& holder : resource->holders) {
+    this->releaseAwaited(old, holder.client);
   }
   indexIs(*resource, index);
   ++resource->updateVersion;
@@ -486,28 +538,37 @@ bool ResourceTable<Spec>::change(const Key& key) {
   return true;
 }
 
-template <class Spec>
-void ResourceTable<Spec>::replayComplete() {
-  this->takeOldHolds([this](std::uint32_t number, ClientId client) {
-    const auto found = byNumber_.find(number);
-    if (found == byNumber_.end()) {
-      return;
-    }
-    std::erase(found->second->holders, client);
-    if (found->second->index != 0) {
-      const Asic::LogVersion last = this->lastVersion(client.tableId);
-      if (last.value != 0) {
-        this->releaseIs(found->second->index, client, last);
-      }
-    }
-  });
-  this->oldReleasesSaid();
-  // What nobody has asked for, and the chip does not use.
+template <class Kind>
+void ResourceTable<Kind>::replayComplete() {
   std::vector<Lumen::Ptr<Resource>> all;
   for (const auto& node : resources_) {
     all.push_back(node.value());
   }
+  // The release first: a process that dies in between leaves both.
   for (const auto& resource : all) {
+    std::erase_if(resource->holders, [&](const auto& holder) {
+      if (!holder.old) {
+        return false;
+      }
+      const Asic::LogVersion last = this->lastVersion(holder.client.tableId);
+      if (resource->index != 0 && last.value != 0) {
+        this->releaseIs(resource->index, holder.client, last);
+      }
+      for (const auto& replaced : resource->replaced) {
+        this->releaseSaid(replaced.index, holder.client);
+      }
+      this->holdDel(resource->number, holder.client);
+      return true;
+    });
+  }
+  this->oldReleasesSaid();
+  // What nobody has asked for, and the chip does not use.
+  for (const auto& resource : all) {
+    // A run that ended between the log record of an entry and its hold has left no word of the use.
+    if (resource->index != 0 && resource->handles == nullptr && resource->holders.empty() &&
+        !this->isReleased(resource->index)) {
+      this->releaseOfAll(resource->index);
+    }
     maybeDrop(*resource);
   }
   (void)this->work();

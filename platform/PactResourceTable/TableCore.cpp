@@ -1,6 +1,7 @@
 #include "PactResourceTable/TableCore.h"
 
 #include <algorithm>
+#include <chrono>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -8,7 +9,6 @@
 #include "Asic/SharedMemory.h"
 #include "Brio/Log.h"
 #include "Brio/LogHandle.h"
-#include "Brio/System.h"
 #include "BrioSharedMem/MountGroup.h"
 #include "Lumen/Assert.h"
 #include "Lumen/Exception.h"
@@ -75,7 +75,6 @@ TableCore::TableCore(const Lumen::Ptr<const Asic::CanonicalTableName>& canonical
       std::min<std::uint64_t>(std::uint64_t{limit} * kClients + 1024, 1U << 24));
   holds_ = mount<HoldQuilt>(kHolds, kHoldQuiltType, many);
   releases_ = mount<ReleaseQuilt>(kReleases, kReleaseQuiltType, many);
-  loadHolds();
   loadReleases();
 }
 
@@ -103,47 +102,27 @@ Lumen::Ptr<Brio::Entity> TableCore::mountEntity(const char* collection, const ch
 
 // ---- holds
 
-void TableCore::loadHolds() {
-  forEach(holds_->map(), [&](const HoldRecord& hold) { run_ = std::max(run_, hold.run + 1); });
-}
-
 bool TableCore::hasRoomForUse(std::uint32_t number, std::uint32_t index, ClientId client) {
-  return holds_->map().hasRoomFor({number, client}) && releases_->map().hasRoomFor({index, client});
+  return holds_->map().hasRoomFor({number, client}) && hasRoomForRelease(index, client);
 }
 
-void TableCore::forEachHold(
-    const std::function<void(std::uint32_t number, ClientId client)>& visit) {
-  forEach(holds_->map(), [&](const HoldRecord& hold) { visit(hold.key.number, hold.key.client); });
+bool TableCore::hasRoomForRelease(std::uint32_t index, ClientId client) {
+  return releases_->map().hasRoomFor({index, client});
 }
 
-bool TableCore::holdIs(std::uint32_t number, ClientId client, std::uint32_t acked) {
+void TableCore::forEachHold(const std::function<void(const HoldRecord& hold)>& visit) {
+  forEach(holds_->map(), visit);
+}
+
+void TableCore::holdIs(std::uint32_t number, ClientId client, std::uint32_t acked) {
   HoldRecord hold;
   hold.key = {number, client};
   hold.acked = acked;
-  hold.run = run_;
-  const auto present = find(holds_->map(), hold.key);
-  if (!present || present->run != run_ || present->acked != acked) {
-    holds_->map().recordIs(hold);
-  }
-  return !present;
+  holds_->map().recordIs(hold);
 }
 
-bool TableCore::holdDel(std::uint32_t number, ClientId client) {
-  return holds_->map().recordDel({number, client});
-}
-
-void TableCore::takeOldHolds(
-    const std::function<void(std::uint32_t number, ClientId client)>& take) {
-  std::vector<UseKey> old;
-  forEach(holds_->map(), [&](const HoldRecord& hold) {
-    if (hold.run != run_) {
-      old.push_back(hold.key);
-    }
-  });
-  for (const UseKey& key : old) {
-    take(key.number, key.client);
-    (void)holds_->map().recordDel(key);
-  }
+void TableCore::holdDel(std::uint32_t number, ClientId client) {
+  (void)holds_->map().recordDel({number, client});
 }
 
 // ---- releases
@@ -195,11 +174,14 @@ void TableCore::take(Pending& pending, const Entry& entry) {
   }
 }
 
+// A release that is there already is one up to the later of both versions.
 void TableCore::releaseWrite(const UseKey& key, Asic::LogVersion version) {
   const auto present = find(releases_->map(), key);
   if (!present) {
     ++busy_[key.number];
     ++releaseCount_;
+  } else if (present->version != ReleaseRecord::kNotYet) {
+    version = std::max(version, present->version);
   }
   if (!present || present->version != version) {
     ReleaseRecord release;
@@ -228,6 +210,10 @@ void TableCore::releaseIs(std::uint32_t index, ClientId client, const Entry& ent
   if (!entry) {
     return;
   }
+  if (const Asic::LogVersion version = entry->entryTableVersion().version; version.value != 0) {
+    releaseIs(index, client, version);
+    return;
+  }
   const UseKey key{index, client};
   take(pending(key), entry);
   releaseSettle(key);
@@ -235,14 +221,34 @@ void TableCore::releaseIs(std::uint32_t index, ClientId client, const Entry& ent
 
 void TableCore::releaseIs(std::uint32_t index, ClientId client, Asic::LogVersion version) {
   const UseKey key{index, client};
-  Pending& of = pending(key);
-  of.known = std::max(of.known, version);
+  const auto at = pending_.find(key);
+  if (at == pending_.end()) {
+    releaseWrite(key, version);
+    return;
+  }
+  at->second.known = std::max(at->second.known, version);
   releaseSettle(key);
+}
+
+void TableCore::releaseOfAll(std::uint32_t index) {
+  for (const auto& [name, group] : groups_->groupIntfs()) {
+    for (const auto& [tableId, set] : group->swTableSets()) {
+      const ClientId client{tableId, Asic::UnitId{}};
+      const Asic::LogVersion last = group->publishedVersion(tableId);
+      if (last > group->statusVersion(tableId).value_or(Asic::LogVersion{}) &&
+          hasRoomForRelease(index, client)) {
+        releaseIs(index, client, last);
+      }
+    }
+  }
 }
 
 void TableCore::releaseAwaited(std::uint32_t index, ClientId client) {
   const UseKey key{index, client};
-  pending(key).awaited = true;
+  Pending& of = pending(key);
+  of.awaited = true;
+  // What the client has published so far may carry the index, whatever it says.
+  of.known = std::max(of.known, lastVersion(client.tableId));
   releaseSettle(key);
 }
 
@@ -253,8 +259,27 @@ void TableCore::releaseSaid(std::uint32_t index, ClientId client, const Entry& e
     return;
   }
   at->second.awaited = at->second.old;
+  if (entry) {
+    // Of several entries that the client has rewritten, it names one.
+    at->second.known = std::max(at->second.known, lastVersion(client.tableId));
+  }
   take(at->second, entry);
   releaseSettle(key);
+}
+
+void TableCore::releaseSaid(std::uint32_t index, ClientId client) {
+  const UseKey key{index, client};
+  const auto at = pending_.find(key);
+  if (at == pending_.end() || !at->second.awaited) {
+    return;
+  }
+  at->second.awaited = at->second.old;
+  at->second.known = std::max(at->second.known, lastVersion(client.tableId));
+  releaseSettle(key);
+}
+
+double TableCore::now() noexcept {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 // What came to its end without a version has left nothing in the log.
@@ -317,7 +342,8 @@ Asic::LogVersion TableCore::lastVersion(Asic::SwTableId tableId) const {
 }
 
 // A log that was begun anew never comes to the versions of the old one, which nobody has on the
-// chip any more when the new one is there up to its end.
+// chip any more when the hardware side says that it has the new one up to its end. A log of which
+// it has said nothing, or that is not mounted, tells nothing.
 bool TableCore::takeReports() {
   bool moved = false;
   for (auto& [tableId, waiting] : waiting_) {
@@ -325,10 +351,10 @@ bool TableCore::takeReports() {
       continue;
     }
     const auto group = groupOf(tableId);
-    const Asic::LogVersion reported =
-        group ? group->statusVersion(tableId).value_or(Asic::LogVersion{}) : Asic::LogVersion{};
+    const auto status = group ? group->statusVersion(tableId) : std::nullopt;
+    const Asic::LogVersion reported = status.value_or(Asic::LogVersion{});
     const Asic::LogVersion last = group ? group->publishedVersion(tableId) : Asic::LogVersion{};
-    const bool all = group && reported >= last;
+    const bool all = status.has_value() && reported >= last;
     while (!waiting.empty()) {
       const auto [version, key] = *waiting.begin();
       const auto present = find(releases_->map(), key);
@@ -353,7 +379,7 @@ bool TableCore::work() {
   bool moved = takeReports();
   // Not at every turn of the list above: who waits is served with all that has become free.
   moved = serveWaiting() || moved;
-  moved = (deadline_ > 0 && failLate(Brio::System::currentTimeUtc() - deadline_)) || moved;
+  moved = (deadline_ > 0 && failLate(now() - deadline_)) || moved;
   if (moved) {
     askAgain();
   }

@@ -68,15 +68,12 @@ class TableCore : public Asic::NamedSwTable {
 
   // Whether the collections have room for a hold of this resource and its release.
   [[nodiscard]] bool hasRoomForUse(std::uint32_t number, std::uint32_t index, ClientId client);
-  // Calls visit(number, client) for each hold, whichever run it is of.
-  void forEachHold(const std::function<void(std::uint32_t number, ClientId client)>& visit);
-  // The client has worked off version `acked`. True if it did not hold the resource.
-  bool holdIs(std::uint32_t number, ClientId client, std::uint32_t acked);
-  // False if it did not hold it.
-  bool holdDel(std::uint32_t number, ClientId client);
-  // Calls take(client) for each hold that is not of this run, by its resource's number, and removes
-  // it then.
-  void takeOldHolds(const std::function<void(std::uint32_t number, ClientId client)>& take);
+  [[nodiscard]] bool hasRoomForRelease(std::uint32_t index, ClientId client);
+  // Calls visit(hold) for each hold in the store.
+  void forEachHold(const std::function<void(const HoldRecord& hold)>& visit);
+  // The client holds the resource and has worked off version `acked`.
+  void holdIs(std::uint32_t number, ClientId client, std::uint32_t acked);
+  void holdDel(std::uint32_t number, ClientId client);
 
   // ---- releases
 
@@ -86,10 +83,14 @@ class TableCore : public Asic::NamedSwTable {
   // yet, such as that of a remove-all, whose uses go before it is logged. Null: it is free of it.
   void releaseIs(std::uint32_t index, ClientId client, const Entry& entry);
   void releaseIs(std::uint32_t index, ClientId client, Asic::LogVersion version);
-  // The client will say so, with releaseSaid().
+  // Whoever has used it does without it from what all tables have published now.
+  void releaseOfAll(std::uint32_t index);
+  // The client will say so, with releaseSaid(). Until then it may publish what carries the index.
   void releaseAwaited(std::uint32_t index, ClientId client);
   // It says so; nothing if nobody waits for that.
   void releaseSaid(std::uint32_t index, ClientId client, const Entry& entry);
+  // It is never going to: it has done without since what it has published now.
+  void releaseSaid(std::uint32_t index, ClientId client);
   [[nodiscard]] bool isReleased(std::uint32_t index) const { return busy_.contains(index); }
   // What an earlier run's clients had still to say, nobody is going to.
   void oldReleasesSaid();
@@ -100,8 +101,10 @@ class TableCore : public Asic::NamedSwTable {
   virtual void releaseReported(std::uint32_t index) = 0;
   // Serves what waits for an index; true if anybody was.
   virtual bool serveWaiting() = 0;
-  // Fails what has been unresolved since before `time`; true if anything was.
+  // Fails what has been unresolved since before `time`, of now(); true if anything was.
   virtual bool failLate(double time) = 0;
+  // Seconds, of a clock that nobody sets.
+  [[nodiscard]] static double now() noexcept;
 
   [[nodiscard]] IndexPool& pool() noexcept { return pool_; }
   // Asks all resolvers to put their questions anew.
@@ -123,7 +126,6 @@ class TableCore : public Asic::NamedSwTable {
     [[nodiscard]] bool settled() const noexcept { return entries.empty() && !awaited; }
   };
 
-  void loadHolds();
   void loadReleases();
   [[nodiscard]] Pending& pending(const UseKey& key);
   void take(Pending& pending, const Entry& entry);
@@ -144,7 +146,6 @@ class TableCore : public Asic::NamedSwTable {
   std::unordered_map<std::uint32_t, std::uint32_t> busy_;  // releases by index
   std::map<UseKey, Pending> pending_;
   std::size_t releaseCount_ = 0;
-  std::uint32_t run_ = 1;
   double deadline_ = 0;
 };
 

@@ -27,6 +27,8 @@ class Chains {
 
  private:
   static constexpr std::size_t kMostSmallWords = 16;
+  static constexpr std::size_t kParts = 4;  // of a large record
+  static constexpr std::size_t kPartWords = Traits::kWords / kParts;
 
   struct RecordWords {
     std::uint64_t words[Traits::kWords];
@@ -105,22 +107,33 @@ class Chains {
   [[nodiscard]] static const Record& recordIn(const RecordSlot& slot) noexcept {
     return *std::launder(static_cast<const Record*>(static_cast<const void*>(slot.words)));
   }
-  // Calls load(i) for each word of a record in order, hands it to take(i, word), and gives the
-  // checksum of all. For small records nothing goes through memory.
+  // Calls load(i) once for each word of a record, hands it to take(i, word), and gives the checksum
+  // of all.
   template <class Load, class Take>
   [[nodiscard]] static std::uint32_t checksumOver(std::uint32_t generation, Load&& load,
                                                   Take&& take) noexcept {
-    if constexpr (Traits::kWords <= kMostSmallWords) {
-      if (Crc32c::kHasInstruction) [[likely]] {
+    if (Crc32c::kHasInstruction) [[likely]] {
+      const auto one = [&](std::uint64_t& state, std::size_t i) {
+        const std::uint64_t word = load(i);
+        take(i, word);
+        state = Crc32c::stepByInstruction(state, word);
+      };
+      if constexpr (Traits::kWords <= kMostSmallWords) {
         std::uint64_t state = ~generation;
-        const auto one = [&](std::size_t i) {
-          const std::uint64_t word = load(i);
-          take(i, word);
-          state = Crc32c::stepByInstruction(state, word);
-        };
-        [&]<std::size_t... I>(std::index_sequence<I...>) { (one(I), ...); }
+        [&]<std::size_t... I>(std::index_sequence<I...>) { (one(state, I), ...); }
         (std::make_index_sequence<Traits::kWords>());
         return static_cast<std::uint32_t>(state);
+      } else {
+        std::uint64_t states[kParts] = {~0U, ~0U, ~0U, ~0U};
+        for (std::size_t i = 0; i < kPartWords; ++i) {
+          for (std::size_t part = 0; part < kParts; ++part) {
+            one(states[part], part * kPartWords + i);
+          }
+        }
+        for (std::size_t i = kParts * kPartWords; i < Traits::kWords; ++i) {
+          one(states[kParts - 1], i);
+        }
+        return overParts(states, generation);
       }
     }
     RecordWords record;
@@ -148,15 +161,19 @@ class Chains {
     if constexpr (kCount <= kMostSmallWords) {
       return Crc32c::extend(~generation, record.words, kCount);
     } else {
-      constexpr std::size_t kPart = kCount / 4;
-      const std::uint64_t parts[2] = {
-          Crc32c::extend(~0U, record.words, kPart) |
-              std::uint64_t{Crc32c::extend(~0U, record.words + kPart, kPart)} << 32,
-          Crc32c::extend(~0U, record.words + 2 * kPart, kPart) |
-              std::uint64_t{Crc32c::extend(~0U, record.words + 3 * kPart, kCount - 3 * kPart)}
-                  << 32};
-      return Crc32c::extend(~generation, parts, 2);
+      std::uint64_t states[kParts];
+      for (std::size_t part = 0; part < kParts; ++part) {
+        const std::size_t first = part * kPartWords;
+        states[part] = Crc32c::extend(~0U, record.words + first,
+                                      part + 1 < kParts ? kPartWords : kCount - first);
+      }
+      return overParts(states, generation);
     }
+  }
+  [[nodiscard]] static std::uint32_t overParts(const std::uint64_t (&states)[kParts],
+                                               std::uint32_t generation) noexcept {
+    const std::uint64_t parts[2] = {states[0] | states[1] << 32, states[2] | states[3] << 32};
+    return Crc32c::extend(~generation, parts, 2);
   }
 
   Word64* heads_;

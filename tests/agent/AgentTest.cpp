@@ -35,7 +35,8 @@ TEST_F(AgentProcess, EveryTablesExampleComesToAGoodEnd) {
   }
   const Json summary = this->summary("summary");
   EXPECT_EQ(summary["intents"],
-            Json::parse(R"({"accepted":19,"skipped":0,"succeeded":19,"failed":0,"inFlight":0})"));
+            Json::parse(R"({"accepted":19,"skipped":0,"succeeded":19,"failed":0,"inFlight":0,)"
+                        R"("waitingForResources":0,"cameThroughAgain":0})"));
   EXPECT_EQ(tableOf(summary, "EsemFodo", 0),
             Json::parse(R"({"table":"EsemFodo","unit":0,"written":5,"removed":2,"suppressed":0,)"
                         R"("failed":0,"inLog":0,"entries":1,"pending":false,"tableVersion":7,)"

@@ -59,6 +59,8 @@ class Feature {
     }
     return true;
   }
+  // Reads until there is something more; false at the end of the stream.
+  bool receivesMore() { return readSome(); }
   // Reads to the end of the stream.
   const std::string& all() {
     while (readSome()) {

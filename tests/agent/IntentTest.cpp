@@ -11,6 +11,7 @@
 #include "KelpEmServer/TableCatalogue.h"
 #include "SampleEntries.h"
 #include "common/EntryJson.h"
+#include "common/ResourceEvent.h"
 
 namespace {
 
@@ -23,6 +24,15 @@ using testing::StartsWith;
 std::string errorOf(const std::string& line) {
   try {
     (void)Common::parseIntent(line);
+    return "";
+  } catch (const Common::InputError& error) {
+    return error.what();
+  }
+}
+
+std::string errorOfEvent(const std::string& line) {
+  try {
+    (void)Common::parseResourceEvent(line);
     return "";
   } catch (const Common::InputError& error) {
     return error.what();
@@ -188,10 +198,10 @@ TEST(Intent, ANameThatStandsTwiceIsRefused) {
 }
 
 TEST(Intent, WhatIsMissingOrUnknownIsNamed) {
-  EXPECT_EQ(errorOf("{}"), R"(op is missing: write "write", "remove" or "removeAll")");
-  EXPECT_EQ(errorOf(R"({"op":"wrote"})"),
-            R"(op is "wrote": write "write", "remove" or "removeAll")");
-  EXPECT_EQ(errorOf(R"({"op":5})"), R"(op is 5: write "write", "remove" or "removeAll")");
+  const std::string ops = R"(write "write", "remove", "removeAll" or "resource")";
+  EXPECT_EQ(errorOf("{}"), "op is missing: " + ops);
+  EXPECT_EQ(errorOf(R"({"op":"wrote"})"), "op is \"wrote\": " + ops);
+  EXPECT_EQ(errorOf(R"({"op":5})"), "op is 5: " + ops);
   EXPECT_THAT(errorOf(R"({"op":"removeAll"})"),
               StartsWith(R"(table is missing: write "EsemFodo", )"));
   EXPECT_THAT(errorOf(R"({"op":"removeAll","table":"Isem3Tag","unit":0})"),
@@ -292,8 +302,12 @@ TEST(Intent, AfterNamesAnEntryInFull) {
               StartsWith("after.op is unknown: "));
 }
 
-// Every line that a reader may copy from the documentation or the examples is an intent.
+// Every line that a reader may copy from the documentation or the examples is an intent, or an
+// event of a resource.
 TEST(Intent, TheExamplesAreIntents) {
+  const auto errorOfLine = [](const std::string& line) {
+    return Common::isResourceEvent(line) ? errorOfEvent(line) : errorOf(line);
+  };
   unsigned read = 0;
   std::vector<std::filesystem::path> files = {KELP_INTENTS_DOCUMENT};
   for (const auto& file : std::filesystem::directory_iterator(KELP_EXAMPLES)) {
@@ -308,7 +322,7 @@ TEST(Intent, TheExamplesAreIntents) {
       if (document ? line.rfind("{\"op\"", 0) != 0 : Common::isBlankOrComment(line)) {
         continue;
       }
-      EXPECT_EQ(errorOf(line), "") << path << ": " << line;
+      EXPECT_EQ(errorOfLine(line), "") << path << ": " << line;
       ++read;
     }
   }

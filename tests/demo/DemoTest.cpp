@@ -18,6 +18,8 @@
 #include "demo/Child.h"
 #include "demo/Expected.h"
 #include "demo/Generator.h"
+#include "demo/Input.h"
+#include "demo/OutcomeTail.h"
 #include "demo/Report.h"
 #include "demo/Watch.h"
 
@@ -85,6 +87,119 @@ TEST_F(Processes, TheDemoRestartsTheAgentHalfwayAndTellsTheChipOnlyWhatIsOwed) {
                            "check: the restart halfway told the chip [0-9]+ changes, just "
                            "those that the killed agent still owed; the other "
                            "[1-9][0-9]* entries were left alone"));
+}
+
+TEST_F(Processes, TheDemoHasProfilesChangeRunOutAndComeFreeAndARestartKeepsEveryIndex) {
+  EXPECT_EQ(run("kelp-demo", {"--intents", "8000", "--seed", "5"}), 0) << output_ << obituary_;
+  EXPECT_THAT(output_,
+              testing::ContainsRegex("8000 intents: 8000 carried out \\(77 at a second try"));
+  EXPECT_THAT(output_,
+              testing::ContainsRegex("check: a VLAN edit profile changed: the chip was told "
+                                     "[1-9][0-9]* changes"));
+  EXPECT_THAT(output_, HasSubstr("check: 300 VLAN edits more were asked for: 77 writes found no "
+                                 "profile, 77 of them came through"));
+  EXPECT_THAT(output_, HasSubstr("every entry has the indexes that it had, the chip was told 0"));
+}
+
+TEST_F(Processes, AnEventInAFileOfTheUsersOwnIsNoIntent) {
+  writeFile(
+      file("own.jsonl"),
+      R"({"op":"resource","resource":"inLifIndex","key":{"attachmentCircuit":7},"event":"allow"}
+{"op":"write","table":"Isem1Tag","unit":0,"key":{"port":3,"vlan":5},"resources":{"attachmentCircuit":7}}
+)");
+  EXPECT_EQ(run("kelp-demo", {file("own.jsonl")}), 0) << output_ << obituary_;
+  EXPECT_THAT(output_, HasSubstr("1 intents: 1 carried out, 0 failed"));
+  EXPECT_THAT(output_, HasSubstr("add up to: 1 entries"));
+}
+
+class Outcomes : public testing::Test {
+ protected:
+  static constexpr const char* kFile = "metro.jsonl";
+
+  Outcomes() {
+    input_.file = kFile;
+    input_.lines.resize(3);
+    input_.inFile = 2;
+  }
+  static std::string outcome(const std::string& source, unsigned line, const char* outcome,
+                             bool again = false) {
+    return "{\"source\":\"" + source + "\",\"line\":" + std::to_string(line) +
+           ",\"op\":\"write\",\"outcome\":\"" + outcome + "\"" + (again ? ",\"again\":true}" : "}");
+  }
+  void tell(const std::string& text) { std::ofstream(path_, std::ios::app) << text; }
+
+  TestSupport::TempRoot root_;
+  const std::string path_ = root_.path() + "/outcomes.jsonl";
+  Demo::Input input_;
+};
+
+TEST_F(Outcomes, AreTakenAsTheyCome) {
+  tell("");
+  Demo::OutcomeTail tail(input_, path_);
+  tail.read();
+  EXPECT_EQ(tail.count(0, 3).ended, 0U);
+  tell(outcome(kFile, 1, "success") + "\n" + outcome("-", 1, "fai"));
+  tail.read();
+  EXPECT_EQ(tail.count(0, 3).ended, 1U) << "half a line is none";
+  EXPECT_TRUE(tail.isDone(0));
+  std::ofstream(path_) << outcome(kFile, 1, "success") + "\n" + outcome("-", 1, "failed") + "\n";
+  Demo::OutcomeTail whole(input_, path_);
+  whole.read();
+  EXPECT_EQ(whole.count(0, 3).ended, 2U);
+  EXPECT_EQ(whole.count(0, 3).failed, 1U);
+  EXPECT_FALSE(whole.isDone(2));
+  tell(outcome("-", 1, "success", true) + "\n{\"op\":\"replayComplete\"}\n");
+  whole.read();
+  EXPECT_EQ(whole.count(0, 3).failed, 0U);
+  EXPECT_EQ(whole.count(2, 3).cameThrough, 1U);
+  EXPECT_TRUE(whole.isDone(2));
+}
+
+TEST_F(Outcomes, OfNoLineOrTooManyAreNamed) {
+  for (const std::string& text :
+       {outcome(kFile, 3, "success"), outcome("-", 2, "success"), outcome(kFile, 0, "success"),
+        outcome(kFile, 1, "success", true),
+        outcome(kFile, 1, "failed") + "\n" + outcome(kFile, 1, "success"),
+        outcome(kFile, 1, "success") + "\n" + outcome(kFile, 1, "success", true)}) {
+    std::ofstream(path_) << text + "\n";
+    Demo::OutcomeTail tail(input_, path_);
+    EXPECT_THROW(tail.read(), std::runtime_error) << text;
+  }
+}
+
+TEST(Report, FailsIfProfilesDoNotDoAsTheyShould) {
+  Demo::Report report;
+  report.chipEqual = true;
+  const Demo::ProfileFigures good{7, 7, 300, 77, 77, 0};
+  report.profiles = good;
+  EXPECT_TRUE(report.good());
+  EXPECT_THAT(report.text(), Not(HasSubstr("FAILED")));
+  for (std::uint64_t Demo::ProfileFigures::*figure :
+       {&Demo::ProfileFigures::users, &Demo::ProfileFigures::rewritten,
+        &Demo::ProfileFigures::failed, &Demo::ProfileFigures::cameThrough,
+        &Demo::ProfileFigures::changes}) {
+    report.profiles = good;
+    *report.profiles.*figure += 1;
+    EXPECT_FALSE(report.good());
+    EXPECT_THAT(report.text(), HasSubstr("check FAILED"));
+  }
+  report.profiles = Demo::ProfileFigures{0, 0, 300, 77, 77, 0};
+  EXPECT_FALSE(report.good()) << "nobody used it";
+  report.profiles = Demo::ProfileFigures{7, 7, 300, 0, 0, 0};
+  EXPECT_FALSE(report.good()) << "none has run out";
+}
+
+TEST(Report, AnAgentWhoseIntentsFailedAtFirstOnlyHasEndedWell) {
+  Demo::Report report;
+  report.chipEqual = true;
+  report.agentStatus = 3;
+  EXPECT_FALSE(report.good());
+  report.intents = 5;
+  report.outcomes = {5, 0, 2};
+  EXPECT_TRUE(report.good());
+  EXPECT_THAT(report.text(), HasSubstr("5 carried out (2 at a second try), 0 failed"));
+  report.outcomes = {4, 1, 2};
+  EXPECT_FALSE(report.good());
 }
 
 TEST(Report, FailsIfARestartHasToldTheChipMoreOrLessThanWasOwed) {

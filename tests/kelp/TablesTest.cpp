@@ -234,6 +234,10 @@ TYPED_TEST(KelpShows, ResourcesWithWhoHoldsThemAndWhatWaits) {
       EXPECT_EQ(resource["state"], "given out");
       EXPECT_EQ(resource["version"], 1U);
       EXPECT_NE(resource["index"], 0U);
+      const unsigned index = resource["index"];
+      EXPECT_EQ(resource["result"], table["resource"] == "inLifIndex"
+                                        ? Json({2 * index - 1, 2 * index})
+                                        : Json::array({index}));
       ASSERT_EQ(resource["clients"].size(), 1U) << "each unit names one of its own";
       EXPECT_EQ(resource["clients"][0]["table"], TypeParam::name.view());
       EXPECT_EQ(resource["clients"][0]["seen"], 1U);

@@ -17,6 +17,7 @@
 #include "Brio/Log.h"
 #include "BrioSharedMem/EntityPath.h"
 #include "Quilt/Seam.h"
+#include "SampleResources.h"
 #include "TableFixture.h"
 #include "chip/HardwareSide.h"
 
@@ -40,6 +41,16 @@ class KillFixture : public TableFixture<T> {
 
   static constexpr std::uint64_t kKeys = 6;
   static constexpr std::uint64_t kVariants = 4;
+
+  // Of a table with two resources, an entry names both.
+  static Entry entry(std::uint64_t number, std::uint64_t variant) {
+    Entry made = Base::entry(number, variant);
+    if constexpr (requires { made.rsrcKeys.vlanEditProfileKey; }) {
+      using ResourceKey = decltype(made.rsrcKeys.vlanEditProfileKey);
+      made.rsrcKeys.vlanEditProfileKey = sampleResource<ResourceKey>(variant + 1);
+    }
+    return made;
+  }
 
   // What an agent told before it ended.
   struct Told {

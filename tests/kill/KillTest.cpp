@@ -1,6 +1,6 @@
 #include <gmock/gmock.h>
 
-#include "KillFixture.h"
+#include "ResourceRecount.h"
 
 // An agent is ended in front of every single store to shared memory and every operation on a file,
 // in every kind of operation. The next one must find the table as it was before the operation or as
@@ -10,9 +10,9 @@
 namespace {
 
 template <class T>
-class AgentEndedAnywhere : public TestSupport::KillFixture<T> {
+class AgentEndedAnywhere : public TestSupport::ResourceRecount<T> {
  protected:
-  using Base = TestSupport::KillFixture<T>;
+  using Base = TestSupport::ResourceRecount<T>;
   using typename Base::Content;
   using typename Base::Place;
   using typename Base::Told;
@@ -30,6 +30,8 @@ class AgentEndedAnywhere : public TestSupport::KillFixture<T> {
     // Each entry for itself may be old or changed; else all are the one or the other.
     bool entryByEntry = false;
     bool marking = false;
+    // The resources of the entries may come to have other indexes.
+    bool newIndexes = false;
   };
 
   // Six records on unit 0, of which one is deleted and known to the hardware side, one deleted and
@@ -61,10 +63,23 @@ class AgentEndedAnywhere : public TestSupport::KillFixture<T> {
       EXPECT_LE(told.version, version) << "a version that was told is gone";
       EXPECT_FALSE(log->tableEntryLog()->mapBase().damaged());
       expectContent(operation, told, this->content());
+      this->resources_.replayComplete();
+      this->expectRecounted();
       expectNoVersionAbove(*log, version);
       // It goes on with a version that nobody has seen.
       this->put(6, 3, 1);
       EXPECT_EQ(log->tableVersion().value, version + 1);
+      this->expectRecounted();
+    });
+  }
+  // What nobody uses any more is free when all is reported.
+  void expectNothingLeaked() {
+    this->runAgent([&] {
+      this->startAgent();
+      this->resources_.replayComplete();
+      this->settle();
+      this->resources_.work();
+      this->expectNothingElseTaken();
     });
   }
   static void expectContent(const Operation& operation, const Told& told, const Content& found) {
@@ -127,8 +142,17 @@ class AgentEndedAnywhere : public TestSupport::KillFixture<T> {
       bool through = false;
       const Told told = toStep(operation, last, through);
       const std::string left = this->left();
+      const auto cutOff = this->leftEntries();
       const Told after = agentAfter(operation, told);
+      if (!operation.newIndexes) {
+        this->expectSameResults(before_, this->leftEntries());
+      }
+      this->expectMovedStay(before_, cutOff, this->leftEntries());
       expectChipEqual();
+      // It takes an agent more.
+      if (this->linkages() != 0 && (through || last % 16 == 0)) {
+        expectNothingLeaked();
+      }
       // The same state was left in front of several steps.
       if (recovery && after.finished != 0 && recovered_.insert(left).second) {
         endRecoveryEverywhere(operation, last);
@@ -146,6 +170,7 @@ class AgentEndedAnywhere : public TestSupport::KillFixture<T> {
   Told toStep(const Operation& operation, std::uint64_t last, bool& through) {
     this->startChip();
     this->runAgent(operation.before);
+    before_ = this->leftEntries();
     ++ended_;
     return this->runAgent(operation.here, operation.work, last, through);
   }
@@ -167,9 +192,32 @@ class AgentEndedAnywhere : public TestSupport::KillFixture<T> {
 
  private:
   std::uint64_t ended_ = 0;
+  typename Base::Entries before_;    // the operation
   std::set<std::string> recovered_;  // what recoveries began with that were ended everywhere
 };
 TYPED_TEST_SUITE(AgentEndedAnywhere, TestSupport::AllTableTypes, TestSupport::TableTestName);
+
+#ifdef KELP_FEW_TABLES
+using LinkedTables = testing::Types<KelpEmServer::EsemFodoVd, KelpEmServer::Isem1Tag>;
+#else
+using LinkedTables =
+    testing::Types<KelpEmServer::EsemFodoVd, KelpEmServer::Isem1Tag, KelpEmServer::Isem2Tag,
+                   KelpEmServer::IsemMpls, KelpEmServer::IsemUntagged>;
+#endif
+
+// Operations that move resources.
+template <class T>
+class AgentEndedWithResources : public AgentEndedAnywhere<T> {
+ protected:
+  // An operator gives the resources that the entry names other indexes.
+  void changeResourcesOf(const typename T::Entry& entry) {
+    T::Linkages::forEachKind([&](auto tag) {
+      using L = typename decltype(tag)::Kind;
+      EXPECT_TRUE(TestSupport::resourceTableOf<L>(this->resources_).change(L::key(entry)));
+    });
+  }
+};
+TYPED_TEST_SUITE(AgentEndedWithResources, LinkedTables, TestSupport::TableTestName);
 
 TYPED_TEST(AgentEndedAnywhere, InAWriteOfANewEntry) {
   typename TestFixture::Operation operation;
@@ -248,6 +296,76 @@ TYPED_TEST(AgentEndedAnywhere, InARemoveOfAllEntries) {
   }
   operation.entryByEntry = true;
   this->endEverywhere(operation, true);
+}
+
+TYPED_TEST(AgentEndedWithResources, InTheRemoveOfALastUser) {
+  typename TestFixture::Operation operation;
+  operation.before = this->someRecords();
+  operation.here = [&] {
+    this->startAgent();
+    this->watch(this->table()->entryRemove(this->key(2), nullptr));
+  };
+  operation.work = [&] { this->pass(); };
+  operation.old = operation.changed = this->someContent();
+  operation.changed.erase({0, 2});
+  this->endEverywhere(operation);
+}
+
+TYPED_TEST(AgentEndedWithResources, InTheMoveOfALastUser) {
+  typename TestFixture::Operation operation;
+  operation.before = this->someRecords();
+  operation.here = [&] {
+    this->startAgent();
+    this->watch(this->table()->entryWrite(this->key(2), this->entry(2, 3), nullptr));
+  };
+  operation.work = [&] { this->pass(); };
+  operation.old = operation.changed = this->someContent();
+  operation.changed[{0, 2}] = 3;
+  this->endEverywhere(operation);
+}
+
+TYPED_TEST(AgentEndedWithResources, InAResourceChange) {
+  typename TestFixture::Operation operation;
+  operation.before = this->someRecords();
+  operation.here = [&] { this->startAgent(); };
+  operation.work = [&] { this->changeResourcesOf(this->entry(1, 0)); };
+  operation.old = operation.changed = this->someContent();
+  operation.newIndexes = true;
+  this->endEverywhere(operation);
+}
+
+TYPED_TEST(AgentEndedWithResources, InAReportThatFreesIndexes) {
+  typename TestFixture::Operation operation;
+  operation.before = [&] {
+    this->someRecords()();
+    this->changeResourcesOf(this->entry(1, 0));
+    this->take(2);
+  };
+  operation.here = [&] {
+    this->startAgent();
+    this->chipWorksNow();
+  };
+  operation.work = [&] {
+    this->group()->pollStatus();
+    this->resources_.work();
+  };
+  operation.old = operation.changed = this->someContent();
+  operation.old.erase({0, 2});
+  operation.changed.erase({0, 2});
+  this->endEverywhere(operation);
+}
+
+TYPED_TEST(AgentEndedWithResources, InTheEndOfReplay) {
+  typename TestFixture::Operation operation;
+  operation.before = this->someRecords();
+  operation.here = [&] {
+    this->start();
+    (void)this->table(this->unit1);
+    (void)this->intf()->makeSwTable(this->unit0, nullptr, true);
+  };
+  operation.work = [&] { this->resources_.replayComplete(); };
+  operation.old = operation.changed = {{{1, 1}, 0}};
+  this->endEverywhere(operation);
 }
 
 TYPED_TEST(AgentEndedAnywhere, InACleanup) {

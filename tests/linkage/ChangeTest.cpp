@@ -58,12 +58,29 @@ TYPED_TEST(ResourceChange, RewritesJustItsUsers) {
   EXPECT_EQ(this->acked(2), 1U);
 }
 
-TYPED_TEST(ResourceChange, TheAcknowledgeGoesWithTheLastEntryRewritten) {
+TYPED_TEST(ResourceChange, TheOldIndexIsFreeFromTheLastRewriteOn) {
   this->write(1, 1);
   this->write(2, 1);
   const auto old = this->record(1)->index;
   EXPECT_TRUE(this->resources().change(this->resource(1)));
-  EXPECT_EQ(this->released(old), this->version()) << "the second visited";
+  EXPECT_EQ(this->updates(), 2U);
+  EXPECT_EQ(this->released(old), this->version()) << "no earlier: both entries had it";
+}
+
+TYPED_TEST(ResourceChange, AnEntryVisitedLastWithoutARewriteDoesNotFreeTheOldIndexTooEarly) {
+  for (unsigned i = 1; i <= 5; ++i) {
+    this->write(i, 1);
+  }
+  // A clear leaves the uses, and the last ones are of entries that name another resource now.
+  const auto first = this->users(1).front();
+  this->table_->clearTable(false);
+  for (unsigned i = 1; i <= 5; ++i) {
+    this->write(i, this->key(i) == first ? 1 : 2);
+  }
+  const auto old = this->record(1)->index;
+  EXPECT_TRUE(this->resources().change(this->resource(1)));
+  EXPECT_EQ(this->updates(), 1U);
+  EXPECT_EQ(this->released(old), this->version());
 }
 
 TYPED_TEST(ResourceChange, AUserThatHasLeftTheLogIsPassedOver) {
@@ -75,16 +92,32 @@ TYPED_TEST(ResourceChange, AUserThatHasLeftTheLogIsPassedOver) {
   EXPECT_TRUE(traces.has(3, fmt::format(" key: {} entry does not exist ", this->key(1))));
   EXPECT_EQ(this->updates(), 0U);
   EXPECT_EQ(this->acked(1), 2U) << "it is acknowledged all the same";
-  EXPECT_EQ(this->released(old), 0U) << "with no entry";
+  EXPECT_EQ(this->released(old), this->version()) << "the chip has the entry until then";
+}
+
+TYPED_TEST(ResourceChange, AUseThatAClearHasLeftDoesNotFreeTheOldIndexTooEarly) {
+  this->write(1, 1);
+  this->write(2, 1);
+  this->table_->clearTable(false);
+  this->write(1, 1);
+  this->report(this->version());
+  const auto old = this->record(1)->index;
+  this->write(1, 2);
+  ASSERT_EQ(this->users(1).size(), 1U) << "the other one, which is not in the log";
+  EXPECT_TRUE(this->resources().change(this->resource(1)));
+  EXPECT_EQ(this->updates(), 0U);
+  EXPECT_EQ(this->released(old), this->version()) << "the move is not on the chip";
+  this->reportAll();
+  EXPECT_FALSE(this->released(old).has_value());
 }
 
 TYPED_TEST(ResourceChange, AnotherFieldOfTheHandleIsNoChange) {
   this->write(1, 1);
   const TraceCapture traces(std::string(TestFixture::Linkage::className()) + "/8");
-  const auto field = TestFixture::ResourceTable::Spec::kFieldId;
+  const auto field = TestFixture::ResourceTable::Kind::kFieldId;
   EXPECT_EQ(
       field.value,
-      (std::is_same_v<typename TypeParam::Spec, LinkageTest::RemarkProfileLinkageSpec> ? 518U
+      (std::is_same_v<typename TypeParam::Kind, LinkageTest::RemarkProfileLinkageKind> ? 518U
                                                                                        : 517U));
   auto* publisher = this->sm(1)->resPtr()->publisher();
   publisher->publishChange(Lumen::FieldId{field.value + 1});

@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "SampleResources.h"
 #include "TableFixture.h"
 
 namespace LinkageTest {
@@ -17,26 +18,26 @@ namespace LinkageTest {
 template <class T, class L>
 struct On {
   using Table = T;
-  using Spec = L;
+  using Kind = L;
 };
 
-using KelpEmServer::InLifIndexLinkageSpec;
-using KelpEmServer::RemarkProfileLinkageSpec;
-using KelpEmServer::VlanEditProfileLinkageSpec;
+using KelpEmServer::InLifIndexLinkageKind;
+using KelpEmServer::RemarkProfileLinkageKind;
+using KelpEmServer::VlanEditProfileLinkageKind;
 
-using AllLinkages = testing::Types<On<KelpEmServer::EsemFodoVd, VlanEditProfileLinkageSpec>,
-                                   On<KelpEmServer::EsemFodoVd, RemarkProfileLinkageSpec>,
+using AllLinkages = testing::Types<On<KelpEmServer::EsemFodoVd, VlanEditProfileLinkageKind>,
+                                   On<KelpEmServer::EsemFodoVd, RemarkProfileLinkageKind>,
 #ifndef KELP_FEW_TABLES
-                                   On<KelpEmServer::Isem2Tag, InLifIndexLinkageSpec>,
-                                   On<KelpEmServer::IsemMpls, InLifIndexLinkageSpec>,
-                                   On<KelpEmServer::IsemUntagged, InLifIndexLinkageSpec>,
+                                   On<KelpEmServer::Isem2Tag, InLifIndexLinkageKind>,
+                                   On<KelpEmServer::IsemMpls, InLifIndexLinkageKind>,
+                                   On<KelpEmServer::IsemUntagged, InLifIndexLinkageKind>,
 #endif
-                                   On<KelpEmServer::Isem1Tag, InLifIndexLinkageSpec>>;
+                                   On<KelpEmServer::Isem1Tag, InLifIndexLinkageKind>>;
 
 struct LinkageName {
   template <class P>
   static std::string GetName(int) {
-    return std::string(P::Table::name.view()) + std::string(P::Spec::name.view());
+    return std::string(P::Table::name.view()) + std::string(P::Kind::name.view());
   }
 };
 
@@ -48,7 +49,7 @@ template <class P>
 class LinkageFixture : public TestSupport::TableFixture<typename P::Table> {
  public:
   using T = typename P::Table;
-  using L = typename P::Spec;
+  using L = typename P::Kind;
   using Base = TestSupport::TableFixture<T>;
   using typename Base::Entry;
   using typename Base::Table;
@@ -61,18 +62,7 @@ class LinkageFixture : public TestSupport::TableFixture<typename P::Table> {
   using Stage = typename ResourceTable::Stage;
 
   static ResourceKey resource(std::uint64_t number) {
-    ResourceKey key{};
-    if (number == 0) {
-      return key;
-    }
-    if constexpr (std::is_same_v<L, InLifIndexLinkageSpec>) {
-      key.attachmentCircuit = static_cast<std::uint32_t>(number);
-    } else if constexpr (std::is_same_v<L, VlanEditProfileLinkageSpec>) {
-      key.elements[3].outerVlan = static_cast<std::uint16_t>(number);
-    } else {
-      key.intf.value = 0x0100000000000000 + number;
-    }
-    return key;
+    return TestSupport::sampleResource<ResourceKey>(number);
   }
   // `payload` tells entries apart where the table has one.
   static Entry entry(std::uint64_t number, std::uint64_t resourceNumber, unsigned payload = 1) {
@@ -101,23 +91,9 @@ class LinkageFixture : public TestSupport::TableFixture<typename P::Table> {
     table_ = this->table();
   }
 
-  ResourceTable& resources() {
-    if constexpr (std::is_same_v<L, InLifIndexLinkageSpec>) {
-      return *this->resources_.inLifIndex;
-    } else if constexpr (std::is_same_v<L, VlanEditProfileLinkageSpec>) {
-      return *this->resources_.vlanEditProfile;
-    } else {
-      return *this->resources_.remarkProfile;
-    }
-  }
+  ResourceTable& resources() { return TestSupport::resourceTableOf<L>(this->resources_); }
   static const Lumen::Ptr<Linkage>& linkageOf(const Table& table) {
-    if constexpr (std::is_same_v<L, InLifIndexLinkageSpec>) {
-      return table.inLifIndexLinkage();
-    } else if constexpr (std::is_same_v<L, VlanEditProfileLinkageSpec>) {
-      return table.vlanEditProfileLinkage();
-    } else {
-      return table.remarkProfileLinkage();
-    }
+    return TestSupport::linkageOf<L>(table);
   }
   Linkage& linkage() { return *linkageOf(*table_); }
 
@@ -144,9 +120,9 @@ class LinkageFixture : public TestSupport::TableFixture<typename P::Table> {
   // The first field of the record in the log that this resource decides.
   std::uint32_t result(std::uint64_t number) {
     const auto logged = table_->entryLog()->entry(this->key(number), Base::unit0);
-    if constexpr (std::is_same_v<L, InLifIndexLinkageSpec>) {
+    if constexpr (std::is_same_v<L, InLifIndexLinkageKind>) {
       return logged.inLif0Index;
-    } else if constexpr (std::is_same_v<L, VlanEditProfileLinkageSpec>) {
+    } else if constexpr (std::is_same_v<L, VlanEditProfileLinkageKind>) {
       return logged.vlanEditProfile;
     } else {
       return logged.remarkProfile;
@@ -174,8 +150,8 @@ class LinkageFixture : public TestSupport::TableFixture<typename P::Table> {
 
   template <class Quilt>
   const Quilt& collection(const char* name) {
-    const std::string path = "resourceTable/" + std::string(ResourceTable::Spec::tableNamespace) +
-                             "/" + ResourceTable::Spec::tableName + "/" + name;
+    const std::string path = "resourceTable/" + std::string(ResourceTable::Kind::tableNamespace) +
+                             "/" + ResourceTable::Kind::tableName + "/" + name;
     return *Lumen::dynamicPtrCast<Quilt>(this->memory()->getEntity(path));
   }
   std::optional<typename ResourceTable::Record> record(std::uint64_t number) {
@@ -207,7 +183,6 @@ class LinkageFixture : public TestSupport::TableFixture<typename P::Table> {
 };
 
 // Tells each change of a linkage's collection, and what stands in the store then.
-template <class Fixture>
 class Watcher : public Lumen::Subscriber {
  public:
   explicit Watcher(std::function<std::string()> look, Lumen::Publisher* publisher)

@@ -28,7 +28,7 @@ TYPED_TEST(Linking, GivesTheTableItsLinkageAndSaysSo) {
   ASSERT_NE(this->linkageOf(*this->table_), nullptr);
   EXPECT_EQ(this->linkage().swTable(), this->table_.get());
   EXPECT_NE(this->linkage().resTblClient(), nullptr);
-  EXPECT_TRUE(traces.has(2, fmt::format(fmt::runtime(TypeParam::Spec::startedText), 1)));
+  EXPECT_TRUE(traces.has(2, fmt::format(fmt::runtime(TypeParam::Kind::startedText), 1)));
 }
 
 TYPED_TEST(Linking, ASecondCallLeavesTheLinkage) {
@@ -102,6 +102,27 @@ TYPED_TEST(Linking, AResetRestoresNothing) {
   this->resources_.replayComplete();
   EXPECT_EQ(this->resources().entrys(), 1U);
   this->reportAll();
+  EXPECT_EQ(this->resources().entrys(), 0U);
+}
+
+TYPED_TEST(Linking, AUseThatARunHadNoTimeToHoldKeepsItsIndexUntilAllIsReported) {
+  this->write(1, 1);
+  {
+    const auto path = PactResourceTable::collectionPath(
+        TestFixture::ResourceTable::Kind::tableNamespace,
+        TestFixture::ResourceTable::Kind::tableName, PactResourceTable::kHolds);
+    const auto holds =
+        Lumen::dynamicPtrCast<PactResourceTable::HoldQuilt>(this->memory()->getEntity(path));
+    ASSERT_TRUE(holds->map().recordDel(
+        {this->record(1)->number, {TypeParam::Table::tableId, TestFixture::unit0}}));
+  }
+  this->stopAgent();
+  this->start();
+  this->table_ = this->intf()->makeSwTable(TestFixture::unit0, nullptr, true);
+  this->resources_.replayComplete();
+  EXPECT_EQ(this->resources().indexesTaken(), 1U) << "the chip has the entry still";
+  this->reportAll();
+  EXPECT_EQ(this->resources().indexesTaken(), 0U);
   EXPECT_EQ(this->resources().entrys(), 0U);
 }
 

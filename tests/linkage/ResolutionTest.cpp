@@ -1,6 +1,7 @@
 #include <chrono>
 #include <thread>
 
+#include "Asic/GroupQuilts.h"
 #include "LinkageFixture.h"
 
 // How an entry gets its resource, and what the resource's state is to it.
@@ -13,7 +14,26 @@ using testing::IsEmpty;
 using TestSupport::TraceCapture;
 
 template <class P>
-class Resolution : public LinkageTest::LinkageFixture<P> {};
+class Resolution : public LinkageTest::LinkageFixture<P> {
+ protected:
+  // A version of another table of the group.
+  static constexpr Asic::TableVersion kOther{KelpEmServer::EsemFodo::tableId, Asic::LogVersion{12}};
+
+  // What the log has stored that a version of the table waits for.
+  std::vector<Asic::TableVersion> stored(Asic::LogVersion version) {
+    const auto quilt = Lumen::dynamicPtrCast<Asic::NeededQuilt>(
+        this->memory()->getEntity(Asic::Constants::groupNeededPath(
+            Asic::Constants::canonicalizeGroupName("KelpTunnelNi", "KelpEmServerGroup"),
+            P::Table::tableId)));
+    bool found = false;
+    const auto record = quilt->map().find(version, found);
+    std::vector<Asic::TableVersion> all;
+    for (std::uint32_t i = 0; found && i < record.count; ++i) {
+      all.push_back({record.needed[i].tableId, record.needed[i].version});
+    }
+    return all;
+  }
+};
 TYPED_TEST_SUITE(Resolution, AllLinkages, LinkageName);
 
 template <class P>
@@ -58,7 +78,7 @@ TYPED_TEST(Resolution, TheDefaultKeyLeavesAHandleWhereItIs) {
   const auto wrapper = this->wrapperOf(this->entry(1, 0));
   const auto handle = this->linkage().resTblClient()->request(
       this->resource(5), Lumen::Ptr<const Asic::DependencyEntryHandle>());
-  TypeParam::Spec::handleIs(*wrapper, handle);
+  TypeParam::Kind::handleIs(*wrapper, handle);
   this->linkage().resolveEntry(wrapper);
   EXPECT_EQ(this->linkage().resourceHandle(wrapper), handle);
 }
@@ -160,7 +180,33 @@ TYPED_TEST(Resolution, AFailedResourceIsSettledAndFailsTheCommit) {
   EXPECT_FALSE(this->record(5).has_value());
 }
 
-TYPED_TEST(Resolution, WhatTheResourceDependsOnGoesToTheLogRecord) {
+TYPED_TEST(Resolution, WhatAWritesResourceDependsOnIsStoredForItsLogRecord) {
+  const auto wrapper = this->wrapperOf(this->entry(1, 5));
+  this->linkage().resolveEntry(wrapper);
+  // The write is given the same handle.
+  this->linkage().resourceHandle(wrapper)->neededEntry()->add(this->kOther);
+  const auto with = this->write(1, 5)->logVersion();
+  const auto without = this->write(2, 6)->logVersion();
+  EXPECT_THAT(this->stored(with), testing::ElementsAre(this->kOther));
+  EXPECT_THAT(this->stored(without), IsEmpty());
+}
+
+TYPED_TEST(Resolution, WhatAChangedResourceDependsOnIsStoredForEachRewrite) {
+  const auto written = this->write(1, 5)->logVersion();
+  this->write(2, 5);
+  const auto& handle = this->linkage().entryUsageSm(this->resource(5))->resPtr();
+  handle->neededEntry()->add(this->kOther);
+  EXPECT_TRUE(this->resources().change(this->resource(5)));
+  const auto& log = *this->table_->entryLog();
+  EXPECT_EQ(log.tableVersion().value, written.value + 3);
+  EXPECT_THAT(this->stored(written), IsEmpty());
+  for (unsigned i = 1; i <= 2; ++i) {
+    EXPECT_THAT(this->stored(log.entryLogVersion(this->key(i), this->unit0)),
+                testing::ElementsAre(this->kOther));
+  }
+}
+
+TYPED_TEST(Resolution, AnEntryGetsACopyOfWhatItsResourceDependsOn) {
   const auto wrapper = this->wrapperOf(this->entry(1, 5));
   this->linkage().resolveEntry(wrapper);
   const Asic::TableVersion version{Asic::SwTableId{0x29080499}, Asic::LogVersion{12}};

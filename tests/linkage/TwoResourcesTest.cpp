@@ -9,8 +9,8 @@ namespace {
 using KelpEmServer::EsemFodoVd;
 using testing::ElementsAre;
 using TestSupport::TraceCapture;
-using OnVlanEdit = LinkageTest::On<EsemFodoVd, LinkageTest::VlanEditProfileLinkageSpec>;
-using OnRemark = LinkageTest::On<EsemFodoVd, LinkageTest::RemarkProfileLinkageSpec>;
+using OnVlanEdit = LinkageTest::On<EsemFodoVd, LinkageTest::VlanEditProfileLinkageKind>;
+using OnRemark = LinkageTest::On<EsemFodoVd, LinkageTest::RemarkProfileLinkageKind>;
 using VlanEdit = LinkageTest::LinkageFixture<OnVlanEdit>;
 using Remark = LinkageTest::LinkageFixture<OnRemark>;
 
@@ -89,13 +89,13 @@ TEST_F(TwoResources, ARemoveReleasesTheFirstBeforeTheSecond) {
   EXPECT_EQ(vlanEdit().entryUsageSm(VlanEdit::resource(3))->entryUsage().size(), 1U);
   EXPECT_EQ(remark().entryUsageSm(Remark::resource(5))->entryUsage().size(), 1U);
   std::vector<std::string> order;
-  const LinkageTest::Watcher<VlanEdit> first(
+  const LinkageTest::Watcher first(
       [&] {
         order.emplace_back("vlanEdit");
         return std::string();
       },
       vlanEdit().publisher());
-  const LinkageTest::Watcher<VlanEdit> second(
+  const LinkageTest::Watcher second(
       [&] {
         order.emplace_back("remark");
         return std::string();
@@ -107,6 +107,21 @@ TEST_F(TwoResources, ARemoveReleasesTheFirstBeforeTheSecond) {
   writeBoth(2, 3, 5);
   table_->clearTable(true);
   EXPECT_THAT(order, ElementsAre("vlanEdit", "remark", "vlanEdit", "remark"));
+}
+
+TEST_F(TwoResources, AfterARestartTheFirstIsBroughtInLineBeforeTheSecond) {
+  writeBoth(1, 3, 5);
+  stopAgent();
+  const TraceCapture traces("EsemFodoVdKelp*Linkage/8");
+  restartAgent();
+  std::vector<std::string> walks;
+  for (const auto& line : traces.lines()) {
+    if (line.text.empty()) {
+      walks.push_back(line.handle);
+    }
+  }
+  EXPECT_THAT(walks, ElementsAre("EsemFodoVdKelpVlanEditProfileLinkage",
+                                 "EsemFodoVdKelpRemarkProfileLinkage"));
 }
 
 TEST_F(TwoResources, AChangeOfOneKeyLeavesTheOtherAlone) {
@@ -151,6 +166,44 @@ TEST_F(TwoResources, TheFirstTypeOfAnInterfaceCountsForAll) {
                            .entryWrapperFromConfig<Wrapper>(key(2), false, made);
   EXPECT_EQ(wrapper->entry().rsrcKeys.remarkProfileType, 2U);
   EXPECT_TRUE(traces.has(3, " Setting clientData to: 2 "));
+}
+
+TEST_F(TwoResources, TwoInterfacesHaveEachItsType) {
+  writeBoth(1, 0, 5, 2);
+  writeBoth(2, 0, 6, 3);
+  const auto typeOf = [&](std::uint64_t number) {
+    return remark().entryUsageSm(Remark::resource(number))->resPtr()->results().clientData.value;
+  };
+  const auto expectTypes = [&] {
+    EXPECT_EQ(typeOf(5), 2U);
+    EXPECT_EQ(typeOf(6), 3U);
+    EXPECT_EQ(table_->entryFromConfig(key(1)).rsrcKeys.remarkProfileType, 2U);
+    EXPECT_EQ(table_->entryFromConfig(key(2)).rsrcKeys.remarkProfileType, 3U);
+    EXPECT_NE(logged(1).remarkProfile, logged(2).remarkProfile);
+  };
+  expectTypes();
+  EXPECT_TRUE(resources_.remarkProfile->change(Remark::resource(5)));
+  EXPECT_TRUE(resources_.remarkProfile->change(Remark::resource(6)));
+  expectTypes();
+  restartAgent();
+  expectTypes();
+}
+
+TEST_F(TwoResources, ARewriteWithoutAProfileKeepsTheType) {
+  class Keep final : public Table::Helper {
+   public:
+    bool finalizeOnFailure(const Lumen::Ptr<Wrapper>&, bool, const Lumen::Ptr<Table>&) override {
+      return true;
+    }
+  };
+  table_->swTableHelperIs(Lumen::makeNode<Keep>());
+  resources_.remarkProfile->refusedIs(Remark::resource(5), true);
+  writeBoth(1, 3, 5, 7);
+  // The first linkage puts its index into the log, and takes the entry from the configuration.
+  EXPECT_TRUE(resources_.vlanEditProfile->change(VlanEdit::resource(3)));
+  EXPECT_NE(logged(1).vlanEditProfile, 0U);
+  EXPECT_EQ(table_->entryFromConfig(key(1)).rsrcKeys.remarkProfileType, 7U);
+  EXPECT_EQ(remark().entryUsageSm(Remark::resource(5))->resPtr()->results().clientData.value, 7U);
 }
 
 TEST_F(TwoResources, WithoutAHandleTheTypeStays) {

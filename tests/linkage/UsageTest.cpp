@@ -54,7 +54,7 @@ TYPED_TEST(Usage, TheLastOfTwoUsersReleases) {
 TYPED_TEST(Usage, RewritingAnEntryWithTheSameResourceChangesNoUsage) {
   this->write(1, 1);
   const auto sm = this->linkage().entryUsageSm(this->resource(1));
-  Watcher<TestFixture> watcher([] { return std::string(); }, this->linkage().publisher());
+  Watcher watcher([] { return std::string(); }, this->linkage().publisher());
   const TraceCapture traces(std::string(TestFixture::Linkage::className()) + "/8");
   this->write(1, 1, 2);
   EXPECT_THAT(watcher.events, IsEmpty());
@@ -67,7 +67,7 @@ TYPED_TEST(Usage, RewritingAnEntryWithTheSameResourceChangesNoUsage) {
 
 TYPED_TEST(Usage, AMoveReleasesTheOldResourceBeforeItTakesTheNewOne) {
   this->write(1, 1);
-  Watcher<TestFixture> watcher([this] { return this->look(); }, this->linkage().publisher());
+  Watcher watcher([this] { return this->look(); }, this->linkage().publisher());
   const auto handle = this->write(1, 2);
   const auto version = handle->logVersion().value;
   EXPECT_THAT(watcher.events, ElementsAre(fmt::format("138: free released at {}, free", version),
@@ -81,13 +81,13 @@ TYPED_TEST(Usage, AMoveReleasesTheOldResourceBeforeItTakesTheNewOne) {
 TYPED_TEST(Usage, AMoveToAResourceWithUsersAcknowledgesNothing) {
   this->write(1, 1);
   this->write(2, 2);
-  // As if the first user had seen an older version.
-  this->resources().change(this->resource(2));
-  const auto acked = this->acked(2);
-  Watcher<TestFixture> watcher([] { return std::string(); }, this->linkage().publisher());
+  // A version that the table has not worked off yet.
+  const auto handle = this->linkage().entryUsageSm(this->resource(2))->resPtr();
+  const_cast<typename TestFixture::Handle&>(*handle).updateVersionIs(9);
+  Watcher watcher([] { return std::string(); }, this->linkage().publisher());
   this->write(1, 2);
   EXPECT_EQ(watcher.events.size(), 1U) << "only the state machine of the old one goes";
-  EXPECT_EQ(this->acked(2), acked);
+  EXPECT_EQ(this->acked(2), 1U) << "what its first user has seen";
   EXPECT_THAT(this->users(2), UnorderedElementsAre(this->key(1), this->key(2)));
 }
 
@@ -104,7 +104,7 @@ TYPED_TEST(Usage, FromAResourceToNoneAndBack) {
 
 TYPED_TEST(Usage, ARemoveOfAnAbsentEntryTouchesNothing) {
   this->write(1, 1);
-  Watcher<TestFixture> watcher([] { return std::string(); }, this->linkage().publisher());
+  Watcher watcher([] { return std::string(); }, this->linkage().publisher());
   this->remove(2);
   EXPECT_THAT(watcher.events, IsEmpty());
   EXPECT_THAT(this->users(1), ElementsAre(this->key(1)));

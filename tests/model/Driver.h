@@ -7,7 +7,10 @@
 #include <string>
 #include <string_view>
 
+#include "Findings.h"
 #include "Model.h"
+#include "Recorder.h"
+#include "ResourceSide.h"
 #include "TableFixture.h"
 
 // The real tables behind an interface of numbers, and their comparison with the model.
@@ -18,24 +21,6 @@ using RealHandle = Lumen::Ptr<const Asic::OrderedSwTable::EntryHandle>;
 using RealDependency = Lumen::Ptr<const Asic::DependencyEntryHandle>;
 using RealHandler = Asic::OrderedSwTable::ResponseHandler;
 
-// Collects what does not agree.
-class Findings {
- public:
-  template <class Value, class Expected, class... Where>
-  void equal(std::string_view what, const Value& value, const Expected& expected,
-             const Where&... where) {
-    if (!(value == expected)) [[unlikely]] {
-      text_ += fmt::format("  {} (", what);
-      ((text_ += fmt::format("{} ", where)), ...);
-      text_ += fmt::format("): is {}, should be {}\n", value, expected);
-    }
-  }
-  [[nodiscard]] const std::string& text() const noexcept { return text_; }
-
- private:
-  std::string text_;
-};
-
 class Driver {
  public:
   virtual ~Driver() = default;
@@ -44,6 +29,11 @@ class Driver {
   [[nodiscard]] virtual Asic::SwTableId tableId() const = 0;
   [[nodiscard]] virtual Lumen::String logPath() const = 0;
   [[nodiscard]] virtual Lumen::String configPath(unsigned unit) const = 0;
+
+  // The table as the model has it at first: what its entries name.
+  [[nodiscard]] virtual Table description() const = 0;
+  // Where the table stands among those of the run, and what it tells and asks.
+  virtual void attach(unsigned index, std::deque<Event>& events, ResourceSide& resources) = 0;
 
   virtual void open(const Lumen::Ptr<Asic::OrderedTableInterface>& agent) = 0;
   virtual void make(unsigned unit, bool reset) = 0;
@@ -64,6 +54,8 @@ class Driver {
 
   // With `walks`, also by what goes over a whole collection, which takes its time.
   virtual void compare(Model& model, unsigned index, bool walks, Findings& findings) = 0;
+  // What the linkages of a software table count, against the configuration collection.
+  virtual void compareUses(Model& model, Place place, Findings& findings) = 0;
 };
 
 template <class T>
@@ -80,7 +72,46 @@ class TableDriver final : public Driver {
       keys_[key] = TestSupport::sampleKey<Key>(key);
       for (unsigned variant = 0; variant < kVariants; ++variant) {
         entries_[key][variant] = TestSupport::sampleEntry<Entry>(keys_[key], variant);
+        unsigned linkage = 0;
+        T::Linkages::forEachKind([&](auto tag) {
+          using L = typename decltype(tag)::Kind;
+          Entry& entry = entries_[key][variant];
+          const unsigned number = named(variant, linkage++).number;
+          const_cast<typename L::ResourceKey&>(L::key(entry)) =
+              TestSupport::sampleResource<typename L::ResourceKey>(number);
+          if constexpr (requires { entry.rsrcKeys.remarkProfileType; }) {
+            entry.rsrcKeys.remarkProfileType = static_cast<std::uint16_t>(number);
+          }
+        });
       }
+    }
+  }
+
+  static Resource named([[maybe_unused]] unsigned variant, unsigned linkage) {
+    Resource resource;
+    unsigned at = 0;
+    T::Linkages::forEachKind([&](auto tag) {
+      if (at++ == linkage) {
+        constexpr unsigned kKind = kKindOf<typename decltype(tag)::Kind>;
+        resource = {kKind, kNamed[kKind][variant]};
+      }
+    });
+    return resource;
+  }
+  Table description() const override {
+    Table table;
+    table.id = T::tableId.value;
+    T::Linkages::forEachKind([&](auto) { ++table.linkages; });
+    for (unsigned variant = 0; variant < kVariants; ++variant) {
+      for (unsigned linkage = 0; linkage < kLinkages; ++linkage) {
+        table.resources[variant][linkage] = named(variant, linkage);
+      }
+    }
+    return table;
+  }
+  void attach(unsigned index, std::deque<Event>& events, ResourceSide& resources) override {
+    for (unsigned unit = 0; unit < kUnits; ++unit) {
+      helpers_[unit] = Lumen::makeNode<Recorder<T>>(Place{index, unit}, keys_, events, resources);
     }
   }
 
@@ -97,7 +128,7 @@ class TableDriver final : public Driver {
     intf_ = Interface::getIntf(agent);
   }
   void make(unsigned unit, bool reset) override {
-    tables_[unit] = intf_->makeSwTable(idOf(unit), nullptr, reset);
+    tables_[unit] = intf_->makeSwTable(idOf(unit), helpers_[unit], reset);
   }
   void drop() override {
     tables_ = {};
@@ -161,6 +192,13 @@ class TableDriver final : public Driver {
     }
   }
 
+  void compareUses(Model& model, Place place, Findings& findings) override {
+    unsigned linkage = 0;
+    T::Linkages::forEachKind([&](auto tag) {
+      compareLinkage<typename decltype(tag)::Kind>(model, place, linkage++, findings);
+    });
+  }
+
  private:
   static Asic::UnitId idOf(unsigned unit) { return Asic::UnitId{static_cast<std::uint16_t>(unit)}; }
 
@@ -182,8 +220,21 @@ class TableDriver final : public Driver {
                              : entries_[expected->second.key][expected->second.variant].logEntry;
       findings.equal("entry of log record is right", TestSupport::isAsked(record.logEntry, entry),
                      true, name(), expected->first);
+      compareIndexes("index in log record", record.logEntry, expected->second.indexes,
+                     expected->first, findings);
     }
     findings.equal("walk of the log ends", expected == table.log.end(), true, name());
+  }
+
+  void compareIndexes(std::string_view what, const typename Entry::LogEntry& logged,
+                      const Indexes& expected, std::uint64_t version, Findings& findings) {
+    unsigned linkage = 0;
+    T::Linkages::forEachKind([&](auto tag) {
+      using L = typename decltype(tag)::Kind;
+      findings.equal(what, TestSupport::loggedIndex<L>(logged).value_or(~std::uint32_t{0}),
+                     expected[linkage], name(), version, linkage);
+      ++linkage;
+    });
   }
 
   void compareConfig(Log& log, const Table& table, unsigned unit, bool walks, Findings& findings) {
@@ -207,6 +258,8 @@ class TableDriver final : public Driver {
       findings.equal("entry of record is right",
                      TestSupport::isAsked(record.entry, entries_[key][expected->second.variant]),
                      true, name(), unit, key);
+      compareIndexes("index in record", record.entry.logEntry, expected->second.indexes,
+                     expected->second.version, findings);
     }
     if (walks) {
       findings.equal("entrysInDeletion", log.entrysInDeletion(idOf(unit)), deleted, name(), unit);
@@ -263,9 +316,54 @@ class TableDriver final : public Driver {
     findings.equal("suppressCheckDiffCnt", stats.suppressCheckDiffCnt(), unit.stats.differences,
                    name(), place.unit);
     findings.equal("tableClearCnt", stats.tableClearCnt(), unit.stats.clears, name(), place.unit);
-    findings.equal("counters of resources",
-                   stats.resolveFailCnt() + stats.updateCnt() + stats.updateWithFailedResourceCnt(),
-                   0U, name(), place.unit);
+    findings.equal("resolveFailCnt", stats.resolveFailCnt(), unit.stats.resolveFails, name(),
+                   place.unit);
+    findings.equal("updateCnt", stats.updateCnt(), unit.stats.updates, name(), place.unit);
+    findings.equal("updateWithFailedResourceCnt", stats.updateWithFailedResourceCnt(),
+                   unit.stats.failedUpdates, name(), place.unit);
+  }
+
+  // Exactly the keys of the committed entries that name a resource use it, and no resource is there
+  // without a user. After a clear without release, what it has left stands besides.
+  template <class L>
+  void compareLinkage(Model& model, Place place, unsigned linkage, Findings& findings) {
+    using ResourceKey = typename L::ResourceKey;
+    const auto& real = *TestSupport::linkageOf<L>(*tables_[place.unit]);
+    const Unit& unit = *model.table(place.table).units[place.unit];
+    std::set<Use> committed;
+    const auto& map = intf_->entryLog()->tableConfigQuilt(idOf(place.unit))->swTableEntries();
+    for (unsigned key = 0; key < kKeys; ++key) {
+      bool found = false;
+      const auto& record = map.find(keys_[key], found);
+      for (unsigned number = 1; found && record.isDeleted == 0 && number <= kResources; ++number) {
+        if (L::key(record.entry).isEq(TestSupport::sampleResource<ResourceKey>(number))) {
+          committed.insert({linkage, number, key});
+        }
+      }
+    }
+    unsigned inUse = 0;
+    for (unsigned number = 1; number <= kResources; ++number) {
+      const auto sm = real.entryUsageSm(TestSupport::sampleResource<ResourceKey>(number));
+      unsigned users = 0;
+      for (unsigned key = 0; key < kKeys; ++key) {
+        const Use use{linkage, number, key};
+        const bool uses = sm && sm->entryUsage()[keys_[key]] != nullptr;
+        users += uses ? 1U : 0U;
+        if (!unit.cleared) {
+          findings.equal("key is a user as its record says", uses, committed.contains(use), name(),
+                         place.unit, linkage, number, key);
+        }
+        findings.equal("key is a user", uses, unit.uses.contains(use), name(), place.unit, linkage,
+                       number, key);
+      }
+      inUse += sm ? 1U : 0U;
+      findings.equal("resource has a state machine", sm != nullptr, users != 0, name(), place.unit,
+                     linkage, number);
+      findings.equal("users of resource", sm ? sm->entryUsage().size() : 0U, users, name(),
+                     place.unit, linkage, number);
+    }
+    findings.equal("resources in use", real.entryUsageSm().size(), inUse, name(), place.unit,
+                   linkage);
   }
 
   void compareWalks(Model& model, Place place, Findings& findings) {
@@ -289,6 +387,7 @@ class TableDriver final : public Driver {
 
   Lumen::Ptr<Interface> intf_;
   std::array<Lumen::Ptr<SwTable>, kUnits> tables_;
+  std::array<Lumen::Ptr<Recorder<T>>, kUnits> helpers_;
   std::array<Key, kKeys> keys_;
   std::array<std::array<Entry, kVariants>, kKeys> entries_;
 };

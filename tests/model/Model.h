@@ -1,161 +1,30 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
-#include <cstdint>
-#include <deque>
-#include <limits>
-#include <map>
-#include <optional>
-#include <set>
-#include <vector>
+#include <functional>
+#include <string>
+#include <utility>
 
-// The rules of the tables of one group, on plain standard collections. Keys and entries are
-// numbers: an entry is told by its key and a variant.
+#include "Feed.h"
+#include "State.h"
+
+// The rules of the tables of one group.
 
 namespace ModelTest {
 
-inline constexpr unsigned kKeys = 8;
-inline constexpr unsigned kVariants = 3;
-inline constexpr unsigned kUnits = 2;
-
-enum class State : std::uint8_t { unresolved = 0, inLog = 1, success = 4, failed = 5 };
-
-// A software table: one table of one unit.
-struct Place {
-  unsigned table = 0;
-  unsigned unit = 0;
-};
-
-// What an operation waits for: the handle of another one, or an entry of somebody else.
-struct Dependency {
-  enum class Kind : std::uint8_t { none, handle, foreign } kind = Kind::none;
-  std::size_t index = 0;
-};
-
-// A write that a response handler makes.
-struct Action {
-  Place place;
-  unsigned key = 0;
-  unsigned variant = 0;
-};
-
-struct Handle {
-  unsigned table = 0;
-  State state = State::unresolved;
-  std::uint64_t logVersion = 0;
-  std::uint64_t major = 0;
-  unsigned responses = 0;
-  std::optional<Action> action;
-};
-
-struct Foreign {
-  State state = State::unresolved;
-  std::uint32_t tableId = 0;
-  std::uint64_t version = 0;
-};
-
-struct Operation {
-  enum class Kind : std::uint8_t { write, remove, removeAll } kind;
-  std::uint64_t arrival;
-  std::size_t handle;
-  unsigned key;
-  unsigned variant;
-  std::uint64_t major;
-  bool suppress;
-  Dependency dependency;
-};
-
-struct Stats {
-  std::uint64_t writes = 0;
-  std::uint64_t removes = 0;
-  std::uint64_t commits = 0;
-  std::uint64_t suppressed = 0;
-  std::uint64_t differences = 0;
-  std::uint64_t clears = 0;
-};
-
-struct ConfigRecord {
-  unsigned variant = 0;
-  std::uint64_t version = 0;
-  bool deleted = false;
-};
-
-struct LogRecord {
-  unsigned unit = 0;
-  std::uint8_t flags = 0;
-  unsigned key = 0;
-  unsigned variant = 0;
-};
-
-// What a unit's software table holds in the memory of the agent.
-struct Unit {
-  struct Written {
-    unsigned variant;
-    std::uint64_t major;
-  };
-  std::map<unsigned, Written> add;
-  std::map<unsigned, std::uint64_t> remove;
-  std::map<unsigned, std::uint64_t> versions;
-  std::optional<std::uint64_t> removeAll;
-  bool marking = false;
-  std::set<unsigned> marked;
-  Stats stats;
-  std::deque<std::size_t> inLog;
-  std::deque<Operation> queue;
-};
-
-struct Table {
-  std::uint32_t id = 0;
-
-  // In shared memory.
-  std::uint64_t tableVersion = 0;
-  std::map<std::uint64_t, LogRecord> log;
-  std::array<std::map<unsigned, ConfigRecord>, kUnits> config;
-  struct Needed {
-    std::uint32_t tableId;
-    std::uint64_t version;
-  };
-  std::map<std::uint64_t, Needed> needed;
-  std::optional<std::uint64_t> row;  // of this log's incarnation
-
-  // Of this run of the agent.
-  bool open = false;
-  std::uint64_t lastCleaned = 0;
-  std::optional<std::uint64_t> delivered;
-  bool pending = false;
-  std::array<bool, kUnits> mounted{};
-  std::array<std::optional<Unit>, kUnits> units;
-
-  // A row above what is published counts as what was published when it was first seen.
-  std::optional<std::uint64_t> overreach;
-  std::uint64_t overreachCounts = 0;
-
-  [[nodiscard]] std::optional<std::uint64_t> status() {
-    if (!row || *row <= tableVersion) {
-      return row;
-    }
-    if (overreach != row) {
-      overreach = row;
-      overreachCounts = tableVersion;
-    }
-    return overreachCounts;
-  }
-  [[nodiscard]] bool inConfig(unsigned unit, unsigned key) const {
-    const auto found = config[unit].find(key);
-    return found != config[unit].end() && !found->second.deleted;
-  }
-};
-
 class Model {
  public:
-  explicit Model(const std::vector<std::uint32_t>& tableIds) {
-    for (const std::uint32_t id : tableIds) {
-      tables_.emplace_back().id = id;
-    }
-  }
+  // `events`: what the real tables tell. Which index a resource gets is theirs to choose, and in
+  // what order they rewrite the entries that use one; the model follows, and says what they may
+  // not do.
+  Model(std::vector<Table> tables, std::deque<Event>& events)
+      : tables_(std::move(tables)), feed_(events) {}
+
+  // Whether a helper has an entry logged whose resources have failed.
+  static bool keeps(unsigned key) { return key % 3 == 0; }
 
   [[nodiscard]] Table& table(unsigned index) { return tables_[index]; }
+  [[nodiscard]] unsigned tables() const noexcept { return static_cast<unsigned>(tables_.size()); }
   [[nodiscard]] std::vector<Handle>& handles() noexcept { return handles_; }
   [[nodiscard]] std::vector<Foreign>& foreign() noexcept { return foreign_; }
   [[nodiscard]] bool has(Place place) const {
@@ -176,11 +45,27 @@ class Model {
     }
     order_.clear();
   }
-  void loseConfig(Place place) { tables_[place.table].config[place.unit].clear(); }
+  // The chip takes all in anew, as it does when an agent comes back.
+  void loseConfig(Place place) {
+    Table& table = tables_[place.table];
+    table.config[place.unit].clear();
+    table.chip[place.unit].clear();
+    for (auto& [version, record] : table.log) {
+      record.lost = record.lost || record.unit == place.unit;
+    }
+  }
   void loseLog(unsigned index) {
     Table& table = tables_[index];
     table.tableVersion = 0;
     table.log.clear();
+    for (unsigned unit = 0; unit < kUnits; ++unit) {
+      table.chip[unit].clear();
+      for (const auto& [key, record] : table.config[unit]) {
+        if (!record.deleted) {
+          table.chip[unit][key] = {record.variant, record.indexes};
+        }
+      }
+    }
     table.needed.clear();  // of versions that nobody has issued any more
     table.row.reset();     // a row of another incarnation
   }
@@ -197,7 +82,7 @@ class Model {
     Table& table = tables_[place.table];
     if (table.units[place.unit]) {
       if (reset) {
-        clear(place);
+        clear(place, false);
       }
       return;
     }
@@ -210,7 +95,10 @@ class Model {
     }
     table.units[place.unit].emplace();
     if (reset) {
-      clear(place);
+      clear(place, false);
+    } else {
+      at(place).uses = usesOf(place);
+      takeUpdates();
     }
     statusVersion(place, status);
     table.units[place.unit]->marking = !reset && marking;
@@ -232,6 +120,7 @@ class Model {
                           unit.marking, dependency});
     ++unit.stats.writes;
     updatePending(tables_[place.table]);
+    takeUpdates();
     return handle;
   }
   std::size_t remove(Place place, unsigned key, Dependency dependency,
@@ -258,8 +147,9 @@ class Model {
     updatePending(tables_[place.table]);
     return handle;
   }
-  void clear(Place place) {
+  void clear(Place place, bool release) {
     if (!tables_[place.table].config[place.unit].empty()) {
+      release ? dropUses(place) : (void)(at(place).cleared = true);
       tableDel(place, {});
       ++at(place).stats.clears;
     }
@@ -273,8 +163,16 @@ class Model {
   // --- the loop --------------------------------------------------------------------------------
 
   // Commits what had arrived before; an operation that waits holds back those behind it in its
-  // software table.
-  std::size_t pass() {
+  // software table. `unresolved`: whether a resource is, when the pass begins.
+  std::size_t pass(const std::function<bool(Resource)>& unresolved) {
+    const auto waits = [&](Place place, const Operation& operation) {
+      const Resources& named = tables_[place.table].resources[operation.variant];
+      return stateOf(operation.dependency) == State::unresolved ||
+             (operation.kind == Operation::Kind::write &&
+              std::any_of(named.begin(), named.end(), [&](const Resource& resource) {
+                return resource.number != 0 && unresolved(resource);
+              }));
+    };
     const std::uint64_t end = arrival_;
     std::set<std::pair<unsigned, unsigned>> blocked;
     std::size_t committed = 0;
@@ -293,7 +191,7 @@ class Model {
       if (!first) {
         return committed;
       }
-      if (stateOf(at(*first).queue.front().dependency) == State::unresolved) {
+      if (waits(*first, at(*first).queue.front())) {
         blocked.insert({first->table, first->unit});
         continue;
       }
@@ -322,6 +220,85 @@ class Model {
       ++news;
     }
     return news;
+  }
+
+  // --- resources -------------------------------------------------------------------------------
+
+  // Takes over the rewrites that the tables have told of and that are next.
+  void takeUpdates() {
+    while (const Event* next = feed_.update()) {
+      if (next->version != tables_[next->place.table].tableVersion) {
+        return;
+      }
+      rewrite(feed_.take());
+    }
+  }
+  // What the tables have done that they should not have.
+  [[nodiscard]] std::string takeComplaints() { return feed_.takeComplaints(); }
+  // The uses that the configuration collection says.
+  [[nodiscard]] std::set<Use> usesOf(Place place) const {
+    const Table& table = tables_[place.table];
+    std::set<Use> uses;
+    for (const auto& [key, record] : table.config[place.unit]) {
+      for (unsigned linkage = 0; linkage < table.linkages && !record.deleted; ++linkage) {
+        if (const Resource named = table.resources[record.variant][linkage]; named.number != 0) {
+          uses.insert({linkage, named.number, key});
+        }
+      }
+    }
+    return uses;
+  }
+  // The entries that a change of the resource rewrites.
+  [[nodiscard]] std::multiset<std::pair<Place, unsigned>> usersOf(Resource resource) const {
+    std::multiset<std::pair<Place, unsigned>> users;
+    forEachUse([&](Place place, const Use& use, const Resource& used) {
+      if (used == resource && tables_[place.table].inConfig(place.unit, use.key)) {
+        users.insert({place, use.key});
+      }
+    });
+    return users;
+  }
+  // Calls visit(place, use, resource) for each use in this run.
+  template <class Visit>
+  void forEachUse(Visit visit) const {
+    for (unsigned index = 0; index < tables_.size(); ++index) {
+      const Table& table = tables_[index];
+      for (unsigned unit = 0; unit < kUnits; ++unit) {
+        if (table.units[unit]) {
+          for (const Use& use : table.units[unit]->uses) {
+            visit(Place{index, unit}, use, Resource{kindOf(table, use.linkage), use.number});
+          }
+        }
+      }
+    }
+  }
+  [[nodiscard]] static unsigned kindOf(const Table& table, unsigned linkage) {
+    return table.resources[0][linkage].kind;
+  }
+  // Calls visit(resource, index, table, unit, key, version) for each index that a record of the
+  // chip carries (version 0), or of the log that it has not reported.
+  template <class Visit>
+  void forEachCarried(Visit visit) const {
+    for (unsigned at = 0; at < tables_.size(); ++at) {
+      const Table& table = tables_[at];
+      const auto of = [&](unsigned variant, const Indexes& indexes, auto... where) {
+        for (unsigned linkage = 0; linkage < table.linkages; ++linkage) {
+          if (indexes[linkage] != 0) {
+            visit(table.resources[variant][linkage], indexes[linkage], at, where...);
+          }
+        }
+      };
+      for (unsigned unit = 0; unit < kUnits; ++unit) {
+        for (const auto& [key, entry] : table.chip[unit]) {
+          of(entry.variant, entry.indexes, unit, key, std::uint64_t{0});
+        }
+      }
+      for (const auto& [version, record] : table.log) {
+        if (record.flags == 0 && !record.lost) {
+          of(record.variant, record.indexes, record.unit, record.key, version);
+        }
+      }
+    }
   }
 
   // --- what a reader sees ----------------------------------------------------------------------
@@ -425,10 +402,12 @@ class Model {
   void commit(Place place, const Operation& operation) {
     Table& table = tables_[place.table];
     Unit& unit = at(place);
+    takeUpdates();
     if (stateOf(operation.dependency) == State::failed) {
       finish(operation.handle, State::failed);
     } else if (operation.kind == Operation::Kind::removeAll) {
       if (!table.config[place.unit].empty()) {
+        dropUses(place);
         const std::uint64_t version = tableDel(place, operation.dependency);
         handles_[operation.handle].logVersion = version;
         handles_[operation.handle].state = State::inLog;
@@ -441,23 +420,36 @@ class Model {
         unit.remove.erase(newest);
         unit.versions.erase(operation.key);
       }
+      (void)feed_.takeCommit(place, operation, table);
+      moveUses(place, operation.key, {});
       const auto record = table.config[place.unit].find(operation.key);
       if (record == table.config[place.unit].end()) {
         finish(operation.handle, State::success);
       } else {
         record->second.version = ++table.tableVersion;
         record->second.deleted = true;
-        table.log[table.tableVersion] = {place.unit, 1, operation.key, record->second.variant};
+        table.log[table.tableVersion] = {place.unit, 1, operation.key, record->second.variant,
+                                         record->second.indexes};
         storeNeeded(table, table.tableVersion, operation.dependency);
         intoLog(unit, operation.handle, table.tableVersion);
       }
     } else {
+      const Event event = feed_.takeCommit(place, operation, table);
+      const bool failed = event.kind == Event::Kind::failure;
+      unit.stats.resolveFails += failed ? 1U : 0U;
       const auto newest = unit.add.find(operation.key);
       if (newest != unit.add.end() && newest->second.major == operation.major) {
         unit.add.erase(newest);
         unit.versions.erase(operation.key);
       }
-      const std::uint64_t version = entryIs(place, operation);
+      if (failed && !keeps(operation.key)) {
+        finish(operation.handle, State::failed);
+        updatePending(table);
+        ++unit.stats.commits;
+        return;
+      }
+      moveUses(place, operation.key, table.resources[operation.variant]);
+      const std::uint64_t version = entryIs(place, operation, event);
       if (version > table.lastCleaned) {
         intoLog(unit, operation.handle, version);
       } else {
@@ -473,7 +465,7 @@ class Model {
     handles_[handle].state = State::inLog;
     unit.inLog.push_back(handle);
   }
-  std::uint64_t entryIs(Place place, const Operation& operation) {
+  std::uint64_t entryIs(Place place, const Operation& operation, const Event& event) {
     Table& table = tables_[place.table];
     Stats& stats = at(place).stats;
     auto& records = table.config[place.unit];
@@ -481,15 +473,16 @@ class Model {
     // A version above the table's is of a log that was lost.
     if (operation.suppress && record != records.end() && !record->second.deleted &&
         record->second.version <= table.tableVersion) {
-      if (record->second.variant == operation.variant) {
+      if (record->second.variant == operation.variant && record->second.indexes == event.indexes) {
         ++stats.suppressed;
         return record->second.version;
       }
       ++stats.differences;
     }
     const std::uint64_t version = ++table.tableVersion;
-    records[operation.key] = {operation.variant, version, false};
-    table.log[version] = {place.unit, 0, operation.key, operation.variant};
+    records[operation.key] = {operation.variant, version, false, event.indexes,
+                              event.kind == Event::Kind::failure};
+    table.log[version] = {place.unit, 0, operation.key, operation.variant, event.indexes};
     storeNeeded(table, version, operation.dependency);
     return version;
   }
@@ -502,9 +495,60 @@ class Model {
         record.deleted = true;
       }
     }
-    table.log[version] = {place.unit, 2, 0, 0};
+    table.log[version] = {place.unit, 2, 0, 0, {}};
     storeNeeded(table, version, dependency);
     return version;
+  }
+
+  void rewrite(const Event& event) {
+    Table& table = tables_[event.place.table];
+    if (!table.inConfig(event.place.unit, event.key)) {
+      feed_.complain(event, "rewrites what is not there");
+      return;
+    }
+    ConfigRecord& record = table.config[event.place.unit].at(event.key);
+    Stats& stats = at(event.place).stats;
+    stats.failedUpdates += event.failed ? 1U : 0U;
+    record.kept = false;
+    if (record.indexes != event.indexes) {
+      record.indexes = event.indexes;
+      record.version = ++table.tableVersion;
+      table.log[record.version] = {event.place.unit, 0, event.key, record.variant, event.indexes};
+      ++stats.updates;
+    }
+  }
+  // A commit makes the key a user of these resources, and of none that its entry named before.
+  void moveUses(Place place, unsigned key, const Resources& now) {
+    const Table& table = tables_[place.table];
+    std::set<Use>& uses = at(place).uses;
+    const auto before = table.inConfig(place.unit, key)
+                            ? table.resources[table.config[place.unit].at(key).variant]
+                            : Resources();
+    for (unsigned linkage = 0; linkage < table.linkages; ++linkage) {
+      uses.erase({linkage, before[linkage].number, key});
+      if (now[linkage].number != 0) {
+        uses.insert({linkage, now[linkage].number, key});
+      }
+    }
+  }
+  void dropUses(Place place) {
+    for (const Use& use : usesOf(place)) {
+      at(place).uses.erase(use);
+    }
+  }
+  // The chip has taken a record in.
+  static void takeIn(Table& table, const LogRecord& record) {
+    auto& entries = table.chip[record.unit];
+    if (record.lost) {
+      return;
+    }
+    if (record.flags == 0) {
+      entries[record.key] = {record.variant, record.indexes};
+    } else if (record.flags == 1) {
+      entries.erase(record.key);
+    } else {
+      entries.clear();
+    }
   }
 
   void statusVersion(Place place, std::uint64_t version) {
@@ -523,6 +567,7 @@ class Model {
       for (auto at = table.log.lower_bound(from); at != table.log.end() && at->first <= version;) {
         const auto [removed, record] = *at;
         at = table.log.erase(at);
+        takeIn(table, record);
         if (!table.mounted[record.unit]) {
           continue;
         }
@@ -541,6 +586,7 @@ class Model {
   std::vector<Foreign> foreign_;
   std::vector<unsigned> order_;  // of the interfaces in this run
   std::uint64_t arrival_ = 1;
+  Feed feed_;
 };
 
 }  // namespace ModelTest

@@ -10,9 +10,9 @@ table='(EsemFodo|EsemFodoVd|Isem1Tag|Isem2Tag|IsemInnerEth|IsemMpls|IsemUntagged
 factory_table=$(sed -E 's/([(|])([A-Z])/\1\l\2/g' <<<"$table")
 unit='(SwTable|SwTableIteratorState|SwTableHelperBase|EntryLog|EntryWrapper|ResolverEntry|Interface)'
 made='(SwTable|SwTableIteratorState|SwTableHelperBase|EntryLog|EntryWrapper|ResolverEntry)'
-linkage="KelpResourceLinkage<KelpEmServer::$table, KelpEmServer::[A-Za-z]+LinkageSpec>"
+linkage="KelpResourceLinkage<KelpEmServer::$table, KelpEmServer::[A-Za-z]+LinkageKind>"
 linkage+='(::LocalUsageUpdateSm)?'
-class="KelpEmServer::(Kelp$unit<KelpEmServer::$table>(::EntryHandle)?|$linkage)"
+class="KelpEmServer::(Kelp$unit<KelpEmServer::$table>(::EntryHandle|::SwTableEntries_py)?|$linkage)"
 nested='(::(HN_[A-Za-z]+|QE_[A-Za-z]+|[A-Za-z]+KeyFunktor))?'
 shared='(KelpEmServer|Asic|PactResourceTable)'
 function='[A-Za-z_~]+(\[abi:cxx11\])?\([^{}]*\)( const)?'
@@ -59,6 +59,21 @@ for table in Isem1Tag Isem2Tag IsemUntagged IsemMpls IsemInnerEth EsemFodo EsemF
   for operation in entryWrite entryRemove entryRemoveAll entryRead entryHas; do
     if ! grep -Fq "KelpEmServer::KelpSwTable<KelpEmServer::$table>::$operation(" <<<"$names"; then
       printf 'missing: %s of %s\n' "$operation" "$table"
+      failed=1
+    fi
+  done
+done
+
+# A module for each source unit; a table without linkages has none for them.
+for table in Isem1Tag Isem2Tag IsemUntagged IsemMpls IsemInnerEth EsemFodo EsemFodoVd LemVpwsAc; do
+  for unit in EntryLog InfraTypes SwTableHelperBase SwTable ResourceTableLinkage Interface; do
+    wanted=1
+    if [[ $unit == ResourceTableLinkage && $table =~ ^(IsemInnerEth|EsemFodo|LemVpwsAc)$ ]]; then
+      wanted=0
+    fi
+    found=$(grep -Ec "^_${table}Kelp${unit}_[0-9a-f]{16}_brioModule$" <<<"$names" || true)
+    if [[ $found != "$wanted" ]]; then
+      printf 'type modules of %sKelp%s: %s, not %s\n' "$table" "$unit" "$found" "$wanted"
       failed=1
     fi
   done

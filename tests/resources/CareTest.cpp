@@ -1,9 +1,14 @@
+#include <type_traits>
+#include <utility>
+
 #include "FlipByte.h"
 #include "ResourceFixture.h"
+
 // What must hold when several things come together: clients that go, changes on top of changes,
 // queues of those that do not want any more, and damage.
 
 namespace {
+
 using namespace ResourceTest;
 using State = Asic::EntryState;
 using testing::Contains;
@@ -272,4 +277,45 @@ TYPED_TEST(ResourceCare, AListenerMayLetGoOfAHandleThatIsRevived) {
   EXPECT_EQ(this->table_->indexesTaken(), 0U);
   EXPECT_EQ(this->table_->entrys(), 0U);
 }
+// Fills a collection with uses of resources that nobody knows.
+template <class Map>
+void fill(Map& map) {
+  using Record =
+      std::remove_cvref_t<decltype(std::declval<Map&>().find({}, std::declval<bool&>()))>;
+  Record record;
+  for (record.key.number = 1'000'000; map.hasRoomFor(record.key); ++record.key.number) {
+    map.recordIs(record);
+  }
+}
+
+TYPED_TEST(ResourceCare, AUseThatTheStoreHasNoRoomForFailsAndIsHadWhenThereIs) {
+  this->restart(1);
+  const auto first = this->held(0, 1);
+  fill(this->holdRecords());
+  const auto second = this->request(1, 1);
+  EXPECT_EQ(second->entryState(), State::entryStateFailed);
+  EXPECT_EQ(first->entryState(), State::entryStateSuccess) << "who holds it has its room";
+  EXPECT_EQ(this->request(0, 1)->entryState(), State::entryStateSuccess);
+  ASSERT_TRUE(this->holdRecords().recordDel({1'000'000, {}}));
+  EXPECT_EQ(this->request(1, 1), second);
+  EXPECT_EQ(second->entryState(), State::entryStateSuccess);
+  this->ack(1, second);
+  EXPECT_TRUE(this->acked(1, 1).has_value());
+}
+
+TYPED_TEST(ResourceCare, AReleaseThatTheStoreHasNoRoomForKeepsTheIndex) {
+  this->restart(2);
+  auto handle = this->held(0, 1);
+  const auto index = this->index(handle);
+  fill(this->releaseRecords());
+  EXPECT_FALSE(this->table_->change(this->key(1))) << "the old index could not be kept";
+  EXPECT_EQ(this->index(handle), index);
+  this->release(0, handle);
+  EXPECT_TRUE(handle->isPostReleaseProtoState());
+  handle = nullptr;
+  this->reportAll(0);
+  EXPECT_EQ(this->table_->indexesTaken(), 1U);
+  EXPECT_TRUE(this->acked(0, 1).has_value());
+}
+
 }  // namespace

@@ -101,9 +101,24 @@ TYPED_TEST(ResourceChange, AReleaseSaysWhenTheOldIndexIsFreeToo) {
 
 TYPED_TEST(ResourceChange, AnAckThatHadNothingToDoFreesTheOldIndex) {
   const auto handle = this->held(0, 1);
+  this->reportAll();
   ASSERT_TRUE(this->table_->change(this->key(1)));
   this->clients_[0]->ackUpdate(handle, handle->updateVersion(), nullptr);
   this->table_->work();
+  this->expectCounts(1, 1, 0);
+}
+
+TYPED_TEST(ResourceChange, WhatWasPublishedBeforeItMustBeReportedWhateverTheAckSays) {
+  const auto handle = this->held(0, 1);
+  const std::uint32_t old = this->index(handle);
+  const auto early = this->logged(0);
+  const auto late = this->logged(0);
+  ASSERT_TRUE(this->table_->change(this->key(1)));
+  this->clients_[0]->ackUpdate(handle, handle->updateVersion(), early);
+  EXPECT_EQ(this->released(0, old), late->entryTableVersion().version.value);
+  this->report(0, early->entryTableVersion().version.value);
+  this->expectCounts(1, 2, 1);
+  this->reportAll();
   this->expectCounts(1, 1, 0);
 }
 

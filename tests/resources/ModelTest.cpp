@@ -190,11 +190,11 @@ class ResourceModel : public ResourceFixture<T> {
   // The client has said from when on it does without the old indexes of the key.
   void said(std::size_t client, std::uint32_t number, std::uint64_t version) {
     std::erase_if(replaced_, [&](const auto& one) {
-      const auto& [of, index, who] = one;
+      const auto& [of, index, who] = one.first;
       if (of != number || who != client) {
         return false;
       }
-      releases_[{index, client}] = version;
+      releases_[{index, client}] = std::max(version, one.second);
       return true;
     });
   }
@@ -224,7 +224,7 @@ class ResourceModel : public ResourceFixture<T> {
     for (std::size_t client = 0; client < this->kClients; ++client) {
       if (use(client, number).holds) {
         releases_[{had->second, client}] = kOpen;
-        replaced_.insert({number, had->second, client});
+        replaced_[{number, had->second, client}] = this->published(client);
       }
     }
     ASSERT_NE(this->record(number)->index, had->second);
@@ -373,7 +373,8 @@ class ResourceModel : public ResourceFixture<T> {
   std::array<std::array<Use, kKeys>, Fixture::kClients> uses_;
   std::map<std::uint32_t, std::uint32_t> index_;      // by key
   std::map<IndexAndClient, std::uint64_t> releases_;  // up to which version they wait
-  std::set<std::tuple<std::uint32_t, std::uint32_t, std::size_t>> replaced_;  // key, index, client
+  // Key, index, client; and what the client had published then.
+  std::map<std::tuple<std::uint32_t, std::uint32_t, std::size_t>, std::uint64_t> replaced_;
   std::vector<IndexAndClient> leftBehind_;
   std::array<std::uint64_t, Fixture::kClients> reported_{};
   std::set<std::uint32_t> refused_;

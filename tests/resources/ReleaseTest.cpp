@@ -312,4 +312,42 @@ TYPED_TEST(ResourceRelease, ALogThatWasBegunAnewFreesWhatWaitedForTheOldOneWhenI
   this->expectEmpty();
 }
 
+TYPED_TEST(ResourceRelease, ALogThatWasBegunAnewAndIsStillEmptyIsReportedToo) {
+  auto handle = this->held(0, 1);
+  this->release(0, handle);
+  handle = nullptr;
+  this->stop();
+  ASSERT_TRUE(std::filesystem::remove(TestSupport::entityFile(this->root_.path(), "log/0")));
+  this->start();
+  ASSERT_EQ(this->published(0), 0U);
+  this->table_->work();
+  this->expectCounts(1, 1, 1);
+  // The chip may have what the old log said until it says that it has read the new one.
+  this->report(0, 0);
+  this->expectEmpty();
+}
+
+TYPED_TEST(ResourceRelease, ALogThatIsNotMountedYetFreesNothing) {
+  auto handle = this->held(0, 1);
+  this->release(0, handle);
+  handle = nullptr;
+  this->agent_->stop();
+  this->table_ = nullptr;
+  this->clients_ = {};
+  // The agent comes back, with the resource tables before the logs.
+  this->agent_ = Lumen::makeNode<Asic::OrderedTableInterface>(this->vault_);
+  this->group_ = this->agent_->makeGroupIntf(KelpEmServer::kGroupName, KelpEmServer::kAgentName,
+                                             TestFixture::kTables[0].agentAndGroupId());
+  this->table_ = Lumen::makeNode<TypeParam>(this->agent_, TestFixture::kLimit);
+  this->table_->work();
+  this->expectCounts(1, 1, 1);
+  for (std::size_t client = 0; client < TestFixture::kClients; ++client) {
+    this->group_->entryLogMounted(TestFixture::kTables[client], this->logs_[client]);
+  }
+  this->table_->work();
+  this->expectCounts(1, 1, 1);
+  this->reportAll(0);
+  this->expectEmpty();
+}
+
 }  // namespace

@@ -100,7 +100,7 @@ template <class T>
 class ResourceFixture : public testing::Test {
  public:
   using Table = T;
-  using Spec = typename T::Spec;
+  using Kind = typename T::Kind;
   using Key = typename T::Key;
   using ClientData = typename T::ClientData;
   using Client = typename T::ClientInstance;
@@ -237,7 +237,7 @@ class ResourceFixture : public testing::Test {
   template <class Quilt>
   [[nodiscard]] Quilt& collection(const char* name) {
     const std::string path =
-        std::string("resourceTable/") + Spec::tableNamespace + "/" + Spec::tableName + "/" + name;
+        std::string("resourceTable/") + Kind::tableNamespace + "/" + Kind::tableName + "/" + name;
     return *Lumen::dynamicPtrCast<Quilt>(memory()->getEntity(path));
   }
   [[nodiscard]] auto& resourceRecords() {

@@ -36,6 +36,7 @@ TEST_F(SoakProcess, WhatWasAnsweredHoldsWhateverIsKilled) {
   EXPECT_EQ(run({"--seconds", "5", "--check-every", "1", "--fault-every", "0.1"}), 0)
       << output_ << obituary_;
   EXPECT_THAT(output_, ContainsRegex("killed: kelp-agent [1-9][0-9]*, kelp-chip [0-9]+, both"));
+  EXPECT_THAT(output_, ContainsRegex("[1-9][0-9]* resources were changed or prepared"));
   EXPECT_THAT(output_, ContainsRegex("check: [1-9][0-9]* times the chip and the configuration "
                                      "collections held what was asked for: [1-9][0-9]* entries"));
 }

@@ -59,7 +59,7 @@ class TableFixture : public testing::Test {
   // How many resource tables the table is linked to.
   static std::size_t linkages() {
     std::size_t count = 0;
-    T::Linkages::forEachSpec([&](auto) { ++count; });
+    T::Linkages::forEachKind([&](auto) { ++count; });
     return count;
   }
   static constexpr Asic::UnitId unit0{0};

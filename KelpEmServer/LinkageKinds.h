@@ -17,7 +17,8 @@
 //   key(entry)            the resource key of an entry
 //   handle(wrapper), handleIs(wrapper, handle)
 //                         the handle of the resource in an entry in flight
-//   request(client, wrapper)
+//   request(client, entry, known)
+//                         asks for the resource; `known` is the handle that it gave before, or null
 
 namespace KelpEmServer {
 
@@ -27,7 +28,7 @@ struct LinkageSalts {
   std::uint32_t entryUsage;
 };
 
-struct InLifIndexLinkageSpec {
+struct InLifIndexLinkageKind {
   static constexpr Brio::FixedString name{"KelpInLifIndexLinkage"};
   static constexpr unsigned smIndex = 0;
   static constexpr unsigned index = 1;
@@ -51,14 +52,15 @@ struct InLifIndexLinkageSpec {
   static void handleIs(Wrapper& wrapper, const Lumen::Ptr<const ResourceHandle>& handle) noexcept {
     wrapper.inLifIdxKeyResPtrIs(handle);
   }
-  template <class Wrapper>
+  template <class Entry>
   static Lumen::Ptr<const ResourceHandle> request(ResourceTable::ClientInstance& client,
-                                                  const Wrapper& wrapper) {
-    return client.request(key(wrapper.entry()), nullptr);
+                                                  const Entry& entry,
+                                                  const ResourceHandle* known = nullptr) {
+    return client.request(key(entry), nullptr, known);
   }
 };
 
-struct VlanEditProfileLinkageSpec {
+struct VlanEditProfileLinkageKind {
   static constexpr Brio::FixedString name{"KelpVlanEditProfileLinkage"};
   static constexpr unsigned smIndex = 0;
   static constexpr unsigned index = 1;
@@ -82,14 +84,15 @@ struct VlanEditProfileLinkageSpec {
   static void handleIs(Wrapper& wrapper, const Lumen::Ptr<const ResourceHandle>& handle) noexcept {
     wrapper.vlanEditProfileKeyResPtrIs(handle);
   }
-  template <class Wrapper>
+  template <class Entry>
   static Lumen::Ptr<const ResourceHandle> request(ResourceTable::ClientInstance& client,
-                                                  const Wrapper& wrapper) {
-    return client.request(key(wrapper.entry()), nullptr);
+                                                  const Entry& entry,
+                                                  const ResourceHandle* known = nullptr) {
+    return client.request(key(entry), nullptr, known);
   }
 };
 
-struct RemarkProfileLinkageSpec {
+struct RemarkProfileLinkageKind {
   static constexpr Brio::FixedString name{"KelpRemarkProfileLinkage"};
   static constexpr unsigned smIndex = 2;
   static constexpr unsigned index = 3;
@@ -115,11 +118,12 @@ struct RemarkProfileLinkageSpec {
     wrapper.remarkProfileKeyResPtrIs(handle);
   }
   // The type of remarking goes along.
-  template <class Wrapper>
+  template <class Entry>
   static Lumen::Ptr<const ResourceHandle> request(ResourceTable::ClientInstance& client,
-                                                  const Wrapper& wrapper) {
-    const KelpQos::EgressRemarkProfileClientData data{wrapper.entry().rsrcKeys.remarkProfileType};
-    return client.request(key(wrapper.entry()), data, nullptr);
+                                                  const Entry& entry,
+                                                  const ResourceHandle* known = nullptr) {
+    const KelpQos::EgressRemarkProfileClientData data{entry.rsrcKeys.remarkProfileType};
+    return client.request(key(entry), data, nullptr, known);
   }
 };
 
