@@ -39,8 +39,14 @@ Lumen::String keyText(const InspectValue& key) {
 InspectValue sparse(const InspectValue& value, const InspectValue& standard) {
   InspectValue::Record differing;
   const auto add = [&](Lumen::String name, const InspectValue& one, const InspectValue& usual) {
-    if (one != usual) {
-      differing.emplace_back(std::move(name), sparse(one, usual));
+    if (one == usual) {
+      return;
+    }
+    InspectValue part = sparse(one, usual);
+    // The same fields in another order differ as well.
+    const auto* fields = part.as<InspectValue::Record>();
+    if (fields == nullptr || !fields->empty()) {
+      differing.emplace_back(std::move(name), std::move(part));
     }
   };
   const auto* list = value.as<InspectValue::List>();

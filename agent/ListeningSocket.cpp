@@ -44,10 +44,10 @@ void removeStale(asio::io_context& loop, const std::string& path,
   probe.non_blocking(true);
   probe.connect(endpoint, error);
   if (error != asio::error::connection_refused) {
-    // It would block: somebody listens, and has no room for more.
-    fail(path,
-         error && error != asio::error::would_block ? error.message()
-                                                    : std::string("another process listens there"),
+    // Somebody listens there, too, who has no room for more.
+    const bool listens =
+        !error || error == asio::error::would_block || error == asio::error::no_buffer_space;
+    fail(path, listens ? std::string("another process listens there") : error.message(),
          "end it, or name another", option);
   }
   // Refused: there is a file, and nobody behind it.

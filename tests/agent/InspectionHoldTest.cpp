@@ -212,7 +212,8 @@ TEST_F(InspectionHolds, WhatSomebodyHasStays) {
   std::vector<Json> subscriptions;
   const auto subscribeAll = [&](const std::string& path) {
     std::vector<std::string> objects;
-    for (const Json& one : inspector.result("list", at(path))["attributes"]) {
+    const Json object = inspector.result("list", at(path));
+    for (const Json& one : object["attributes"]) {
       const std::string attribute = path + "/" + one["name"].get<std::string>();
       const Json response = inspector.ask("subscribe", at(attribute));
       if (response.contains("result")) {
