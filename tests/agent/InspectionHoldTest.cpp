@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "Inspector.h"
@@ -19,7 +20,7 @@ using testing::HasSubstr;
 class InspectionHolds : public AgentTest::WithInspection {
  protected:
   static Json at(const std::string& path) { return {{"path", path}}; }
-  // What an argument is checked with comes behind what needs no arguments.
+  // What is asked for and refused, and why.
   static void expectError(Inspector& inspector, const std::string& method, const Json& params,
                           int code, const std::string& message) {
     const Json response = inspector.ask(method, params);
@@ -209,7 +210,7 @@ TEST_F(InspectionHolds, WhatSomebodyHasStays) {
   Inspector inspector(inspectPath());
   writeEntries(feature, 3);
   // Everything that can be subscribed to at the roots and one step below.
-  std::vector<Json> subscriptions;
+  std::set<Json> subscriptions;
   const auto subscribeAll = [&](const std::string& path) {
     std::vector<std::string> objects;
     const Json object = inspector.result("list", at(path));
@@ -217,7 +218,7 @@ TEST_F(InspectionHolds, WhatSomebodyHasStays) {
       const std::string attribute = path + "/" + one["name"].get<std::string>();
       const Json response = inspector.ask("subscribe", at(attribute));
       if (response.contains("result")) {
-        subscriptions.push_back(response["result"]);
+        subscriptions.insert(response["result"]);
       }
       const bool isObject =
           one["kind"] == "attribute" && one["flags"].dump().find("ptr") != std::string::npos;
@@ -232,7 +233,7 @@ TEST_F(InspectionHolds, WhatSomebodyHasStays) {
       (void)subscribeAll(object);
     }
   }
-  EXPECT_GT(subscriptions.size(), 20U);
+  EXPECT_GT(subscriptions.size(), 10U);
   const Json copy = inspector.read(tableOf("EsemFodo") + "/getTableEntries_py");
   // More looks at what is held than would be needed.
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
