@@ -32,7 +32,7 @@ InspectValue keyOf(const InspectionParams& params, std::string_view name) {
   return toInspectValue(params.value(name), name);
 }
 
-From fromOf(const InspectPlace& place) { return place.leadsBack() ? From::path : From::elsewhere; }
+From fromOf(const InspectPlace& place) { return place.leadsBack() ? From::path : From::behind; }
 
 bool isSet(const InspectPlace& place) {
   return place.field() && place.field()->attribute.has(Lumen::kInspectSet);
@@ -80,13 +80,13 @@ class Page {
   void appendMember(std::string& out, const InspectionSession::Cursor& cursor) {
     out += out.back() == '[' ? "[" : ",[";
     const InspectValue key = cursor.at.key();
-    session_.appendValue(out, key, cursor.place.path(), From::elsewhere);
+    session_.appendValue(out, key, cursor.place.path(), From::behind);
     if (!cursor.isSet) {
       out += ',';
       const InspectValue value = cursor.at.value();
       const bool object = value.as<InspectValue::NodePtr>() != nullptr;
       session_.appendValue(out, value, object ? cursor.place.memberPath(key) : std::string(),
-                           cursor.leadsBack ? From::path : From::elsewhere);
+                           cursor.leadsBack ? From::path : From::behind);
     }
     out += ']';
   }

@@ -139,8 +139,8 @@ void InspectionSession::appendValue(std::string& out, const InspectValue& value,
     if (itself && from == From::path && path.size() <= InspectPlace::kLongestPath) {
       return path;
     }
-    // What somebody else has, too, was there before.
-    return hold(object, path, from == From::operation && object->refCount() == 1);
+    const bool isOwn = from == From::behind || (from == From::operation && object->refCount() == 1);
+    return hold(object, path, isOwn);
   });
 }
 
@@ -304,7 +304,7 @@ void InspectionSession::tellChange(std::string& out) {
 void InspectionSession::appendChange(std::string& out, std::uint64_t number,
                                      const Subscription& subscription, const std::string& key) {
   const InspectPlace& place = subscription.place;
-  const From from = place.leadsBack() ? From::path : From::elsewhere;
+  const From from = place.leadsBack() ? From::path : From::behind;
   appendNotice(out, "changed", number, place);
   if (subscription.isCollection) {
     out += ",\"key\":" + key;

@@ -60,16 +60,17 @@ class InspectionSession {
   [[nodiscard]] Brio::InspectValue argumentOf(const Common::Json& json,
                                               const std::string& name) const;
 
-  // Where a value comes from: its path leads there again, or does not, or an operation gave it.
-  enum class From { path, elsewhere, operation };
+  // Where a value comes from: its path leads there again; it is behind an operation, where it may
+  // be the peer's own; an operation gave it, and it is the peer's own unless somebody else has it.
+  enum class From { path, behind, operation };
   // Adds a value as JSON. `path` is its place; an object that no path leads to is held. Throws
   // InspectionError at a limit.
   void appendValue(std::string& out, const Brio::InspectValue& value, const std::string& path,
                    From from);
 
   // Holds an object, and gives the name by which paths begin there, the same for the same object:
-  // "$3". `origin` is where it was found; `isMade`: nobody else has it. Throws InspectionError at a
-  // limit.
+  // "$3". `origin` is where it was found; `isMade`: it is the peer's own, and may be kept for as
+  // long as it likes. Throws InspectionError at a limit.
   std::string hold(const NodePtr& object, const std::string& origin, bool isMade);
   // Throws InspectionError if a result that is an object could not be held: to be asked before
   // there is one.

@@ -35,7 +35,9 @@ void appendResult(InspectionCall& call, const InspectPlace& place, Operation ope
   if (givesObject(place)) {
     call.session.checkMayHold();
   }
-  call.session.appendValue(call.out, operation(), place.path(), From::operation);
+  const bool isResult = place.field() && place.field()->attribute.isOperation();
+  call.session.appendValue(call.out, operation(), place.path(),
+                           isResult ? From::operation : From::behind);
 }
 
 }  // namespace
