@@ -114,9 +114,9 @@ class SwTableBase : public Asic::OrderedSwTableWithMarkSweep {
   }
   static constexpr auto attributes() {
     return Brio::attributeList(
-        770, Brio::operation("entryWrite", &SwTableBase::entryWrite),
-        Brio::operation("entryRemove", &SwTableBase::entryRemove),
-        Brio::operation("entryRemoveAll", &SwTableBase::entryRemoveAll),
+        770, Brio::operation("entryWrite", &SwTableBase::entryWrite).takesNull(),
+        Brio::operation("entryRemove", &SwTableBase::entryRemove).takesNull(),
+        Brio::operation("entryRemoveAll", &SwTableBase::entryRemoveAll).takesNull(),
         Brio::operation("entryRead", &SwTableBase::entryRead),
         Brio::operation("entryHas", &SwTableBase::entryHas),
         Brio::operation("initIterState", &SwTableBase::initIterState),
