@@ -6,13 +6,12 @@
 #include "Brio/InspectPath.h"
 #include "Want.h"
 
-// A path of the inspection: taken, or refused with an InspectError. The first byte chooses between
+// A path of the inspection: taken, or refused with an InspectSyntaxError. The first byte chooses between
 // a path and a single value.
 
 namespace Fuzz {
 namespace {
 
-// A text can't hold a quote, since a path has no way to write one.
 void writtenReadsBack(const Brio::InspectValue& value) {
   const std::string written = value.text();
   want(Brio::inspectParse(written) == value, "a written value reads back as the same");
@@ -57,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } else {
       Fuzz::writtenReadsBack(Brio::inspectParse(text));
     }
-  } catch (const Brio::InspectError& error) {
+  } catch (const Brio::InspectSyntaxError& error) {
     Fuzz::want(!error.msg().empty(), "an error has a text");
   }
   return 0;

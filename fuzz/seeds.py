@@ -5,6 +5,7 @@ The same files each time. Images are no files here: the fuzzer writes a store of
 input says what is changed in it (see ImageFuzz.cpp).
 """
 
+import json
 import pathlib
 import struct
 import sys
@@ -88,7 +89,7 @@ def _intents():
 def _paths():
     """The first byte chooses: a path, or one value."""
     paths = ("a", "A::B/c[3]/d", "a/b[port=3,vlan=100]/c", 'a["text"]', "a[key={a=1,b=2}]",
-             "a[0x1f][true]/b[null]/c[word]")
+             "a[0x1f][true]/b[null]/c[word]", "a[[1,2]]", r'a["q\"b\\"]')
     values = ("5", "0xff", "true", "null", '"text"', "bare", "{a=1,b={c=2,d=three}}", "a=1,b=2")
     for number, path in enumerate(paths):
         yield f"path-{number}", b"\0" + path.encode()
@@ -96,7 +97,29 @@ def _paths():
         yield f"value-{number}", b"\1" + value.encode()
 
 
-_SEEDS = {"image": _images, "intent": _intents, "path": _paths}
+def _requests():
+    def line(method, params=None, **more):
+        request = {"jsonrpc": "2.0", "id": 1, "method": method, **more}
+        if params is not None:
+            request["params"] = params
+        return request
+
+    lines = {
+        "objects": line("objects"),
+        "read": line("read", {"path": "A::B/c[3]"}, id="a"),
+        "call": line("call", {"path": "a/b", "args": [1, True, {"ref": "$1"}, {"k": [2.5]}]}),
+        "iterate": line("iterate", {"path": "a", "from": {"port": 3}, "limit": 10}),
+        "no-id": {"jsonrpc": "2.0", "method": "close", "params": {"cursor": 18446744073709551615}},
+        "batch": [line("read", {"path": "a"}), 5, line("count", [1], id=None)],
+        "old": {"method": "read", "id": -3}, "empty": [], "text": "text",
+        "deep": [[[[[[[[[[1]]]]]]]]]],
+    }
+    for name, request in lines.items():
+        yield name, json.dumps(request).encode()
+    yield "no-json", b'{"jsonrpc":"2.0","id":1,'
+
+
+_SEEDS = {"image": _images, "intent": _intents, "path": _paths, "request": _requests}
 
 
 def main():

@@ -2,7 +2,7 @@
 
 import contextlib
 import weakref
-from collections.abc import Hashable, Iterator
+from collections.abc import Hashable, Iterator, Sequence
 from typing import Any, NamedTuple, Self
 
 from kelp_inspect.client import Client, InspectError
@@ -110,8 +110,8 @@ class Agent:
         """What objects of a class have, as it declares them."""
         return self.request("attributes", **{"class": class_name})
 
-    def list(self, path: str | Ref) -> dict[str, Any]:
-        """What is at a place."""
+    def ls(self, path: str | Ref) -> dict[str, Any]:
+        """What is at a place: the method `list` of the protocol."""
         return self.request("list", path=_path(path))
 
     def read(self, path: str | Ref) -> Any:
@@ -194,6 +194,15 @@ class Agent:
         self._release_dropped()
         given = {name: _plain(value) for name, value in params.items()}
         return self.value(self.client.request(method, **given))
+
+    def batch(self, requests: Sequence[tuple[str, dict[str, Any]]]) -> list[Any]:
+        """The results of many (method, params), in their order, for far fewer ways to the agent.
+
+        One that is refused has an InspectError as its result.
+        """
+        self._release_dropped()
+        return self.value(self.client.batch([(method, _plain(params))
+                                             for method, params in requests]))
 
     # Values.
 

@@ -5,6 +5,7 @@ import enum
 import json
 import socket
 import time
+from collections.abc import Sequence
 from typing import Any, Self
 
 
@@ -40,6 +41,7 @@ class Client:
     """One connection, for one thread. Values are what JSON makes of them."""
 
     _CHUNK = 1 << 16
+    _MOST_BATCH = 64
 
     def __init__(self, path: str, timeout: float | None = 60.0) -> None:
         """Connects to the socket at `path`; `timeout` is for each answer, in seconds, None: none.
@@ -81,25 +83,25 @@ class Client:
         Raises InspectError if the agent refuses; ConnectionError if it has gone; TimeoutError if no
         answer comes, and then the connection is closed, for the answer may still be under way.
         """
-        self._last_id += 1
-        message: dict[str, Any] = {"jsonrpc": "2.0", "id": self._last_id, "method": method}
-        if params:
-            message["params"] = params
-        deadline = None if self.timeout is None else time.monotonic() + self.timeout
-        try:
-            self._send(message)
-            while True:
-                answer = self._next_message(deadline)
-                if "id" in answer and answer["id"] in (self._last_id, None):
-                    break
-                self._keep(answer)
-        except (OSError, ValueError, KeyboardInterrupt):
-            self.close()
-            raise
-        if "error" in answer:
-            error = answer["error"]
-            raise InspectError(error["code"], error["message"], error.get("data", {}).get("path"))
-        return answer["result"]
+        answer = _result(self._ask(self._message(method, params)))
+        if isinstance(answer, InspectError):
+            raise answer
+        return answer
+
+    def batch(self, requests: Sequence[tuple[str, dict[str, Any]]]) -> list[Any]:
+        """The same for many (method, params), which the agent answers together.
+
+        Gives the results in their order, an InspectError in the place of each that is refused.
+        """
+        results = []
+        for at in range(0, len(requests), self._MOST_BATCH):
+            some = requests[at:at + self._MOST_BATCH]
+            answers = self._ask([self._message(method, params) for method, params in some])
+            # A batch that is refused as a whole has one answer.
+            if isinstance(answers, dict):
+                raise _result(answers)
+            results += map(_result, answers)
+        return results
 
     def changes(self, subscription: int) -> collections.deque[dict[str, Any]]:
         """The params of the notifications of a subscription that have come and were not taken."""
@@ -124,16 +126,38 @@ class Client:
             raise
         return True
 
+    def _message(self, method: str, params: dict[str, Any]) -> dict[str, Any]:
+        self._last_id += 1
+        message: dict[str, Any] = {"jsonrpc": "2.0", "id": self._last_id, "method": method}
+        if params:
+            message["params"] = params
+        return message
+
+    def _ask(self, message: Any) -> Any:
+        """Sends a request or a batch, and gives what comes back for it."""
+        deadline = None if self.timeout is None else time.monotonic() + self.timeout
+        try:
+            self._send(message)
+            while True:
+                answer = self._next_message(deadline)
+                # Responses come in order: the next that is no notification is this one's.
+                if isinstance(answer, list) or "id" in answer:
+                    return answer
+                self._keep(answer)
+        except (OSError, ValueError, KeyboardInterrupt):
+            self.close()
+            raise
+
     def _keep(self, message: dict[str, Any]) -> None:
         if message.get("method") == "changed":
             self.changes(message["params"]["subscription"]).append(message["params"])
 
-    def _send(self, message: dict[str, Any]) -> None:
+    def _send(self, message: Any) -> None:
         self._socket.settimeout(self.timeout)
         line = json.dumps(message, ensure_ascii=False, separators=(",", ":"), allow_nan=False)
         self._socket.sendall(line.encode() + b"\n")
 
-    def _next_message(self, deadline: float | None) -> dict[str, Any]:
+    def _next_message(self, deadline: float | None) -> Any:
         while not self._lines:
             left = None if deadline is None else max(deadline - time.monotonic(), 1e-6)
             self._socket.settimeout(left)
@@ -148,3 +172,11 @@ class Client:
                 self._lines.extend(bytes(self._rest[:end]).split(b"\n"))
                 del self._rest[:end + 1]
         return json.loads(self._lines.popleft())
+
+
+def _result(answer: dict[str, Any]) -> Any:
+    """The result in an answer, or the InspectError."""
+    if "error" not in answer:
+        return answer["result"]
+    error = answer["error"]
+    return InspectError(error["code"], error["message"], error.get("data", {}).get("path"))

@@ -39,7 +39,7 @@ class Ref:
     @property
     def class_name(self) -> str:
         """The class of the object."""
-        return self._agent.list(self._path)["class"]
+        return self._agent.ls(self._path)["class"]
 
     def attributes(self) -> list[dict[str, Any]]:
         """What the object has: see the method `list` of the protocol."""
@@ -90,7 +90,7 @@ class Ref:
 
     def _known(self) -> dict[str, dict[str, Any]]:
         if self._shape is None:
-            listed = self._agent.list(self._path)
+            listed = self._agent.ls(self._path)
             self._shape = {one["name"]: one for one in listed["attributes"]}
         return self._shape
 

@@ -89,7 +89,7 @@ class Objects(WithSwitch):
         self.assertIsInstance(interface.makeSwTable, Operation)
         self.assertIn("entryLog", dir(interface))
         self.assertEqual(interface.class_name,
-                         self.agent.list(interface)["class"])
+                         self.agent.ls(interface)["class"])
         with self.assertRaisesRegex(AttributeError, "has no entryLogs: it has .*entryLog"):
             _ = interface.entryLogs
         self.assertEqual(interface, self.agent.value({"ref": interface.path}))
@@ -146,6 +146,21 @@ class Objects(WithSwitch):
         self.assertEqual(self.agent.delete(path, {"port": 40, "vlan": 1}), entry)
         self.assertIsNone(self.agent.delete(path, {"port": 40, "vlan": 1}))
         self.assertEqual(self.agent.count(path), 3)
+
+    def test_a_batch_is_answered_in_its_order(self):
+        self.write_entries(150)
+        ports = [number % 50 for number in range(150)]
+        copy = self.agent.read(f"{_TABLE}/getTableEntries_py")
+        path = f"{copy.path}/tableEntries"
+        found = self.agent.batch([("lookup", {"path": path, "key": {"port": port, "vlan": 2}})
+                                  for port in ports])
+        self.assertEqual([one["logEntry"]["key"]["port"] for one in found], ports)
+        found = self.agent.batch([("read", {"path": _TABLE}), ("read", {"path": "nowhere"}),
+                                  ("count", {"path": path})])
+        self.assertEqual(found[0].unitId, 0)
+        self.assertEqual(found[1].code, Code.NOT_FOUND)
+        self.assertEqual(found[2], 150)
+        self.assertEqual(self.agent.batch([]), [])
 
     def test_an_object_is_an_argument(self):
         table = self.agent.table("Isem1Tag")

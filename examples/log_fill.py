@@ -1,0 +1,141 @@
+#!/usr/bin/env python3
+# %% [markdown]
+# # How full the change logs are
+#
+# Looks at a running agent until it ends, and plots over time how many changes of each table the
+# hardware side has not taken in yet, and how many operations have not come as far as a log. Beside
+# a demo run:
+#
+#     ./dev demo --inspect /tmp/kelp-inspect &
+#     PYTHONPATH=python examples/log_fill.py /tmp/kelp-inspect log_fill.png
+#
+# The picture needs matplotlib (Debian: python3-matplotlib); the summary needs nothing.
+
+# %%
+import sys
+import time
+
+from kelp_inspect import Agent, InspectError
+
+# In a notebook the command line is not this program's.
+arguments = [] if "ipykernel" in sys.modules else sys.argv[1:]
+if len(arguments) > 2 or any(one.startswith("-") for one in arguments):
+    raise SystemExit("usage: log_fill.py [SOCKET [PNG]]")
+SOCKET = arguments[0] if arguments else "/tmp/kelp-inspect"
+PNG = arguments[1] if len(arguments) > 1 else "log_fill.png"
+PERIOD = 0.01  # seconds between two looks
+# How long to wait for an agent: before the first, and for another after one that has gone.
+PATIENCE, GONE_FOR = 30.0, 3.0
+
+
+# %% [markdown]
+# One look is one batch of requests. The versions of a log and of its cleaning belong to a table;
+# the operations that wait to be committed belong to a table on a unit.
+
+# %%
+def requests_of(agent):
+    """What to ask in each look: (table, what, request)."""
+    for table in agent.tables():
+        path = table.ref.path
+        if table.unit == 0:
+            for what in ("tableVersion", "lastCleanedVersion"):
+                yield table.name, what, ("read", {"path": f"{path}/entryLog/{what}"})
+        for what in ("transientAddEntry", "transientRemoveEntry"):
+            yield table.name, what, ("count", {"path": f"{path}/{what}"})
+
+
+def look(agent, asked):
+    """The records in the log and the operations that wait, of each table."""
+    answers = agent.batch([request for _, _, request in asked])
+    fill, waiting = {}, {}
+    for (table, what, _), answer in zip(asked, answers):
+        if isinstance(answer, InspectError):
+            raise answer
+        if what == "tableVersion":
+            fill[table] = fill.get(table, 0) + answer
+        elif what == "lastCleanedVersion":
+            fill[table] = fill.get(table, 0) - answer
+        else:
+            waiting[table] = waiting.get(table, 0) + answer
+    return fill, waiting
+
+
+# %% [markdown]
+# An agent may be killed and started again on the way. It has ended when no other one comes.
+
+# %%
+def connected(patience):
+    """The agent, when one listens; None if none does for so many seconds."""
+    deadline = time.monotonic() + patience
+    while time.monotonic() < deadline:
+        try:
+            return Agent(SOCKET)
+        except OSError:
+            time.sleep(PERIOD)
+    return None
+
+
+samples = []  # (seconds, fill by table, waiting by table)
+starts = []  # when an agent was found
+began = None
+while agent := connected(GONE_FOR if starts else PATIENCE):
+    began = began or time.monotonic()
+    starts.append(time.monotonic() - began)
+    try:
+        with agent:
+            asked = list(requests_of(agent))
+            while True:
+                samples.append((time.monotonic() - began, *look(agent, asked)))
+                time.sleep(PERIOD)
+    except OSError:
+        continue  # it has gone
+if not samples:
+    raise SystemExit(f"{SOCKET}: no agent listens: start one with --inspect {SOCKET}")
+
+# %%
+times = [at for at, _, _ in samples]
+tables = sorted(samples[0][1])
+fill = {table: [one.get(table, 0) for _, one, _ in samples] for table in tables}
+waiting = {table: [one.get(table, 0) for _, _, one in samples] for table in tables}
+print(f"{len(samples)} looks in {times[-1]:.1f} s at {len(starts)} agents, one after the other")
+print(f"{'table':<14}{'most in its log':>16}{'most waiting':>14}")
+for table in tables:
+    print(f"{table:<14}{max(fill[table]):>16}{max(waiting[table]):>14}")
+
+# %%
+try:
+    import matplotlib
+except ImportError:
+    print("no picture: there is no matplotlib (Debian: python3-matplotlib)")
+    raise SystemExit(0) from None
+
+if "ipykernel" not in sys.modules:
+    matplotlib.use("Agg")
+import matplotlib.pyplot as plt  # noqa: E402 (needs the line above)
+
+plt.rcParams.update({"font.size": 10, "axes.spines.top": False, "axes.spines.right": False,
+                     "axes.grid": True, "grid.alpha": 0.25, "axes.axisbelow": True})
+colours = plt.get_cmap("tab10").colors
+figure, (upper, lower) = plt.subplots(2, 1, sharex=True, figsize=(10, 6.5),
+                                      gridspec_kw={"height_ratios": [3, 2]})
+for axes, series, title in (
+        (upper, fill, "Changes in the logs that the hardware side has not taken in"),
+        (lower, waiting, "Operations that wait to be committed")):
+    axes.stackplot(times, [series[table] for table in tables], labels=tables, colors=colours,
+                   linewidth=0)
+    axes.set_title(title, loc="left", fontsize=11)
+    axes.set_ylabel("changes" if axes is upper else "operations")
+    axes.set_ylim(bottom=0)
+    axes.margins(x=0)
+    axes.yaxis.set_major_formatter(lambda value, _: f"{value:,.0f}")
+    for at in starts[1:]:
+        axes.axvline(at, color="black", linestyle="--", linewidth=1)
+for at in starts[1:]:
+    upper.annotate("agent started again", (at, 1), xycoords=("data", "axes fraction"),
+                   xytext=(4, -4), textcoords="offset points", va="top", fontsize=9)
+lower.set_xlabel("seconds since the first look")
+upper.legend(*(some[::-1] for some in upper.get_legend_handles_labels()), title="table",
+             loc="upper left", bbox_to_anchor=(1.01, 1), frameon=False)
+figure.tight_layout()
+figure.savefig(PNG, dpi=120)
+print(f"plotted to {PNG}")
