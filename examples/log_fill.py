@@ -75,32 +75,31 @@ def connected(patience):
     return None
 
 
-samples = []  # (seconds, fill by table, waiting by table)
-starts = []  # when an agent was found
-began = None
-while agent := connected(GONE_FOR if starts else PATIENCE):
-    began = began or time.monotonic()
-    starts.append(time.monotonic() - began)
+runs = []  # of each agent: (time, fill by table, waiting by table) of each look at it
+while agent := connected(GONE_FOR if runs else PATIENCE):
+    runs.append([])
     try:
         with agent:
             asked = list(requests_of(agent))
             while True:
-                samples.append((time.monotonic() - began, *look(agent, asked)))
+                runs[-1].append((time.monotonic(), *look(agent, asked)))
                 time.sleep(PERIOD)
     except OSError:
-        continue  # it has gone
-if not samples:
+        pass  # it has gone
+runs = [run for run in runs if run]
+if not runs:
     raise SystemExit(f"{SOCKET}: no agent listens: start one with --inspect {SOCKET}")
 
 # %%
-times = [at for at, _, _ in samples]
+began = runs[0][0][0]
+runs = [[(at - began, *counts) for at, *counts in run] for run in runs]
+samples = [sample for run in runs for sample in run]
 tables = sorted(samples[0][1])
-fill = {table: [one.get(table, 0) for _, one, _ in samples] for table in tables}
-waiting = {table: [one.get(table, 0) for _, _, one in samples] for table in tables}
-print(f"{len(samples)} looks in {times[-1]:.1f} s at {len(starts)} agents, one after the other")
+print(f"{len(samples)} looks in {samples[-1][0]:.1f} s; agents, one after the other: {len(runs)}")
 print(f"{'table':<14}{'most in its log':>16}{'most waiting':>14}")
 for table in tables:
-    print(f"{table:<14}{max(fill[table]):>16}{max(waiting[table]):>14}")
+    most = [max(sample[which][table] for sample in samples) for which in (1, 2)]
+    print(f"{table:<14}{most[0]:>16}{most[1]:>14}")
 
 # %%
 try:
@@ -114,28 +113,30 @@ if "ipykernel" not in sys.modules:
 import matplotlib.pyplot as plt  # noqa: E402 (needs the line above)
 
 plt.rcParams.update({"font.size": 10, "axes.spines.top": False, "axes.spines.right": False,
-                     "axes.grid": True, "grid.alpha": 0.25, "axes.axisbelow": True})
+                     "axes.grid": True, "grid.alpha": 0.25, "axes.axisbelow": True,
+                     "hatch.linewidth": 0.6})
 colours = plt.get_cmap("tab10").colors
 figure, (upper, lower) = plt.subplots(2, 1, sharex=True, figsize=(10, 6.5),
                                       gridspec_kw={"height_ratios": [3, 2]})
-for axes, series, title in (
-        (upper, fill, "Changes in the logs that the hardware side has not taken in"),
-        (lower, waiting, "Operations that wait to be committed")):
-    axes.stackplot(times, [series[table] for table in tables], labels=tables, colors=colours,
-                   linewidth=0)
+for axes, which, title in (
+        (upper, 1, "Changes in the logs that the hardware side has not taken in"),
+        (lower, 2, "Operations that wait to be committed")):
+    for run in runs:
+        times = [sample[0] for sample in run]
+        axes.stackplot(times, [[sample[which][table] for sample in run] for table in tables],
+                       labels=tables if run is runs[0] else (), colors=colours, linewidth=0,
+                       step="post")
+    for before, after in zip(runs, runs[1:]):
+        axes.axvspan(before[-1][0], after[0][0], color="0.9", hatch="////", ec="0.75", lw=0,
+                     label="no agent" if before is runs[0] else None)
     axes.set_title(title, loc="left", fontsize=11)
     axes.set_ylabel("changes" if axes is upper else "operations")
+    axes.set_xlim(0, samples[-1][0])
     axes.set_ylim(bottom=0)
-    axes.margins(x=0)
     axes.yaxis.set_major_formatter(lambda value, _: f"{value:,.0f}")
-    for at in starts[1:]:
-        axes.axvline(at, color="black", linestyle="--", linewidth=1)
-for at in starts[1:]:
-    upper.annotate("agent started again", (at, 1), xycoords=("data", "axes fraction"),
-                   xytext=(4, -4), textcoords="offset points", va="top", fontsize=9)
 lower.set_xlabel("seconds since the first look")
-upper.legend(*(some[::-1] for some in upper.get_legend_handles_labels()), title="table",
-             loc="upper left", bbox_to_anchor=(1.01, 1), frameon=False)
+upper.legend(*(some[::-1] for some in upper.get_legend_handles_labels()), loc="upper left",
+             bbox_to_anchor=(1.01, 1), frameon=False)
 figure.tight_layout()
 figure.savefig(PNG, dpi=120)
 print(f"plotted to {PNG}")
