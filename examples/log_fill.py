@@ -6,8 +6,8 @@
 # hardware side has not taken in yet, and how many operations have not come as far as a log. Beside
 # a demo run:
 #
-#     ./dev demo --inspect /tmp/kelp-inspect &
-#     PYTHONPATH=python examples/log_fill.py /tmp/kelp-inspect log_fill.png
+#     ./dev demo --inspect kelp.sock &
+#     PYTHONPATH=python examples/log_fill.py kelp.sock log_fill.png
 #
 # The picture needs matplotlib (Debian: python3-matplotlib); the summary needs nothing.
 
@@ -21,7 +21,7 @@ from kelp_inspect import Agent, InspectError
 arguments = [] if "ipykernel" in sys.modules else sys.argv[1:]
 if len(arguments) > 2 or any(one.startswith("-") for one in arguments):
     raise SystemExit("usage: log_fill.py [SOCKET [PNG]]")
-SOCKET = arguments[0] if arguments else "/tmp/kelp-inspect"
+SOCKET = arguments[0] if arguments else "kelp.sock"
 PNG = arguments[1] if len(arguments) > 1 else "log_fill.png"
 PERIOD = 0.01  # seconds between two looks
 # How long to wait for an agent: before the first, and for another after one that has gone.
@@ -115,7 +115,7 @@ import matplotlib.pyplot as plt  # noqa: E402 (needs the line above)
 plt.rcParams.update({"font.size": 10, "axes.spines.top": False, "axes.spines.right": False,
                      "axes.grid": True, "grid.alpha": 0.25, "axes.axisbelow": True,
                      "hatch.linewidth": 0.6})
-colours = plt.get_cmap("tab10").colors
+colours = [plt.get_cmap("tab10")(number) for number in (0, 1, 2, 3, 4, 5, 6, 8, 9)]
 figure, (upper, lower) = plt.subplots(2, 1, sharex=True, figsize=(10, 6.5),
                                       gridspec_kw={"height_ratios": [3, 2]})
 for axes, which, title in (

@@ -6,8 +6,8 @@
 #include "Brio/InspectPath.h"
 #include "Want.h"
 
-// A path of the inspection: taken, or refused with an InspectSyntaxError. The first byte chooses between
-// a path and a single value.
+// A path of the inspection: taken, or refused with an InspectSyntaxError. The first byte chooses
+// between a path and a single value.
 
 namespace Fuzz {
 namespace {

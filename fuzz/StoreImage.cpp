@@ -94,7 +94,8 @@ StoreImage::StoreImage(const std::string& root, const std::string& name, bool us
     Asic::StatusQuiltEntry row;
     row.tableId = KelpEmServer::Isem1Tag::tableId;
     row.version = Asic::LogVersion{kReported};
-    row.incarnation = Common::openLog<KelpEmServer::Isem1Tag>(*manager)->mapBase().file()->incarnation();
+    row.incarnation =
+        Common::openLog<KelpEmServer::Isem1Tag>(*manager)->mapBase().file()->incarnation();
     status->map().recordIs(row);
     // One that no program knows.
     static_cast<void>(mount<Asic::StatusQuilt>("other/thing", Asic::kStatusQuiltType, "things"));
@@ -113,13 +114,16 @@ Lumen::Ptr<Entity> StoreImage::mount(const Lumen::String& path, const char* type
       std::declval<const typename std::decay_t<decltype(std::declval<Entity&>().map())>::Key&>(),
       std::declval<bool&>()))>;
   const auto manager = BrioSharedMem::EntityManager::getEntityManager(name_, false);
-  const auto entity = KelpEmServer::mountQuilt<Entity>(
-      manager, typeName, path, [&](BrioQuilt::MountInfo& info) {
+  const auto entity =
+      KelpEmServer::mountQuilt<Entity>(manager, typeName, path, [&](BrioQuilt::MountInfo& info) {
         info.collectionInfoIs(BrioQuilt::CollectionInfo(collection, kCapacity, false));
       });
   const std::string base = manager->folder() + '/' + BrioSharedMem::encodedPath(path);
   const Quilt::Geometry geometry = entity->mapBase().file()->geometry();
-  files_.push_back({base + Quilt::kFileSuffix, {}, {}, geometry,
+  files_.push_back({base + Quilt::kFileSuffix,
+                    {},
+                    {},
+                    geometry,
                     [geometry](std::string& bytes, std::uint32_t slot) {
                       sealSlot<Record>(geometry, bytes, slot);
                     }});
@@ -136,9 +140,9 @@ void StoreImage::makeTable(bool used) {
       Constants::tableEntryLogQuiltPath(),
       KelpEmServer::kTextOfTable<T, "KelpTunnelNiLib::", "EntryLogQuilt">.c_str(),
       "entryLogConfig");
-  const auto needed = mount<Asic::NeededQuilt>(
-      Asic::Constants::groupNeededPath(Common::groupName(), T::tableId), Asic::kNeededQuiltType,
-      Asic::kNeededCollection);
+  const auto needed =
+      mount<Asic::NeededQuilt>(Asic::Constants::groupNeededPath(Common::groupName(), T::tableId),
+                               Asic::kNeededQuiltType, Asic::kNeededCollection);
   std::uint64_t version = 0;
   for (std::uint16_t unit = 0; unit < 2; ++unit) {
     const auto config = mount<typename T::ConfigQuilt>(
@@ -178,8 +182,7 @@ void StoreImage::makeResources(bool used) {
   using Key = typename Kind::Key;
   const auto resources = mount<ResourceQuilt<Key>>(Common::resourcePath<Kind>(kResources),
                                                    Kind::quiltTypeName, kResources);
-  const auto holds =
-      mount<HoldQuilt>(Common::resourcePath<Kind>(kHolds), kHoldQuiltType, kHolds);
+  const auto holds = mount<HoldQuilt>(Common::resourcePath<Kind>(kHolds), kHoldQuiltType, kHolds);
   const auto releases =
       mount<ReleaseQuilt>(Common::resourcePath<Kind>(kReleases), kReleaseQuiltType, kReleases);
   const ClientId client{KelpEmServer::Isem1Tag::tableId, Asic::UnitId{0}};

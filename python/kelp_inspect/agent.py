@@ -11,7 +11,7 @@ from kelp_inspect.watching import Watch
 
 _LIBRARY = "KelpEmServer::"
 _INTERFACE = "KelpInterface"
-_PAGE = 1000
+_PAGE, _MOST_PAGE = 1000, 10000
 
 
 class Table(NamedTuple):
@@ -62,18 +62,34 @@ class Agent:
 
     def tables(self) -> list[Table]:
         """All tables of all units, in the order of their names."""
-        found = []
-        for root in self.objects():
-            if not (root.path.startswith(_LIBRARY) and root.path.endswith(_INTERFACE)):
-                continue
-            name = root.path.removeprefix(_LIBRARY).removesuffix(_INTERFACE)
-            log = root.read("entryLog")
-            version, cleaned = log.read("tableVersion"), log.read("lastCleanedVersion")
-            for unit, table in self.iterate(f"{root.path}/swTableSet/swTable"):
-                entries = self.call(f"{log.path}/entrys", unit)
-                pending = table.read("hasPendingHwWrites")
-                found.append(Table(name, unit, entries, version, cleaned, pending, table))
-        return sorted(found, key=lambda table: table[:2])
+        roots = [root.path for root in self.objects()
+                 if root.path.startswith(_LIBRARY) and root.path.endswith(_INTERFACE)]
+        asked: list[tuple[str, dict[str, Any]]] = []
+        for root in roots:
+            asked += (("iterate", {"path": f"{root}/swTableSet/swTable", "limit": _MOST_PAGE}),
+                      ("read", {"path": f"{root}/entryLog/tableVersion"}),
+                      ("read", {"path": f"{root}/entryLog/lastCleanedVersion"}))
+        answers = iter(self._all(asked))
+        found, asked = [], []
+        for root, units, version, cleaned in zip(roots, answers, answers, answers):
+            for unit, ref in units["members"]:
+                found.append((root, unit, ref, version, cleaned))
+                asked += (("call", {"path": f"{root}/entryLog/entrys", "args": [unit]}),
+                          ("read", {"path": f"{ref.path}/hasPendingHwWrites"}))
+        answers = iter(self._all(asked))
+        tables = [Table(root.removeprefix(_LIBRARY).removesuffix(_INTERFACE), unit, entries,
+                        version, cleaned, pending, ref)
+                  for (root, unit, ref, version, cleaned), entries, pending
+                  in zip(found, answers, answers)]
+        return sorted(tables, key=lambda table: table[:2])
+
+    def _all(self, requests: Sequence[tuple[str, dict[str, Any]]]) -> list[Any]:
+        """What a batch gives, if nothing of it is refused."""
+        answers = self.batch(requests)
+        for answer in answers:
+            if isinstance(answer, InspectError):
+                raise answer
+        return answers
 
     def table(self, table: str, unit: int = 0) -> Ref:
         """The software table. Raises InspectError if there is none of this name or on this unit."""
