@@ -93,7 +93,7 @@ class Client:
 
         Gives the results in their order, an InspectError in the place of each that is refused.
         """
-        results = []
+        results: list[Any] = []
         for at in range(0, len(requests), self._MOST_BATCH):
             some = requests[at:at + self._MOST_BATCH]
             answers = self._ask([self._message(method, params) for method, params in some])

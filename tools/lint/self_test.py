@@ -59,8 +59,8 @@ class Python(OneTree):
         good = '"""Good."""\n\n\ndef f(x: int, *y: int) -> int:\n    """F."""\n    return x\n'
         bad = ('"""Bad."""\n\n\nclass A:\n    """A."""\n\n    def f(self, x):\n        """F."""\n\n'
                "    def g(self) -> None:\n        pass\n\n    def _h(self):\n        pass\n")
-        found = self.found(python_checks.python, {"python/good.py": good, "python/bad.py": bad,
-                                                    "tools/bad.py": bad})
+        files = {"python/good.py": good, "python/bad.py": bad, "tools/bad.py": bad}
+        found = self.found(python_checks.python, files)
         self.assertEqual(found, [("python/bad.py", 7, "f: no type of x"),
                                  ("python/bad.py", 10, "g has no docstring"),
                                  ("python/bad.py", 13, "_h: no type of its result")])
