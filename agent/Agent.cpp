@@ -16,7 +16,7 @@ namespace {
 constexpr std::chrono::milliseconds kTick{100};
 constexpr std::chrono::seconds kAskAgainEvery{1};
 constexpr std::chrono::milliseconds kToldEvery{250};  // in a file; a screen is told at every tick
-constexpr std::chrono::milliseconds kBusyFor{20};  // after the last move
+constexpr std::chrono::milliseconds kBusyFor{20};     // after the last move
 constexpr std::size_t kPendingShown = 10;
 constexpr unsigned kWritesAgainAtATurn = 256;
 constexpr unsigned kRetriesLookedAt = 256;  // a second, though nothing has told of them

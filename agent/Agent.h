@@ -82,7 +82,7 @@ class Agent {
   asio::steady_timer tick_;
   Clock::time_point lastMove_;  // when an intent came or ended, or the hardware side went on
   std::uint64_t moves_ = 0;
-  std::uint64_t steps_ = 0;     // passes and reports
+  std::uint64_t steps_ = 0;  // passes and reports
   std::uint64_t busyMoves_ = 0;
   Clock::time_point lastBusy_;  // when there was something to do
   Clock::time_point lastTold_;

@@ -27,10 +27,10 @@ struct InspectionCall {
 
   const InspectionContext& agent;
   InspectionServer& server;
-  InspectionSession& session;     // of the peer
-  const Common::Json& params;     // an object, or null; stays until the result is whole
-  std::string& out;               // takes the result, as JSON
-  More more;                      // set by the method if the result is not whole yet
+  InspectionSession& session;  // of the peer
+  const Common::Json& params;  // an object, or null; stays until the result is whole
+  std::string& out;            // takes the result, as JSON
+  More more;                   // set by the method if the result is not whole yet
 };
 
 // Adds a result to `call.out`. Throws InspectionError or Brio::InspectError; then nothing of what

@@ -27,9 +27,8 @@ class SocketServer {
   SocketServer& operator=(const SocketServer&) = delete;
 
   void start() {
-    listening_.start([this](ListeningSocket::Protocol::socket socket) {
-      welcome(std::move(socket));
-    });
+    listening_.start(
+        [this](ListeningSocket::Protocol::socket socket) { welcome(std::move(socket)); });
   }
   // The intake has room again.
   void resume();

@@ -158,7 +158,10 @@ class Agent:
         return self.request("lookup", path=_path(path), key=key)
 
     def delete(self, path: str | Ref, key: Any) -> Any:
-        """Takes a member out of a collection, and gives it back; None if there was none."""
+        """Takes a member out of a collection, and gives it back; None if there was none.
+
+        Of a set it gives whether there was one.
+        """
         return self.request("delete", path=_path(path), key=key)
 
     def iterate(self, path: str | Ref, start: Any = None,

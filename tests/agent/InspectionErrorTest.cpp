@@ -71,8 +71,7 @@ TEST_F(InspectionErrors, NameThePlaceAndTheRemedy) {
   expect("call", {{"path", root + "/makeSwTable"}, {"args", Json::array({70000, nullptr, false})}},
          1, root + "/makeSwTable: argument 1: 70000 is above the largest value, 65535");
   expect("call",
-         {{"path", root + "/makeSwTable"},
-          {"args", Json::array({0, Json{{"ref", root}}, false})}},
+         {{"path", root + "/makeSwTable"}, {"args", Json::array({0, Json{{"ref", root}}, false})}},
          1, root + "/makeSwTable: argument 2: a EsemFodoKelpInterface is no ");
   expect("call",
          {{"path", root + "/makeSwTable"},
@@ -214,7 +213,8 @@ TEST_F(InspectionErrors, OnlyTheAgentsOwnUserAndRootChangeAnything) {
   const Json write = {{"path", table + "/inMarkingState"}, {"value", false}};
   const Json remove = {{"path", table + "/markedKey"}, {"key", 5}};
   const Json clear = {{"path", table + "/clearTable"}, {"args", Json::array({false})}};
-  expectError(*nobody, "write", write, 5, table + "/inMarkingState: not allowed: ask as the agent's");
+  expectError(*nobody, "write", write, 5,
+              table + "/inMarkingState: not allowed: ask as the agent's");
   expectError(*nobody, "delete", remove, 5, table + "/markedKey: not allowed");
   expectError(*nobody, "call", clear, 5, table + "/clearTable: not allowed");
   EXPECT_EQ(nobody->read(table + "/inMarkingState"), true);

@@ -147,7 +147,8 @@ TEST_F(AgentInspection, WritesCallsAndDeletes) {
   const std::string marking = tableOf("EsemFodo") + "/inMarkingState";
   EXPECT_EQ(inspector.result("write", {{"path", marking}, {"value", true}}), nullptr);
   EXPECT_EQ(inspector.read(marking), true);
-  EXPECT_EQ(inspector.result("write", {{"path", marking}, {"args", Json::array({false})}}), nullptr);
+  EXPECT_EQ(inspector.result("write", {{"path", marking}, {"args", Json::array({false})}}),
+            nullptr);
   EXPECT_EQ(inspector.read(marking), false);
 
   const std::string has = interfaceOf("EsemFodo") + "/entryLog/entryHas";
@@ -170,10 +171,13 @@ TEST_F(AgentInspection, WritesCallsAndDeletes) {
   EXPECT_EQ(inspector.result("write", {{"path", entries}, {"value", entry}}), nullptr);
   EXPECT_EQ(inspector.result("has", {{"path", entries}, {"key", 2}}), true);
   EXPECT_EQ(inspector.result("has", {{"path", entries}, {"key", 9}}), false);
-  EXPECT_EQ(inspector.result("call", {{"path", has}, {"args", Json::array({2, 0})}}), true) << "only a copy";
-  EXPECT_EQ(inspector.result("call", {{"path", "$1/clearTable"}, {"args", Json::array({false})}}), nullptr);
-  EXPECT_TRUE(comesTrue(
-      [&] { return inspector.result("call", {{"path", has}, {"args", Json::array({1, 0})}}) == false; }));
+  EXPECT_EQ(inspector.result("call", {{"path", has}, {"args", Json::array({2, 0})}}), true)
+      << "only a copy";
+  EXPECT_EQ(inspector.result("call", {{"path", "$1/clearTable"}, {"args", Json::array({false})}}),
+            nullptr);
+  EXPECT_TRUE(comesTrue([&] {
+    return inspector.result("call", {{"path", has}, {"args", Json::array({1, 0})}}) == false;
+  }));
 }
 
 TEST_F(AgentInspection, AWalkGoesOnWhateverHappensToTheCollection) {
@@ -226,8 +230,8 @@ TEST_F(AgentInspection, AWalkGoesOnWhateverHappensToTheCollection) {
   }
   EXPECT_EQ(page["members"][4][0], order[16]);
   // A walk begins where another one stood.
-  const Json later = inspector.result(
-      "iterate", {{"path", "$1/tableEntries"}, {"from", order[20]}, {"limit", 1}});
+  const Json later =
+      inspector.result("iterate", {{"path", "$1/tableEntries"}, {"from", order[20]}, {"limit", 1}});
   EXPECT_EQ(later["members"][0][0], order[20]);
   EXPECT_EQ(inspector.result("iterate", {{"path", "$1/tableEntries"}, {"from", order[9]}}),
             Json::parse(R"({"members":[],"cursor":null})"));
@@ -358,9 +362,8 @@ TEST_F(AgentInspection, AnswersInOrderAndBatchesAsOne) {
 TEST_F(AgentInspection, TheSocketHasTheModeThatIsAskedFor) {
   const auto modeOf = [&] {
     struct stat status {};
-    EXPECT_TRUE(comesTrue([&] {
-      return stat(inspectPath().c_str(), &status) == 0 && (status.st_mode & 0111) == 0;
-    }));
+    EXPECT_TRUE(comesTrue(
+        [&] { return stat(inspectPath().c_str(), &status) == 0 && (status.st_mode & 0111) == 0; }));
     return status.st_mode & 0777;
   };
   {

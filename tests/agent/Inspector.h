@@ -133,8 +133,9 @@ class WithInspection : public WithStore {
     EXPECT_TRUE(feature.send(vlanEvent(100, "prepare") + writeVd(fodo, withVlan(100))));
     const std::string waiting = tableOf("EsemFodoVd") + "/transientAddEntry";
     const Json key = {{"fodo", fodo}, {"vlanDomain", 1}, {"port", 1}};
-    EXPECT_TRUE(comesTrue(
-        [&] { return inspector.result("has", {{"path", waiting}, {"key", key}}) == true; }));
+    EXPECT_TRUE(comesTrue([&] {
+      return inspector.result("has", {{"path", waiting}, {"key", key}}) == true;
+    }));
     return waiting + "[fodo=" + std::to_string(fodo) + ",vlanDomain=1,port=1]";
   }
 };
