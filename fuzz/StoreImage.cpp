@@ -1,11 +1,12 @@
 #include "fuzz/StoreImage.h"
 
-#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <utility>
 
+#include "BrioQuilt/CollectionEntity.h"
 #include "BrioSharedMem/EntityManager.h"
 #include "BrioSharedMem/EntityPath.h"
 #include "BrioSharedMem/EntityType.h"
@@ -38,6 +39,10 @@ const Registrar<KelpTunnelNiLib::EveResourceTableKind> vlanEdits(
     KelpTunnelNiLib::EveResourceTableKind::quiltTypeName);
 const Registrar<KelpQos::EgressRemarkProfileKind> remarks(
     KelpQos::EgressRemarkProfileKind::quiltTypeName);
+
+// The type of an entity's records.
+template <class Record>
+Record recordOf(const BrioQuilt::CollectionEntity<Record>& entity);
 
 std::string bytesOf(const std::string& name) {
   std::ifstream file(name, std::ios::binary);
@@ -110,9 +115,7 @@ StoreImage::StoreImage(const std::string& root, const std::string& name, bool us
 template <class Entity>
 Lumen::Ptr<Entity> StoreImage::mount(const Lumen::String& path, const char* typeName,
                                      const char* collection) {
-  using Record = std::decay_t<decltype(std::declval<Entity&>().map().find(
-      std::declval<const typename std::decay_t<decltype(std::declval<Entity&>().map())>::Key&>(),
-      std::declval<bool&>()))>;
+  using Record = decltype(recordOf(std::declval<Entity&>()));
   const auto manager = BrioSharedMem::EntityManager::getEntityManager(name_, false);
   const auto entity =
       KelpEmServer::mountQuilt<Entity>(manager, typeName, path, [&](BrioQuilt::MountInfo& info) {

@@ -24,6 +24,11 @@ def wait_for(holds, what):
         time.sleep(0.005)
 
 
+def _listens(path):
+    with socket.socket(socket.AF_UNIX) as peer:
+        return peer.connect_ex(path) == 0
+
+
 class Switch:
     """An agent of two units with its sockets, and a hardware side. Nothing is left of it."""
 
@@ -40,8 +45,8 @@ class Switch:
         self.agent = self.start("kelp-agent", "--units", "2", "--inspect", self.inspect, "--socket",
                                 self._intents)
         for path in (self.inspect, self._intents):
-            wait_for(lambda path=path: os.path.exists(path) or self.agent.poll() is not None,
-                     f"{path} to be there")
+            wait_for(lambda path=path: _listens(path) or self.agent.poll() is not None,
+                     f"{path} to be listened on")
         case.assertIsNone(self.agent.poll(), self.said())
 
     def start(self, program, *arguments):
