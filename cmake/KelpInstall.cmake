@@ -65,6 +65,10 @@ if(kelp_programs)
     RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT Programs)
 endif()
 
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/python/kelp_inspect"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/kelp/python" COMPONENT Programs
+  FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
+
 # The headers name fmt's types, so a consumer must use the fmt that the libraries were built with.
 string(REGEX MATCH "^[0-9]+" KELP_FMT_MAJOR "${fmt_VERSION}")
 configure_package_config_file(

@@ -133,16 +133,17 @@ class LogView {
       last_ = published;
     }
     while (last_ < published) {
-      const std::uint64_t to = std::min(published, last_ + kWindow);
-      showWindow(last_ + 1, to);
-      last_ = to;
+      const std::uint64_t count = std::min(published - last_, kWindow);
+      showWindow(last_ + 1, count);
+      last_ += count;
     }
   }
 
-  void showWindow(std::uint64_t from, std::uint64_t to) {
+  void showWindow(std::uint64_t from, std::uint64_t count) {
     Lines lines;
     std::vector<std::uint64_t> missing;
-    for (std::uint64_t version = from; version <= to; ++version) {
+    for (std::uint64_t distance = 0; distance < count; ++distance) {
+      const std::uint64_t version = from + distance;
       if (const auto record = find(version)) {
         lines.emplace_back(version, std::string());
         appendLine(lines.back().second, *record, {});
