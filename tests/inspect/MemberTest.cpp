@@ -1,6 +1,7 @@
 #include "Brio/GenericIfImpl.h"
 #include "Brio/GenericIterator.h"
 #include "Brio/InspectPlace.h"
+#include "Brio/InspectType.h"
 #include "Brio/MutatorException.h"
 #include "InspectFixture.h"
 
@@ -122,12 +123,13 @@ TYPED_TEST(Members, WritableAttributesTakeWhatTheyHold) {
     EXPECT_EQ(ask(intf, field, Code::kWrite, nullptr, nullptr, {&held}), kDone) << field;
     EXPECT_EQ(read<NodePtr>(intf, field).get(), held.get()) << field;
   }
+  const auto before = this->table_->transientRemoveAllVersion();
   const auto version = Asic::MajorVersion{9};
   EXPECT_EQ(
       ask(*this->table_, "transientRemoveAllVersion", Code::kWrite, nullptr, nullptr, {&version}),
       kDone);
   EXPECT_EQ(read<Asic::MajorVersion>(*this->table_, "transientRemoveAllVersion"), version);
-  this->table_->transientRemoveAllVersionIs(Asic::MajorVersion::invalid());
+  this->table_->transientRemoveAllVersionIs(before);
 }
 
 TYPED_TEST(Members, TheGlueOfEveryClassLeadsToTheNodeItself) {
