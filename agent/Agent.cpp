@@ -9,6 +9,7 @@
 
 #include "agent/Say.h"
 #include "agent/Summary.h"
+#include "agent/Waiting.h"
 
 namespace Agent {
 namespace {
@@ -386,8 +387,8 @@ void Agent::giveUp() {
   }
   say("gave up: nothing has moved for {} s; is the hardware side running on --name {} --root {}?",
       std::chrono::duration<double>(*options_.timeout).count(), options_.name, options_.root);
-  const auto pending = intake_->pending(kPendingShown);
-  for (const Intake::Pending& one : pending) {
+  const auto pending = Waiting(*intake_).oldest(kPendingShown);
+  for (const Waiting::Pending& one : pending) {
     say("pending: {}: {}", one.intent, one.reason);
   }
   if (intake_->inFlight() > pending.size()) {
