@@ -31,7 +31,7 @@ class Reader {
     }
   }
   [[noreturn]] void refuse(const Lumen::String& why) const {
-    throw InspectError(fmt::format("{}<here>{}: {}", text_.substr(0, at_), text_.substr(at_), why));
+    throw InspectSyntaxError(fmt::format("{}<here>{}: {}", text_.substr(0, at_), text_.substr(at_), why));
   }
   // Everything up to one of `ends`; may be empty.
   std::string_view upTo(std::string_view ends) noexcept {
@@ -43,7 +43,7 @@ class Reader {
   // name=value,... up to `end`, or one value.
   InspectValue fieldsOrValue(char end, unsigned depth) {
     const std::size_t from = at_;
-    if (!sees('"') && !sees('{')) {
+    if (!sees('"') && !sees('{') && !sees('[')) {
       const std::string_view name = upTo("=,]}\"{");
       if (!name.empty() && sees('=')) {
         at_ = from;
@@ -55,22 +55,48 @@ class Reader {
   }
   InspectValue value(unsigned depth) {
     if (depth > kDeepest) {
-      refuse(fmt::format("records may be nested {} deep", kDeepest));
+      refuse(fmt::format("records and lists may be nested {} deep", kDeepest));
     }
     if (take('{')) {
       InspectValue record = fields('}', depth + 1);
       want('}');
       return record;
     }
+    if (take('[')) {
+      return list(depth + 1);
+    }
     if (take('"')) {
-      const std::string_view text = upTo("\"");
-      want('"');
-      return text;
+      return quoted();
     }
     return plain(upTo(",]}"));
   }
 
  private:
+  // Behind the opening bracket or quote.
+  InspectValue list(unsigned depth) {
+    InspectValue::List list;
+    while (!take(']')) {
+      if (!list.empty()) {
+        want(',');
+      }
+      list.push_back(value(depth));
+    }
+    return list;
+  }
+  InspectValue quoted() {
+    Lumen::String text;
+    while (true) {
+      text += upTo("\"\\");
+      if (!take('\\')) {
+        want('"');
+        return text;
+      }
+      if (!sees('"') && !sees('\\')) {
+        refuse("'\\' stands before a quote or another '\\' only");
+      }
+      text += text_[at_++];
+    }
+  }
   InspectValue fields(char end, unsigned depth) {
     InspectValue::Record record;
     while (!atEnd() && !sees(end)) {

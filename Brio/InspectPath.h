@@ -13,10 +13,11 @@ struct InspectStep {
   std::vector<InspectValue> keys;
 };
 
-// The steps of a path; throws InspectError that names the place in it.
+// The steps of a path; throws InspectSyntaxError that names the place in it.
 [[nodiscard]] std::vector<InspectStep> inspectSteps(std::string_view path);
-// A value as a path writes it: a number (also 0x1f), true, false, null, "text", bare text,
-// {name=value,...}; without the braces, too. Throws InspectError.
+// A value as a path writes it: a number (also 0x1f), true, false, null, "text" (with \" and \\ in
+// it), bare text, [value,...], {name=value,...}; without the braces, too. Throws
+// InspectSyntaxError.
 [[nodiscard]] InspectValue inspectParse(std::string_view text);
 
 }  // namespace Brio

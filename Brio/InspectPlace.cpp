@@ -39,22 +39,25 @@ Lumen::String keyText(const InspectValue& key) {
 InspectPlace::InspectPlace(NodePtr object, Lumen::String path)
     : path_(std::move(path)), object_(std::move(object)) {}
 
-InspectPlace InspectPlace::find(std::string_view path) {
+InspectPlace InspectPlace::find(std::string_view path) { return find(path, &InspectRoots::root); }
+
+InspectPlace InspectPlace::find(std::string_view path, const RootOf& rootOf) {
   if (path.size() > kLongestPath) {
-    throw InspectError(fmt::format("a path has {} characters at most", kLongestPath));
+    throw InspectSyntaxError(fmt::format("a path has {} characters at most", kLongestPath));
   }
   const std::vector<InspectStep> steps = inspectSteps(path);
   if (steps.size() > kMostSteps) {
-    throw InspectError(fmt::format("a path has {} steps at most", kMostSteps));
+    throw InspectSyntaxError(fmt::format("a path has {} steps at most", kMostSteps));
   }
-  InspectPlace place(InspectRoots::root(steps[0].name), Lumen::String(steps[0].name));
+  InspectPlace place(rootOf(steps[0].name), Lumen::String(steps[0].name));
   if (!place.object_) {
     Lumen::String roots;
     for (const Lumen::String& name : InspectRoots::names()) {
       roots += (roots.empty() ? "" : ", ") + name;
     }
     throw InspectError(fmt::format("{}: no such root; there are: {}", steps[0].name,
-                                   roots.empty() ? "none" : roots));
+                                   roots.empty() ? "none" : roots),
+                       place.path_);
   }
   bool first = true;
   for (const InspectStep& step : steps) {
@@ -72,9 +75,14 @@ void InspectPlace::refuse(const Lumen::String& why) const {
   throw InspectError(path_ + ": " + why);
 }
 
+void InspectPlace::refuseMissing(const Lumen::String& why, const Lumen::String& missing) const {
+  throw InspectError(path_ + ": " + why, missing);
+}
+
 InspectPlace InspectPlace::with(InspectValue value, Lumen::String path) const {
   InspectPlace place;
   place.path_ = std::move(path);
+  place.behindCall_ = !leadsBack();
   if (const auto* node = value.as<NodePtr>()) {
     place.object_ = *node;
   } else {
@@ -86,7 +94,7 @@ InspectPlace InspectPlace::with(InspectValue value, Lumen::String path) const {
 InspectPlace InspectPlace::entered() const {
   InspectPlace place = field_ ? with(read(), path_) : *this;
   if (!place.object_ && place.value_.isNothing()) {
-    refuse("null; nothing is below it");
+    refuseMissing("null; nothing is below it", path_);
   }
   return place;
 }
@@ -105,9 +113,10 @@ InspectPlace InspectPlace::step(std::string_view name) const {
   if (place.object_) {
     place.field_ = inspectField(*place.object_, name);
     if (!place.field_) {
-      refuse(fmt::format("no attribute '{}' in {}; there are: {}", name,
-                         place.object_->typeData().className,
-                         namesOf(inspectFields(*place.object_))));
+      refuseMissing(fmt::format("no attribute '{}' in {}; there are: {}", name,
+                                place.object_->typeData().className,
+                                namesOf(inspectFields(*place.object_))),
+                    path);
     }
     place.path_ = path;
     return place;
@@ -115,7 +124,7 @@ InspectPlace InspectPlace::step(std::string_view name) const {
   if (const InspectValue* field = place.value_.field(name)) {
     return with(*field, path);
   }
-  refuse(fmt::format("no field '{}' in {}", name, place.value_.text()));
+  refuseMissing(fmt::format("no field '{}' in {}", name, place.value_.text()), path);
 }
 
 InspectPlace InspectPlace::onlyCollection() const {
@@ -142,17 +151,21 @@ InspectPlace InspectPlace::member(const InspectValue& key) const {
     const InspectPlace in = entered();
     if (const auto* list = in.value_.as<InspectValue::List>()) {
       if (list->empty()) {
-        refuse("an empty list");
+        refuseMissing("an empty list", memberPath(key));
       }
       const std::uint64_t at = Impl::inspectNumber(key, path_, list->size() - 1);
-      return with((*list)[at], path_ + keyText(key));
+      return with((*list)[at], memberPath(key));
     }
   }
   const InspectPlace in = isCollection ? *this : onlyCollection();
   if (!in.has(key)) {
-    refuse(fmt::format("no member {} among {}", keyText(key), in.count()));
+    refuseMissing(fmt::format("no member {} among {}", keyText(key), in.count()), memberPath(key));
   }
-  return with(in.lookup(key), path_ + keyText(key));
+  return in.with(in.lookup(key), memberPath(key));
+}
+
+Lumen::String InspectPlace::memberPath(const InspectValue& key) const {
+  return path_ + keyText(key);
 }
 
 const InspectField& InspectPlace::attributeField() const {

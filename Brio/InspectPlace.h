@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -32,6 +33,9 @@ class InspectPlace {
   // member of a collection: [3], [port=3,vlan=100], ["text"], [key={a=1,b=2}]. Brackets behind an
   // object mean its one collection.
   [[nodiscard]] static InspectPlace find(std::string_view path);
+  // The same from roots of the caller's own; null where there is none of a name.
+  using RootOf = std::function<NodePtr(std::string_view name)>;
+  [[nodiscard]] static InspectPlace find(std::string_view path, const RootOf& rootOf);
   // An object that is at hand; `path` is what errors call it.
   InspectPlace(NodePtr object, Lumen::String path);
 
@@ -40,12 +44,19 @@ class InspectPlace {
   [[nodiscard]] const NodePtr& object() const noexcept { return object_; }
   // The attribute that the place is; nothing for an object and for a value.
   [[nodiscard]] const std::optional<InspectField>& field() const noexcept { return field_; }
+  // Whether the path leads to the same object once more; what lies behind an operation is made anew
+  // each time.
+  [[nodiscard]] bool leadsBack() const noexcept {
+    return !behindCall_ && !(field_ && field_->attribute.isOperation());
+  }
   // What the object below serves.
   [[nodiscard]] std::vector<InspectField> fields() const;
 
   // One step further, as in a path.
   [[nodiscard]] InspectPlace step(std::string_view name) const;
   [[nodiscard]] InspectPlace member(const InspectValue& key) const;
+  // The path of a member.
+  [[nodiscard]] Lumen::String memberPath(const InspectValue& key) const;
 
   // The value: an object as itself, a plain attribute, the result of an operation that changes
   // nothing and takes no arguments. A collection has none: use cursor().
@@ -73,6 +84,8 @@ class InspectPlace {
   InspectPlace() = default;
 
   [[noreturn]] void refuse(const Lumen::String& why) const;
+  // `missing` is the path that leads nowhere.
+  [[noreturn]] void refuseMissing(const Lumen::String& why, const Lumen::String& missing) const;
   [[nodiscard]] const InspectField& attributeField() const;
   [[nodiscard]] const InspectField& collectionField() const;
   // The same place as an object or a value, and the collection that a key is for.
@@ -85,6 +98,7 @@ class InspectPlace {
   NodePtr object_;
   std::optional<InspectField> field_;
   InspectValue value_;  // where there is neither
+  bool behindCall_ = false;
 };
 
 }  // namespace Brio

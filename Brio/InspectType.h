@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
 
 #include "Brio/Fields.h"
@@ -60,6 +61,7 @@ template <class V>
     return static_cast<double>(value);
   } else if constexpr (HasFields<V>) {
     InspectValue::Record record;
+    record.reserve(std::tuple_size_v<decltype(V::fields())>);
     forEachField<V>([&](const auto& field) {
       record.emplace_back(Lumen::String(field.name), toInspect(value.*field.member));
     });

@@ -7,6 +7,7 @@
 namespace Brio {
 
 InspectError::~InspectError() = default;
+InspectSyntaxError::~InspectSyntaxError() = default;
 
 const InspectValue* InspectValue::field(std::string_view name) const noexcept {
   if (const Record* record = as<Record>()) {
@@ -25,7 +26,12 @@ Lumen::String InspectValue::text() const {
     if constexpr (std::is_same_v<T, std::monostate>) {
       return "nothing";
     } else if constexpr (std::is_same_v<T, Lumen::String>) {
-      return fmt::format("\"{}\"", value);
+      Lumen::String text = "\"";
+      for (const char character : value) {
+        text += character == '"' || character == '\\' ? "\\" : "";
+        text += character;
+      }
+      return text + '"';
     } else if constexpr (std::is_same_v<T, NodePtr>) {
       return value ? Lumen::String(value->typeData().className) : "null";
     } else if constexpr (std::is_same_v<T, Record>) {

@@ -17,7 +17,23 @@ namespace Brio {
 class InspectError : public Lumen::Exception {
  public:
   using Lumen::Exception::Exception;
+  // What `missing`, a path, names is not there.
+  InspectError(Lumen::String text, Lumen::String missing)
+      : Exception(std::move(text)), missing_(std::move(missing)) {}
   ~InspectError() override;
+
+  // The shortest beginning of the path that leads nowhere; empty if nothing is missing.
+  [[nodiscard]] const Lumen::String& missing() const noexcept { return missing_; }
+
+ private:
+  Lumen::String missing_;
+};
+
+// A text that is no path, or no value.
+class InspectSyntaxError final : public InspectError {
+ public:
+  using InspectError::InspectError;
+  ~InspectSyntaxError() override;
 };
 
 // A value of any attribute, for who does not know its type. Integers are unsigned, as all are that
@@ -59,7 +75,7 @@ class InspectValue {
     return std::visit(std::forward<Visit>(visit), value_);
   }
 
-  // As a path writes it: 5, true, "text", {port=3,vlan=100}; a node by its class.
+  // As a path writes it: 5, true, "text", {port=3,vlan=100}, [1,2]; a node by its class.
   [[nodiscard]] Lumen::String text() const;
 
   friend bool operator==(const InspectValue& a, const InspectValue& b) {

@@ -17,6 +17,7 @@ namespace {
 constexpr std::chrono::milliseconds kTick{100};
 constexpr std::chrono::seconds kAskAgainEvery{1};
 constexpr std::chrono::milliseconds kToldEvery{250};  // in a file; a screen is told at every tick
+constexpr std::chrono::milliseconds kBusyFor{20};  // after the last move
 constexpr std::size_t kPendingShown = 10;
 constexpr unsigned kWritesAgainAtATurn = 256;
 constexpr unsigned kRetriesLookedAt = 256;  // a second, though nothing has told of them
@@ -60,6 +61,10 @@ Agent::Agent(const Options& options)
   if (!options.socket.empty()) {
     socket_.emplace(loop_, options.socket, *intake_, *kept_);
   }
+  if (!options.inspect.empty()) {
+    inspection_.emplace(loop_, options.inspect, options.inspectMode,
+                        InspectionContext{store_, *intake_}, [this] { return isBusy(); });
+  }
   outcomes_.open([this] { files_->resume(); });
   store_.resources().forEach([&](auto& table) { table.deadlineIs(options.resourceDeadline); });
   store_.group().groupResolver()->wakeUpIs([this] { asio::post(loop_, [this] { runPass(); }); });
@@ -68,6 +73,7 @@ Agent::Agent(const Options& options)
 
 Agent::~Agent() {
   bell_.release();
+  inspection_.reset();  // it may hold any object
   socket_.reset();
   files_.reset();
   restart_.reset();
@@ -79,6 +85,9 @@ int Agent::run() {
   waitForSignal();
   waitForTick();
   handleBell();
+  if (inspection_) {
+    inspection_->start();
+  }
   // Over what an earlier run has left, states that are long past must not come up again. On tables
   // that nobody has written to there are none.
   const bool withReplay = !restart_->nothingThere() || !kept_->lines().empty();
@@ -190,6 +199,9 @@ void Agent::handleTick() {
   if (socket_) {
     socket_->checkPeers(options_.peerTimeout);
   }
+  if (inspection_) {
+    inspection_->checkPeers(options_.peerTimeout);
+  }
   outcomes_.flush();
   (void)kept_->flush();
   settleOrders();
@@ -227,6 +239,7 @@ void Agent::lookAtStatus() {
 
 // A pass was run, or the hardware side has reported.
 void Agent::afterNews() {
+  ++steps_;
   store_.ringIfPublished();
   intake_->removeAllsSettle();
   outcomes_.flush();
@@ -291,6 +304,7 @@ void Agent::foldKept(Replay& replay) {
 
 // Peers come in only now: what they say is newer than what was kept.
 void Agent::replayed() {
+  replayed_ = true;
   if (socket_) {
     socket_->start();
   }
@@ -375,6 +389,18 @@ void Agent::giveUpIfStuck(Clock::time_point now) {
   } else if (now - lastMove_ > *options_.timeout) {
     giveUp();
   }
+}
+
+// Whether there is work that inspection must not hold up: intents that only wait are none.
+bool Agent::isBusy() {
+  const auto now = Clock::now();
+  const Intake::Totals& totals = intake_->totals();
+  const std::uint64_t moves = totals.accepted + totals.succeeded + totals.failed + steps_;
+  if (moves != busyMoves_ || !replayed_ || store_.group().groupResolver()->passWorthRunning()) {
+    busyMoves_ = moves;
+    lastBusy_ = now;
+  }
+  return now - lastBusy_ < kBusyFor;
 }
 
 void Agent::giveUp() {

@@ -12,6 +12,7 @@
 
 #include "BriskTrace/TraceHandle.h"
 #include "agent/FileReader.h"
+#include "agent/InspectionServer.h"
 #include "agent/Intake.h"
 #include "agent/KeptIntents.h"
 #include "agent/Options.h"
@@ -59,6 +60,7 @@ class Agent {
   void endIfDone();
   void giveUpIfStuck(Clock::time_point now);
   void giveUp();
+  [[nodiscard]] bool isBusy();
   void waitForReader();
   void tellProgress(bool last);
   void tellSummary();
@@ -75,15 +77,20 @@ class Agent {
   std::optional<Restart> restart_;
   std::optional<FileReader> files_;
   std::optional<SocketServer> socket_;
+  std::optional<InspectionServer> inspection_;
   asio::posix::stream_descriptor bell_;
   asio::steady_timer tick_;
   Clock::time_point lastMove_;  // when an intent came or ended, or the hardware side went on
   std::uint64_t moves_ = 0;
+  std::uint64_t steps_ = 0;     // passes and reports
+  std::uint64_t busyMoves_ = 0;
+  Clock::time_point lastBusy_;  // when there was something to do
   Clock::time_point lastTold_;
   Clock::time_point lastAsked_;
   std::string told_;
   // Who asked for the end of the replay while a file was still being read.
   std::vector<FileReader::Order> ordersWaiting_;
+  bool replayed_ = false;
   bool filesEnded_ = false;  // and what that means for the replay is done
   bool failedOtherwise_ = false;
   bool gaveUp_ = false;

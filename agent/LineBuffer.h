@@ -14,6 +14,8 @@ class LineBuffer {
  public:
   static constexpr std::size_t kLongestLine = 65536;
 
+  explicit LineBuffer(std::size_t longest = kLongestLine) : longest_(longest) {}
+
   struct Line {
     std::uint64_t number;   // from 1
     std::string_view text;  // without its end; valid until the next call
@@ -42,7 +44,7 @@ class LineBuffer {
         continue;
       }
       ++lines_;
-      return Line{lines_, text.substr(0, kLongestLine), text.size() > kLongestLine};
+      return Line{lines_, text.substr(0, longest_), text.size() > longest_};
     }
   }
   // At the end of the input: what stands behind the last line end, if anything does.
@@ -60,7 +62,7 @@ class LineBuffer {
  private:
   [[nodiscard]] std::optional<Line> unfinished() {
     searched_ = bytes_.size() - begin_;
-    if (searched_ <= kLongestLine && !passingOver_) {
+    if (searched_ <= longest_ && !passingOver_) {
       return std::nullopt;
     }
     const std::string_view text(bytes_.data() + begin_, searched_);
@@ -71,9 +73,10 @@ class LineBuffer {
     }
     passingOver_ = true;
     ++lines_;
-    return Line{lines_, text.substr(0, kLongestLine), true};
+    return Line{lines_, text.substr(0, longest_), true};
   }
 
+  std::size_t longest_;
   std::string bytes_;
   std::size_t begin_ = 0;     // of what has not been given out
   std::size_t searched_ = 0;  // of that, without a line end

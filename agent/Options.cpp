@@ -11,6 +11,15 @@ std::chrono::milliseconds milliseconds(double seconds) {
   return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
 }
 
+// What is wrong with a file mode; empty if nothing is.
+std::string wrongMode(const std::string& text) {
+  const bool octal = !text.empty() && text.size() <= 4 &&
+                     text.find_first_not_of("01234567") == std::string::npos;
+  return octal && std::stoul(text, nullptr, 8) <= 0777
+             ? std::string()
+             : text + " is no mode: write an octal number such as 0660";
+}
+
 }  // namespace
 
 std::optional<int> readOptions(int argc, char** argv, Options& options) {
@@ -25,6 +34,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       "all others. SIGTERM and SIGINT stop it cleanly; SIGUSR1 makes it write the summary.");
   double timeout = 0;
   double peerTimeout = 30;
+  std::string inspectMode = "0660";
   app.add_option("--name", options.name, "Name of the store")->capture_default_str();
   app.add_option("--root", options.root, "Folder in which stores lie")->capture_default_str();
   app.add_option("--intents", options.intents,
@@ -34,6 +44,16 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
   app.add_option("--socket", options.socket,
                  "Listen on a Unix socket: intents in, their outcomes out, one on a line")
       ->type_name("PATH");
+  app.add_option("--inspect", options.inspect,
+                 "Listen on a Unix socket for requests to read and drive objects by name; "
+                 "docs/inspection.md tells how")
+      ->type_name("PATH");
+  app.add_option("--inspect-mode", inspectMode,
+                 "Mode of that socket's file, octal. What changes state is for the agent's own "
+                 "user and for root, whatever the mode")
+      ->type_name("MODE")
+      ->check(CLI::Validator(&wrongMode, "0-777"))
+      ->capture_default_str();
   app.add_option("--units", options.units, "Number of chip units, from unit 0")
       ->check(CLI::Range(1U, Common::kMostUnits))
       ->capture_default_str();
@@ -73,7 +93,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
       ->check(CLI::Range(0.0, 1e6))
       ->capture_default_str();
   app.add_option("--peer-timeout", peerTimeout,
-                 "Drop a peer of the socket that takes no outcome for so many seconds")
+                 "Drop a peer of a socket that takes no output for so many seconds")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.001, 1e6))
       ->capture_default_str();
@@ -87,6 +107,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
     options.timeout = milliseconds(timeout);
   }
   options.peerTimeout = milliseconds(peerTimeout);
+  options.inspectMode = static_cast<unsigned>(std::stoul(inspectMode, nullptr, 8));
   return std::nullopt;
 }
 

@@ -1,14 +1,15 @@
 #pragma once
 
 #include <asio/io_context.hpp>
-#include <asio/local/stream_protocol.hpp>
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "agent/Intake.h"
+#include "agent/ListeningSocket.h"
 #include "agent/Peer.h"
 
 namespace Agent {
@@ -18,17 +19,17 @@ class SocketServer {
  public:
   static constexpr std::size_t kMostPeers = 64;
 
-  // Takes the place of a socket that nobody listens on any more. Throws std::runtime_error that
-  // names the path: somebody listens there, or what stands there is no socket.
+  // Throws as ListeningSocket.
   SocketServer(asio::io_context& loop, const std::string& path, Intake& intake, KeptIntents& kept);
-  // Closes all, and removes the socket's file.
+  // Closes all.
   ~SocketServer();
   SocketServer(const SocketServer&) = delete;
   SocketServer& operator=(const SocketServer&) = delete;
 
   void start() {
-    started_ = true;
-    accept();
+    listening_.start([this](ListeningSocket::Protocol::socket socket) {
+      welcome(std::move(socket));
+    });
   }
   // The intake has room again.
   void resume();
@@ -36,19 +37,13 @@ class SocketServer {
   void checkPeers(std::chrono::milliseconds timeout);
 
  private:
-  using Protocol = asio::local::stream_protocol;
+  void welcome(ListeningSocket::Protocol::socket socket);
 
-  void accept();
-  void welcome(Protocol::socket socket);
-
-  std::string path_;
   Intake& intake_;
   KeptIntents& kept_;
-  Protocol::acceptor acceptor_;
   std::set<std::shared_ptr<Peer>> peers_;
   std::uint64_t nextPeer_ = 1;
-  bool started_ = false;
-  bool accepting_ = false;
+  ListeningSocket listening_;
 };
 
 }  // namespace Agent

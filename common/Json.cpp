@@ -40,16 +40,6 @@ std::string shortened(std::string text) {
   return text;
 }
 
-// "[...] parse error at line 1, column 7: WHAT" becomes "column 7: WHAT".
-std::string withoutPrefix(std::string_view what) {
-  const std::size_t column = what.find("column ");
-  if (column != std::string_view::npos) {
-    return std::string(what.substr(column));
-  }
-  const std::size_t bracket = what.find("] ");
-  return std::string(bracket == std::string_view::npos ? what : what.substr(bracket + 2));
-}
-
 std::string joined(const std::vector<std::string_view>& names, std::string_view last,
                    std::string_view quote) {
   std::string text;
@@ -134,6 +124,16 @@ std::string Place::text() const {
   return outer == nullptr ? std::string(name) : outer->text() + "." + std::string(name);
 }
 
+// "[...] parse error at line 1, column 7: WHAT" becomes "column 7: WHAT".
+std::string jsonErrorText(std::string_view what) {
+  const std::size_t column = what.find("column ");
+  if (column != std::string_view::npos) {
+    return std::string(what.substr(column));
+  }
+  const std::size_t bracket = what.find("] ");
+  return std::string(bracket == std::string_view::npos ? what : what.substr(bracket + 2));
+}
+
 Json parseLine(std::string_view line) {
   Json json;
   try {
@@ -143,7 +143,7 @@ Json parseLine(std::string_view line) {
     throw InputError(
         fmt::format(R"(not JSON, {}: write one object on a line, such as )"
                     R"({{"op":"remove","table":"EsemFodo","unit":0,"key":{{"fodo":5}}}})",
-                    withoutPrefix(error.what())));
+                    jsonErrorText(error.what())));
   }
   if (!json.is_object()) {
     throw InputError(fmt::format("{} is no object: write {{...}}", shortened(json.dump())));

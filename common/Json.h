@@ -50,6 +50,8 @@ void checkNames(const Json& json, const std::vector<std::string_view>& known, co
 // Throws InputError unless `json` is an object.
 void checkObject(const Json& json, const Place& place);
 
+// What the parser says is wrong, from the column on: "column 7: WHAT".
+[[nodiscard]] std::string jsonErrorText(std::string_view what);
 // Adds `text` as a JSON string. Bytes that are no UTF-8, as file names may hold, become U+FFFD, the
 // replacement character, each.
 void appendString(std::string& out, std::string_view text);

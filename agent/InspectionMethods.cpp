@@ -1,0 +1,45 @@
+#include "agent/InspectionMethods.h"
+
+#include <algorithm>
+#include <array>
+
+#include "agent/InspectionCollections.h"
+#include "agent/InspectionObjects.h"
+#include "agent/InspectionValues.h"
+
+namespace Agent {
+namespace {
+
+struct Named {
+  std::string_view name;
+  InspectionMethod method;
+};
+
+constexpr std::array kMethods{
+    Named{"objects", &inspectObjects},
+    Named{"classes", &inspectClasses},
+    Named{"attributes", &inspectAttributes},
+    Named{"list", &inspectList},
+    Named{"read", &inspectRead},
+    Named{"write", &inspectWrite},
+    Named{"call", &inspectCall},
+    Named{"subscribe", &inspectSubscribe},
+    Named{"unsubscribe", &inspectUnsubscribe},
+    Named{"release", &inspectRelease},
+    Named{"count", &inspectCount},
+    Named{"has", &inspectHas},
+    Named{"lookup", &inspectLookup},
+    Named{"delete", &inspectDelete},
+    Named{"iterate", &inspectIterate},
+    Named{"close", &inspectClose},
+};
+
+}  // namespace
+
+InspectionMethod inspectionMethod(std::string_view name) {
+  const auto found = std::find_if(kMethods.begin(), kMethods.end(),
+                                  [&](const Named& one) { return one.name == name; });
+  return found == kMethods.end() ? nullptr : found->method;
+}
+
+}  // namespace Agent

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "agent/InspectionSession.h"
+#include "agent/Intake.h"
+#include "agent/Store.h"
+#include "common/Json.h"
+
+namespace Agent {
+
+class InspectionServer;
+
+// What methods may ask of the agent.
+struct InspectionContext {
+  Store& store;
+  Intake& intake;
+};
+
+// A request that is being answered.
+struct InspectionCall {
+  // Goes on with a result that is too long for one slice of the loop: adds some 50 us of work to
+  // it, and gives whether it is whole now.
+  using More = std::function<bool(std::string& out)>;
+
+  const InspectionContext& agent;
+  InspectionServer& server;
+  InspectionSession& session;     // of the peer
+  const Common::Json& params;     // an object, or null; stays until the result is whole
+  std::string& out;               // takes the result, as JSON
+  More more;                      // set by the method if the result is not whole yet
+};
+
+// Adds a result to `call.out`. Throws InspectionError or Brio::InspectError; then nothing of what
+// it has added is sent. Any other exception is that of an operation that failed.
+using InspectionMethod = void (*)(InspectionCall& call);
+
+// Null if there is none of this name.
+[[nodiscard]] InspectionMethod inspectionMethod(std::string_view name);
+
+}  // namespace Agent
