@@ -31,7 +31,8 @@ class Reader {
     }
   }
   [[noreturn]] void refuse(const Lumen::String& why) const {
-    throw InspectSyntaxError(fmt::format("{}<here>{}: {}", text_.substr(0, at_), text_.substr(at_), why));
+    throw InspectSyntaxError(
+        fmt::format("{}<here>{}: {}", text_.substr(0, at_), text_.substr(at_), why));
   }
   // Everything up to one of `ends`; may be empty.
   std::string_view upTo(std::string_view ends) noexcept {

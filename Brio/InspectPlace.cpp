@@ -113,10 +113,10 @@ InspectPlace InspectPlace::step(std::string_view name) const {
   if (place.object_) {
     place.field_ = inspectField(*place.object_, name);
     if (!place.field_) {
-      refuseMissing(fmt::format("no attribute '{}' in {}; there are: {}", name,
-                                place.object_->typeData().className,
-                                namesOf(inspectFields(*place.object_))),
-                    path);
+      refuseMissing(
+          fmt::format("no attribute '{}' in {}; there are: {}", name,
+                      place.object_->typeData().className, namesOf(inspectFields(*place.object_))),
+          path);
     }
     place.path_ = path;
     return place;

@@ -17,7 +17,7 @@ namespace {
 constexpr std::chrono::milliseconds kTick{100};
 constexpr std::chrono::seconds kAskAgainEvery{1};
 constexpr std::chrono::milliseconds kToldEvery{250};  // in a file; a screen is told at every tick
-constexpr std::chrono::milliseconds kBusyFor{20};  // after the last move
+constexpr std::chrono::milliseconds kBusyFor{20};     // after the last move
 constexpr std::size_t kPendingShown = 10;
 constexpr unsigned kWritesAgainAtATurn = 256;
 constexpr unsigned kRetriesLookedAt = 256;  // a second, though nothing has told of them
@@ -61,9 +61,12 @@ Agent::Agent(const Options& options)
   if (!options.socket.empty()) {
     socket_.emplace(loop_, options.socket, *intake_, *kept_);
   }
+  history_.emplace(*intake_);
   if (!options.inspect.empty()) {
-    inspection_.emplace(loop_, options.inspect, options.inspectMode,
-                        InspectionContext{store_, *intake_}, [this] { return isBusy(); });
+    inspection_.emplace(
+        loop_, options.inspect, options.inspectMode,
+        InspectionContext{store_, *intake_, options_, *history_, [this] { return figures(); }},
+        [this] { return isBusy(); });
   }
   outcomes_.open([this] { files_->resume(); });
   store_.resources().forEach([&](auto& table) { table.deadlineIs(options.resourceDeadline); });
@@ -74,6 +77,7 @@ Agent::Agent(const Options& options)
 Agent::~Agent() {
   bell_.release();
   inspection_.reset();  // it may hold any object
+  history_.reset();
   socket_.reset();
   files_.reset();
   restart_.reset();
@@ -199,6 +203,7 @@ void Agent::handleTick() {
   if (socket_) {
     socket_->checkPeers(options_.peerTimeout);
   }
+  history_->look(now);
   if (inspection_) {
     inspection_->checkPeers(options_.peerTimeout);
   }
@@ -226,6 +231,7 @@ void Agent::askAgain(Clock::time_point now) {
 }
 
 void Agent::runPass() {
+  ++passes_;
   store_.group().groupResolver()->runPass();
   afterNews();
 }
@@ -389,6 +395,16 @@ void Agent::giveUpIfStuck(Clock::time_point now) {
   } else if (now - lastMove_ > *options_.timeout) {
     giveUp();
   }
+}
+
+LoopFigures Agent::figures() const {
+  LoopFigures figures;
+  figures.started = started_;
+  figures.passes = passes_;
+  figures.linesSkipped = files_->skipped();
+  figures.peers = socket_ ? socket_->peers() : 0;
+  figures.inspectionPeers = inspection_ ? inspection_->peers() : 0;
+  return figures;
 }
 
 // Whether there is work that inspection must not hold up: intents that only wait are none.

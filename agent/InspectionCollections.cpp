@@ -133,8 +133,7 @@ void inspectLookup(InspectionCall& call) {
   const InspectPlace place = call.session.find(params.text("path"));
   const InspectValue key = keyOf(call, params, "key");
   if (isSet(place) || place.has(key)) {
-    call.session.appendValue(call.out, place.lookup(key), place.memberPath(key),
-                             place.leadsBack());
+    call.session.appendValue(call.out, place.lookup(key), place.memberPath(key), place.leadsBack());
   } else {
     call.out += "null";
   }
@@ -156,9 +155,8 @@ void inspectDelete(InspectionCall& call) {
 
 void inspectIterate(InspectionCall& call) {
   const bool goesOn = call.params.is_object() && call.params.contains("cursor");
-  const InspectionParams params =
-      goesOn ? InspectionParams(call.params, {"cursor", "limit"})
-             : InspectionParams(call.params, {"path", "from", "limit"});
+  const InspectionParams params = goesOn ? InspectionParams(call.params, {"cursor", "limit"})
+                                         : InspectionParams(call.params, {"path", "from", "limit"});
   const std::uint64_t limit = params.number("limit", 1, kMostLimit, kLimit);
   std::uint64_t number = 0;
   if (goesOn) {

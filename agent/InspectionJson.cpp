@@ -75,8 +75,7 @@ InspectValue toInspectValue(const Json& json, const std::string& name,
       InspectValue::List list;
       list.reserve(json.size());
       for (const Json& element : json) {
-        list.push_back(
-            toInspectValue(element, fmt::format("{}[{}]", name, list.size()), objectAt));
+        list.push_back(toInspectValue(element, fmt::format("{}[{}]", name, list.size()), objectAt));
       }
       return list;
     }

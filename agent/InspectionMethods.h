@@ -6,7 +6,10 @@
 
 #include "agent/InspectionSession.h"
 #include "agent/Intake.h"
+#include "agent/Options.h"
+#include "agent/StatsReport.h"
 #include "agent/Store.h"
+#include "agent/VersionHistory.h"
 #include "common/Json.h"
 
 namespace Agent {
@@ -17,6 +20,9 @@ class InspectionServer;
 struct InspectionContext {
   Store& store;
   Intake& intake;
+  const Options& options;
+  const VersionHistory& history;
+  std::function<LoopFigures()> figures;
 };
 
 // A request that is being answered.
@@ -27,10 +33,10 @@ struct InspectionCall {
 
   const InspectionContext& agent;
   InspectionServer& server;
-  InspectionSession& session;     // of the peer
-  const Common::Json& params;     // an object, or null; stays until the result is whole
-  std::string& out;               // takes the result, as JSON
-  More more;                      // set by the method if the result is not whole yet
+  InspectionSession& session;  // of the peer
+  const Common::Json& params;  // an object, or null; stays until the result is whole
+  std::string& out;            // takes the result, as JSON
+  More more;                   // set by the method if the result is not whole yet
 };
 
 // Adds a result to `call.out`. Throws InspectionError or Brio::InspectError; then nothing of what

@@ -16,9 +16,8 @@ using Common::Json;
 namespace {
 
 [[noreturn]] void fail(std::string_view name, std::string_view wrong, std::string_view remedy) {
-  throw InspectionError(
-      Common::JsonRpc::kWrongParams,
-      Common::InputError(fmt::format("{}: {}: {}", name, wrong, remedy)).what());
+  throw InspectionError(Common::JsonRpc::kWrongParams,
+                        Common::InputError(fmt::format("{}: {}: {}", name, wrong, remedy)).what());
 }
 
 }  // namespace
@@ -28,9 +27,9 @@ InspectionParams::InspectionParams(const Json& json, std::initializer_list<std::
   for (const auto& [name, value] : json.items()) {
     if (std::find(known.begin(), known.end(), name) == known.end()) {
       fail(name, "no param of this method",
-           known.size() == 0 ? std::string("leave it out")
-                             : fmt::format("leave it out, or write {}",
-                                           Common::choiceText(std::vector(known))));
+           known.size() == 0
+               ? std::string("leave it out")
+               : fmt::format("leave it out, or write {}", Common::choiceText(std::vector(known))));
     }
   }
 }
@@ -60,10 +59,9 @@ const std::string& InspectionParams::text(std::string_view name) const {
 
 std::uint64_t InspectionParams::number(std::string_view name, std::uint64_t least,
                                        std::uint64_t most) const {
-  const std::string remedy =
-      most == std::numeric_limits<std::uint64_t>::max()
-          ? std::string("write the number that was given")
-          : fmt::format("write a whole number from {} to {}", least, most);
+  const std::string remedy = most == std::numeric_limits<std::uint64_t>::max()
+                                 ? std::string("write the number that was given")
+                                 : fmt::format("write a whole number from {} to {}", least, most);
   const Json& value = required(name, "a number");
   if (!value.is_number_unsigned()) {
     fail(name, "no whole number", remedy);

@@ -24,8 +24,8 @@ class InspectionParams {
   [[nodiscard]] std::uint64_t number(std::string_view name, std::uint64_t least,
                                      std::uint64_t most) const;
   // `otherwise` if it is left out.
-  [[nodiscard]] std::uint64_t number(std::string_view name, std::uint64_t least,
-                                     std::uint64_t most, std::uint64_t otherwise) const;
+  [[nodiscard]] std::uint64_t number(std::string_view name, std::uint64_t least, std::uint64_t most,
+                                     std::uint64_t otherwise) const;
   [[nodiscard]] const Common::Json& list(std::string_view name) const;
 
  private:

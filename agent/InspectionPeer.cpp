@@ -36,13 +36,12 @@ InspectionPeer::InspectionPeer(Socket socket, std::string name, bool mayChange,
 }
 
 void InspectionPeer::waitForInput() {
-  socket_.async_wait(Socket::wait_read,
-                     [self = shared_from_this()](const asio::error_code& error) {
-                       if (!error) {
-                         self->readable_ = true;
-                         self->wake();
-                       }
-                     });
+  socket_.async_wait(Socket::wait_read, [self = shared_from_this()](const asio::error_code& error) {
+    if (!error) {
+      self->readable_ = true;
+      self->wake();
+    }
+  });
 }
 
 void InspectionPeer::waitForOutput() {
@@ -136,9 +135,9 @@ bool InspectionPeer::takeLine() {
       break;
     }
     if (line->tooLong) {
-      JsonRpc::appendError(out_, "null", JsonRpc::kNoRequest,
-                           fmt::format("the line is longer than {} bytes: send less at a time",
-                                       kLongestLine));
+      JsonRpc::appendError(
+          out_, "null", JsonRpc::kNoRequest,
+          fmt::format("the line is longer than {} bytes: send less at a time", kLongestLine));
       out_ += '\n';
       ends_ = true;
       say("{} is dropped: line {} is longer than {} bytes", name_, line->number, kLongestLine);
@@ -273,8 +272,7 @@ void InspectionPeer::write() {
   }
   if (!out_.empty() && !waitsForOutput_) {
     asio::error_code error;
-    const std::size_t count =
-        socket_.write_some(asio::buffer(out_), error);
+    const std::size_t count = socket_.write_some(asio::buffer(out_), error);
     if (error && error != asio::error::would_block) {
       close();
       return;

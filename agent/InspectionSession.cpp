@@ -26,8 +26,8 @@ template <class Map>
 auto findNumber(Map& map, std::uint64_t number, std::string_view what) {
   const auto found = map.find(number);
   if (found == map.end()) {
-    throw InspectionError(kNotFound, fmt::format("no {} {}: it never was, or has ended", what,
-                                                 number));
+    throw InspectionError(kNotFound,
+                          fmt::format("no {} {}: it never was, or has ended", what, number));
   }
   return found;
 }
@@ -56,8 +56,8 @@ bool beginsWith(const std::string& path, const std::string& beginning) {
 void InspectionSession::checkMayChange(const std::string& path) const {
   if (!mayChange_) {
     throw InspectionError(
-        kNotAllowed,
-        fmt::format("{}: not allowed: ask as the agent's own user, or as root", path), path);
+        kNotAllowed, fmt::format("{}: not allowed: ask as the agent's own user, or as root", path),
+        path);
   }
 }
 
@@ -101,8 +101,8 @@ InspectValue InspectionSession::valueOf(const Common::Json& json, const std::str
     const InspectValue value = find(path).read();
     const auto* object = value.as<NodePtr>();
     if (object == nullptr) {
-      throw InspectionError(
-          kNotValid, fmt::format("{}: {} is no object: name one", path, value.text()), path);
+      throw InspectionError(kNotValid,
+                            fmt::format("{}: {} is no object: name one", path, value.text()), path);
     }
     return *object;
   });
@@ -166,11 +166,9 @@ std::uint64_t InspectionSession::subscribe(InspectPlace place) {
         place.path());
   }
   const std::uint64_t number = nextSubscription_;
-  Subscription& subscription =
-      subscriptions_.try_emplace(number, std::move(place)).first->second;
+  Subscription& subscription = subscriptions_.try_emplace(number, std::move(place)).first->second;
   try {
-    subscription.watch.emplace(subscription.place.object(),
-                               subscription.place.field()->attribute,
+    subscription.watch.emplace(subscription.place.object(), subscription.place.field()->attribute,
                                [this, number, &subscription](const InspectValue& key) {
                                  changed(number, subscription, key);
                                });
@@ -222,9 +220,9 @@ void InspectionSession::tellChange(std::string& out) {
   const InspectPlace& place = subscription.place;
   const std::size_t before = out.size();
   try {
-    out += fmt::format(
-        R"({{"jsonrpc":"2.0","method":"changed","params":{{"subscription":{},"path":)",
-        change.subscription);
+    out +=
+        fmt::format(R"({{"jsonrpc":"2.0","method":"changed","params":{{"subscription":{},"path":)",
+                    change.subscription);
     Common::appendString(out, place.path());
     if (subscription.isCollection) {
       out += R"(,"key":)";
@@ -239,9 +237,9 @@ void InspectionSession::tellChange(std::string& out) {
     out += "}}\n";
   } catch (const std::exception& error) {
     out.resize(before);
-    out += fmt::format(
-        R"({{"jsonrpc":"2.0","method":"changed","params":{{"subscription":{},"path":)",
-        change.subscription);
+    out +=
+        fmt::format(R"({{"jsonrpc":"2.0","method":"changed","params":{{"subscription":{},"path":)",
+                    change.subscription);
     Common::appendString(out, place.path());
     out += R"(,"error":)";
     Common::appendString(out, error.what());

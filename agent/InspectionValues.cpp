@@ -50,8 +50,7 @@ void inspectWrite(InspectionCall& call) {
 void inspectCall(InspectionCall& call) {
   const InspectionParams params(call.params, {"path", "args"});
   const InspectPlace place = call.session.find(params.text("path"));
-  const InspectPlace::Args args =
-      params.has("args") ? argsOf(call, params) : InspectPlace::Args{};
+  const InspectPlace::Args args = params.has("args") ? argsOf(call, params) : InspectPlace::Args{};
   if (place.field() && place.field()->attribute.isOperation() &&
       place.field()->attribute.has(Lumen::kInspectMutating)) {
     call.session.checkMayChange(place.path());

@@ -13,8 +13,8 @@ std::chrono::milliseconds milliseconds(double seconds) {
 
 // What is wrong with a file mode; empty if nothing is.
 std::string wrongMode(const std::string& text) {
-  const bool octal = !text.empty() && text.size() <= 4 &&
-                     text.find_first_not_of("01234567") == std::string::npos;
+  const bool octal =
+      !text.empty() && text.size() <= 4 && text.find_first_not_of("01234567") == std::string::npos;
   return octal && std::stoul(text, nullptr, 8) <= 0777
              ? std::string()
              : text + " is no mode: write an octal number such as 0660";

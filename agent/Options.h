@@ -24,8 +24,8 @@ struct Options {
   std::string root = "/dev/shm";
   std::vector<std::string> intents;  // "-": the standard input
   std::string socket;                // empty: none
-  std::string inspect;         // the same, for inspection
-  unsigned inspectMode = 0660; // of that socket's file
+  std::string inspect;               // the same, for inspection
+  unsigned inspectMode = 0660;       // of that socket's file
   unsigned units = 1;
   std::string outcomes = "-";  // "-": the standard output; "none"
   std::string summary;         // empty: none; "-": the standard output

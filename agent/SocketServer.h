@@ -27,14 +27,14 @@ class SocketServer {
   SocketServer& operator=(const SocketServer&) = delete;
 
   void start() {
-    listening_.start([this](ListeningSocket::Protocol::socket socket) {
-      welcome(std::move(socket));
-    });
+    listening_.start(
+        [this](ListeningSocket::Protocol::socket socket) { welcome(std::move(socket)); });
   }
   // The intake has room again.
   void resume();
   // To be called now and then. Drops the peers that have taken no output since `timeout`.
   void checkPeers(std::chrono::milliseconds timeout);
+  [[nodiscard]] std::size_t peers() const noexcept { return peers_.size(); }
 
  private:
   void welcome(ListeningSocket::Protocol::socket socket);

@@ -109,10 +109,10 @@ Line parse(std::string_view text) {
     line.requests.push_back(wrongRequest(kNoRequest, error.what()));
     return line;
   } catch (const Json::exception& error) {
-    line.requests.push_back(wrongRequest(
-        kNoJson, fmt::format(R"(no JSON, {}: write one request on a line, such as )"
-                             R"({{"jsonrpc":"2.0","id":1,"method":"objects"}})",
-                             jsonErrorText(error.what()))));
+    line.requests.push_back(
+        wrongRequest(kNoJson, fmt::format(R"(no JSON, {}: write one request on a line, such as )"
+                                          R"({{"jsonrpc":"2.0","id":1,"method":"objects"}})",
+                                          jsonErrorText(error.what()))));
     return line;
   }
   if (!json.is_array()) {
