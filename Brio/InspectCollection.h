@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <utility>
 
@@ -42,6 +43,46 @@ struct InspectCollection<HashMap2018<Node>> {
 
    private:
     typename Collection::ConstIterator iter_;
+  };
+};
+
+// A map in the order of its keys. Its iterator stands on a key, so that it goes on from there
+// whatever has come and gone.
+template <class K, class V>
+struct InspectCollection<std::map<K, V>> {
+  using Collection = std::map<K, V>;
+  using Key = K;
+  using Value = V;
+
+  static std::uint32_t size(const Collection& in) { return static_cast<std::uint32_t>(in.size()); }
+  static std::uint32_t secondSize(const Collection& in) { return size(in); }
+  static const V* find(const Collection& in, const Key& key) {
+    const auto found = in.find(key);
+    return found == in.end() ? nullptr : &found->second;
+  }
+  static const V& valueOf(const V& value) { return value; }
+
+  class Iterator {
+   public:
+    explicit Iterator(const Collection& in) : in_(&in) { stand(in.begin()); }
+    Iterator(const Collection& in, const Key& key) : in_(&in) { stand(in.find(key)); }
+
+    [[nodiscard]] bool nonnull() const { return key_.has_value(); }
+    [[nodiscard]] const V* present() const { return key_ ? find(*in_, *key_) : nullptr; }
+    [[nodiscard]] Key key() const { return key_.value_or(Key{}); }
+    void advance() {
+      if (key_) {
+        stand(in_->upper_bound(*key_));
+      }
+    }
+
+   private:
+    void stand(typename Collection::const_iterator at) {
+      key_ = at == in_->end() ? std::nullopt : std::optional<Key>(at->first);
+    }
+
+    const Collection* in_;
+    std::optional<Key> key_;
   };
 };
 

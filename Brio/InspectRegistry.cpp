@@ -9,8 +9,9 @@ namespace {
 
 using Roots = std::map<Lumen::String, Lumen::Node*, std::less<>>;
 
+// Never destroyed: objects take themselves out at the very end of a process.
 Roots& roots() {
-  static Roots all;
+  static Roots& all = *new Roots;
   return all;
 }
 

@@ -20,7 +20,8 @@ std::uint64_t inspectNumber(const InspectValue& from, std::string_view name, std
   } else {
     const auto* text = from.as<Lumen::String>();
     const char* end = text == nullptr ? nullptr : text->data() + text->size();
-    if (text == nullptr || text->empty() || std::from_chars(text->data(), end, value).ptr != end) {
+    if (text == nullptr || text->empty() ||
+        std::from_chars(text->data(), end, value) != std::from_chars_result{end, std::errc()}) {
       throw InspectError(
           fmt::format("{}: {} is no number; give one from 0 to {}", name, from.text(), most));
     }
@@ -29,6 +30,16 @@ std::uint64_t inspectNumber(const InspectValue& from, std::string_view name, std
     throw InspectError(fmt::format("{}: {} is above the largest value, {}", name, value, most));
   }
   return value;
+}
+
+double inspectReal(const InspectValue& from, std::string_view name) {
+  if (const auto* number = from.as<std::uint64_t>()) {
+    return static_cast<double>(*number);
+  }
+  if (const auto* number = from.as<double>()) {
+    return *number;
+  }
+  throw InspectError(fmt::format("{}: {} is no number", name, from.text()));
 }
 
 Lumen::String inspectText(const InspectValue& from, std::string_view name) {

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <vector>
 
 #include "Brio/Fields.h"
 #include "Brio/InspectValue.h"
@@ -23,6 +24,7 @@ namespace Impl {
 [[nodiscard]] bool inspectBool(const InspectValue& from, std::string_view name);
 [[nodiscard]] std::uint64_t inspectNumber(const InspectValue& from, std::string_view name,
                                           std::uint64_t most);
+[[nodiscard]] double inspectReal(const InspectValue& from, std::string_view name);
 [[nodiscard]] Lumen::String inspectText(const InspectValue& from, std::string_view name);
 [[nodiscard]] const InspectValue::Record& inspectRecord(const InspectValue& from,
                                                         std::string_view name);
@@ -45,6 +47,9 @@ template <class V>
 concept WrapsNumber = !HasFields<V> && !HasNames<V> && requires(const V& value) {
   requires std::is_integral_v<std::remove_cvref_t<decltype(value.value)>>;
 };
+// Any number of values, one behind the other.
+template <class V>
+concept IsList = std::is_same_v<V, std::vector<typename V::value_type>>;
 // One value for each of a number of places.
 template <class V>
 concept HasElements = requires(const V& value) {
@@ -70,6 +75,12 @@ template <class V>
     return value.name();
   } else if constexpr (WrapsNumber<V>) {
     return static_cast<std::uint64_t>(value.value);
+  } else if constexpr (IsList<V>) {
+    InspectValue::List list;
+    for (const auto& element : value) {
+      list.push_back(toInspect(element));
+    }
+    return list;
   } else if constexpr (HasElements<V>) {
     InspectValue::List list;
     for (const auto& element : value.elements) {
@@ -96,6 +107,8 @@ void fromInspect(const InspectValue& from, V& to, std::string_view name, std::ui
   } else if constexpr (std::is_integral_v<V>) {
     to = static_cast<V>(
         Impl::inspectNumber(from, name, most != 0 ? most : std::numeric_limits<V>::max()));
+  } else if constexpr (std::is_floating_point_v<V>) {
+    to = static_cast<V>(Impl::inspectReal(from, name));
   } else if constexpr (HasFields<V>) {
     for (const InspectValue::Field& given : Impl::inspectRecord(from, name)) {
       bool found = false;

@@ -54,7 +54,8 @@ class KELP_EM_EXPORT KelpInterface final : public Asic::TableInterfaceBase,
   ~KelpInterface() override;
 
   static constexpr const Lumen::TypeData& classData() {
-    return kTypeData<T, "KelpInterface", 0, "KelpInterface">;
+    return kTypeData<T, "KelpInterface", 0, "KelpInterface",
+                     &Asic::TableInterfaceBase::classData()>;
   }
   [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
   // Clears the units that hold a configuration collection and for which no table was made in this

@@ -33,7 +33,8 @@ class KELP_EM_EXPORT KelpResolverEntry final : public Asic::ResolverEntry,
   static constexpr auto factory() { return &KelpResolverEntry::KelpResolverEntryIs; }
 
   static constexpr const Lumen::TypeData& classData() {
-    return kTypeData<T, "KelpInfraTypes", 1, "KelpResolverEntry">;
+    return kTypeData<T, "KelpInfraTypes", 1, "KelpResolverEntry",
+                     &Asic::ResolverEntry::classData()>;
   }
   [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 

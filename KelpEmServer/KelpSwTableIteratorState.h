@@ -31,7 +31,8 @@ class KELP_EM_EXPORT KelpSwTableIteratorState final
   ~KelpSwTableIteratorState() override = default;
 
   static constexpr const Lumen::TypeData& classData() {
-    return kTypeData<T, "KelpSwTable", 2, "KelpSwTableIteratorState">;
+    return kTypeData<T, "KelpSwTable", 2, "KelpSwTableIteratorState",
+                     &KelpTunnelNiLib::SwTableIteratorState<Entry>::classData()>;
   }
   [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 

@@ -8,9 +8,11 @@
 
 #include "Asic/GroupQuilts.h"
 #include "Asic/GroupResolver.h"
+#include "Asic/InspectClasses.h"
 #include "Asic/LogVersion.h"
 #include "Asic/NeededEntry.h"
 #include "Asic/OrderedSwTableSet.h"
+#include "Brio/Attributes.h"
 #include "BrioQuilt/CollectionControl.h"
 #include "Lumen/Node.h"
 #include "Lumen/String.h"
@@ -22,6 +24,22 @@ namespace Asic {
 // log version to the hardware side and the way of its report back.
 class GroupInterface final : public Lumen::Node {
  public:
+  static constexpr const char* className() { return "GroupInterface"; }
+  static constexpr auto attributes() {
+    using G = GroupInterface;
+    return Brio::attributeList(130, Brio::stored("canonicalName", &G::canonicalName_),
+                               Brio::stored("agentAndGroupId", &G::agentAndGroupId_),
+                               Brio::stored("groupResolver", &G::groupResolver_),
+                               Brio::collection("swTableSet", &G::sets_),
+                               Brio::operation("publishedVersion", &G::publishedVersion),
+                               Brio::operation("sweepAll", &G::sweepAll),
+                               Brio::operation("pollStatus", &G::pollStatus));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectClass<16, "GroupInterface">;
+  }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
+
   GroupInterface(Lumen::String canonicalName, const Lumen::Ptr<Vault::EntityManager>& entityManager,
                  std::uint16_t agentAndGroupId);
   ~GroupInterface() override;

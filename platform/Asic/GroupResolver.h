@@ -6,7 +6,9 @@
 #include <utility>
 #include <vector>
 
+#include "Asic/InspectClasses.h"
 #include "Asic/ResolverEntry.h"
+#include "Brio/Attributes.h"
 #include "Lumen/Node.h"
 #include "Lumen/Ptr.h"
 
@@ -26,6 +28,16 @@ namespace Asic {
 class GroupResolver final : public Lumen::Node {
  public:
   using TableQueue = ResolverTableQueue;
+
+  static constexpr const char* className() { return "GroupResolver"; }
+  static constexpr auto attributes() {
+    using R = GroupResolver;
+    return Brio::attributeList(130, Brio::stored("size", &R::size_),
+                               Brio::stored("genId", &R::genId_),
+                               Brio::view("passWorthRunning", &R::passWorthRunning));
+  }
+  static constexpr const Lumen::TypeData& classData() { return kInspectClass<17, "GroupResolver">; }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   GroupResolver();
   ~GroupResolver() override;

@@ -5,6 +5,8 @@
 #include "Asic/CanonicalTableName.h"
 #include "Asic/EntryLogBase.h"
 #include "Asic/OrderedSwTableSet.h"
+#include "Asic/OrderedTableInterface.h"
+#include "Asic/SwTableInterfacesSingleton.h"
 #include "Brio/TypeModule.h"
 
 namespace Brio {
@@ -69,10 +71,12 @@ struct InspectCollection<Asic::OrderedSwTableSet::ByUnit> {
 namespace Asic {
 
 extern "C" constinit const Brio::TypeModule _AsicInspectClasses_d564a9c69c80efad_brioModule =
-    Brio::TypeModuleOf<"Asic::", OrderedSwTableSet, OrderedSwTableStatus, SwTableStats,
-                       DependencyEntryHandle, SwTableBase, SwTableBase::EntryHandle, NamedSwTable,
-                       OrderedSwTable, OrderedSwTable::EntryHandle, EntryLogBase,
-                       CanonicalTableName>::module();
+    Brio::TypeModuleOf<
+        "Asic::", OrderedSwTableSet, OrderedSwTableStatus, SwTableStats, DependencyEntryHandle,
+        SwTableBase, SwTableBase::EntryHandle, NamedSwTable, OrderedSwTable,
+        OrderedSwTable::EntryHandle, EntryLogBase, CanonicalTableName, TableInterfaceBase,
+        ResolverEntry, OrderedSwTableWithMarkSweep, OrderedTableInterface, GroupInterfaceColl,
+        GroupInterface, GroupResolver, NeededEntry, SwTableInterfacesSingleton>::module();
 static_assert(kInspectModule.view() == "_AsicInspectClasses_d564a9c69c80efad_brioModule");
 static const Lumen::ModuleInspectData::Loaded inspectClassesLoaded =
     _AsicInspectClasses_d564a9c69c80efad_brioModule.loaded(

@@ -4,8 +4,10 @@
 
 #include <compare>
 #include <cstdint>
+#include <tuple>
 
 #include "Asic/SwTableId.h"
+#include "Brio/Fields.h"
 #include "Brio/Hash.h"
 
 namespace Asic {
@@ -27,6 +29,11 @@ struct TableVersion {
   LogVersion version;
 
   friend constexpr bool operator==(const TableVersion&, const TableVersion&) = default;
+
+  static constexpr auto fields() {
+    return std::tuple{Brio::field("tableId", &TableVersion::tableId),
+                      Brio::field("version", &TableVersion::version)};
+  }
 };
 
 }  // namespace Asic

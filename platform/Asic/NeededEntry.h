@@ -7,7 +7,9 @@
 #include <span>
 #include <vector>
 
+#include "Asic/InspectClasses.h"
 #include "Asic/LogVersion.h"
+#include "Brio/Attributes.h"
 #include "Lumen/Node.h"
 #include "Lumen/Ptr.h"
 #include "PoolSlab/Slabbed.h"
@@ -20,6 +22,11 @@ namespace Asic {
 class NeededEntry final : public Lumen::Node, public PoolSlab::Slabbed<NeededEntry> {
  public:
   static constexpr const char* className() { return "NeededEntry"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(130, Brio::view("versions", &NeededEntry::versionList));
+  }
+  static constexpr const Lumen::TypeData& classData() { return kInspectClass<18, "NeededEntry">; }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   NeededEntry() = default;
   ~NeededEntry() override;
@@ -35,6 +42,11 @@ class NeededEntry final : public Lumen::Node, public PoolSlab::Slabbed<NeededEnt
   [[nodiscard]] bool empty() const noexcept { return count_ == 0; }
 
  private:
+  [[nodiscard]] std::vector<TableVersion> versionList() const {
+    const auto all = versions();
+    return {all.begin(), all.end()};
+  }
+
   std::array<TableVersion, 4> inline_;
   std::size_t count_ = 0;
   std::vector<TableVersion> overflow_;  // all of them, once there are more than four

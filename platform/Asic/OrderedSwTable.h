@@ -75,7 +75,9 @@ class OrderedSwTable : public NamedSwTable {
     return Brio::attributeList(
         514, Brio::stored("stats", &OrderedSwTable::stats_),
         Brio::stored("status", &OrderedSwTable::status_),
-        Brio::operation("hasPendingHwWrites", &OrderedSwTable::hasPendingHwWrites));
+        Brio::operation("hasPendingHwWrites", &OrderedSwTable::hasPendingHwWrites),
+        Brio::view("resolverQueueSize", &OrderedSwTable::resolverQueueSize),
+        Brio::view("resolverQueueFront", &OrderedSwTable::resolverQueueFront));
   }
   static constexpr const Lumen::TypeData& classData() {
     return kInspectClass<7, "OrderedSwTable", &NamedSwTable::classData()>;
@@ -109,6 +111,11 @@ class OrderedSwTable : public NamedSwTable {
   [[nodiscard]] Lumen::Publisher& changes() const noexcept { return publisher_; }
 
  private:
+  [[nodiscard]] std::uint64_t resolverQueueSize() const noexcept { return resolverQueue_.size(); }
+  [[nodiscard]] const Lumen::Ptr<ResolverEntry>& resolverQueueFront() const noexcept {
+    return resolverQueue_.front();
+  }
+
   OrderedSwTableSet* swTableSet_;
   Lumen::Ptr<SwTableStats> stats_;
   Lumen::Ptr<OrderedSwTableStatus> status_;
@@ -119,6 +126,15 @@ class OrderedSwTable : public NamedSwTable {
 // An ordered table that tells live entries from stale ones after a restart.
 class OrderedSwTableWithMarkSweep : public OrderedSwTable {
  public:
+  static constexpr const char* className() { return "OrderedSwTableWithMarkSweep"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(642, Brio::operation("mark", &OrderedSwTableWithMarkSweep::mark),
+                               Brio::operation("sweep", &OrderedSwTableWithMarkSweep::sweep));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectClass<13, "OrderedSwTableWithMarkSweep", &OrderedSwTable::classData()>;
+  }
+
   ~OrderedSwTableWithMarkSweep() override;
 
   // Begins to note which keys are written.

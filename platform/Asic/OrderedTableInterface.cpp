@@ -4,6 +4,7 @@
 
 #include "Asic/Constants.h"
 #include "Asic/SwTableInterfacesSingleton.h"
+#include "Brio/InspectRegistry.h"
 
 namespace Asic {
 
@@ -20,9 +21,11 @@ void GroupInterfaceColl::groupIntfIs(const Lumen::Ptr<GroupInterface>& groupIntf
 
 OrderedTableInterface::OrderedTableInterface(Lumen::Ptr<Vault::EntityManager> entityManager)
     : entityManager_(std::move(entityManager)),
-      groupIntfColl_(Lumen::makeNode<GroupInterfaceColl>()) {}
+      groupIntfColl_(Lumen::makeNode<GroupInterfaceColl>()) {
+  Brio::InspectRoots::rootIs(kRoot, this);
+}
 
-OrderedTableInterface::~OrderedTableInterface() = default;
+OrderedTableInterface::~OrderedTableInterface() { Brio::InspectRoots::rootDel(kRoot, this); }
 
 Lumen::Ptr<GroupInterface> OrderedTableInterface::makeGroupIntf(const Lumen::String& groupName,
                                                                 const Lumen::String& agentName,

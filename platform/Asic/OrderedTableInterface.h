@@ -4,8 +4,10 @@
 #include <map>
 
 #include "Asic/GroupInterface.h"
+#include "Asic/InspectClasses.h"
 #include "Asic/NamedSwTable.h"
 #include "Asic/TableInterfaceBase.h"
+#include "Brio/Attributes.h"
 #include "Lumen/Node.h"
 #include "Lumen/String.h"
 #include "Vault/EntityManager.h"
@@ -15,6 +17,15 @@ namespace Asic {
 // The groups of an agent, by canonical group name.
 class GroupInterfaceColl final : public Lumen::Node {
  public:
+  static constexpr const char* className() { return "GroupInterfaceColl"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(130, Brio::collection("groupIntf", &GroupInterfaceColl::groups_));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectClass<15, "GroupInterfaceColl">;
+  }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
+
   ~GroupInterfaceColl() override;
 
   // Null if there is none.
@@ -32,6 +43,23 @@ class GroupInterfaceColl final : public Lumen::Node {
 // What an agent gives to the tables that it loads.
 class OrderedTableInterface final : public Lumen::Node {
  public:
+  static constexpr const char* className() { return "OrderedTableInterface"; }
+  static constexpr auto attributes() {
+    using I = OrderedTableInterface;
+    return Brio::attributeList(130,
+                               Brio::stored("skipMarkOnRestore", &I::skipMarkOnRestore_)
+                                   .writtenBy(&I::skipMarkOnRestoreIs),
+                               Brio::stored("groupIntfColl", &I::groupIntfColl_),
+                               Brio::collection("swTableIntf", &I::interfaces_),
+                               Brio::collection("resourceTable", &I::resourceTables_));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectClass<14, "OrderedTableInterface">;
+  }
+  // The root of paths to it; of the last one made, should there be several.
+  static constexpr const char* kRoot = "Asic::OrderedTableInterface";
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
+
   explicit OrderedTableInterface(Lumen::Ptr<Vault::EntityManager> entityManager);
   ~OrderedTableInterface() override;
 

@@ -6,6 +6,8 @@
 
 #include "Asic/DependencyEntryHandle.h"
 #include "Asic/EntryFlags.h"
+#include "Asic/InspectClasses.h"
+#include "Brio/Attributes.h"
 #include "Lumen/Node.h"
 #include "Lumen/Ptr.h"
 
@@ -18,6 +20,15 @@ class ResolverTableQueue;
 // own, which carries the operation itself.
 class ResolverEntry : public Lumen::Node {
  public:
+  static constexpr const char* className() { return "ResolverEntry"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(130, Brio::stored("dependency", &ResolverEntry::dependency_),
+                               Brio::stored("flags", &ResolverEntry::flags_),
+                               Brio::view("isEntryDeleted", &ResolverEntry::isEntryDeleted),
+                               Brio::view("isTableDeleted", &ResolverEntry::isTableDeleted));
+  }
+  static constexpr const Lumen::TypeData& classData() { return kInspectClass<12, "ResolverEntry">; }
+
   ~ResolverEntry() override;
 
   // Whether the operation may go forward now. Asked again when an answer may have changed.

@@ -1,10 +1,16 @@
 #include "Asic/SwTableInterfacesSingleton.h"
 
+#include "Brio/InspectRegistry.h"
+
 namespace Asic {
 
-SwTableInterfacesSingleton::SwTableInterfacesSingleton() : Brio::Entity(kTypeName) {}
+SwTableInterfacesSingleton::SwTableInterfacesSingleton() : Brio::Entity(kTypeName) {
+  Brio::InspectRoots::rootIs(kTypeName, this);
+}
 
-SwTableInterfacesSingleton::~SwTableInterfacesSingleton() = default;
+SwTableInterfacesSingleton::~SwTableInterfacesSingleton() {
+  Brio::InspectRoots::rootDel(kTypeName, this);
+}
 
 Lumen::Ptr<SwTableInterfacesSingleton> SwTableInterfacesSingleton::instance() {
   Lumen::Ptr<Brio::Entity> found = Brio::Entity::singletonExists(kTypeName);

@@ -2,7 +2,9 @@
 
 #include <map>
 
+#include "Asic/InspectClasses.h"
 #include "Asic/TableInterfaceBase.h"
+#include "Brio/Attributes.h"
 #include "Brio/Entity.h"
 #include "Lumen/String.h"
 
@@ -12,6 +14,16 @@ namespace Asic {
 class SwTableInterfacesSingleton final : public Brio::Entity {
  public:
   static constexpr const char* kTypeName = "Asic::SwTableInterfacesSingleton";
+
+  static constexpr const char* className() { return "SwTableInterfacesSingleton"; }
+  static constexpr auto attributes() {
+    return Brio::attributeList(
+        258, Brio::collection("swTableIntf", &SwTableInterfacesSingleton::interfaces_));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectClass<19, "SwTableInterfacesSingleton">;
+  }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   SwTableInterfacesSingleton();
   ~SwTableInterfacesSingleton() override;

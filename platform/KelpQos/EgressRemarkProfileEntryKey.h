@@ -2,10 +2,13 @@
 
 #include <compare>
 #include <cstdint>
+#include <tuple>
 
 #include "Brio/Fields.h"
 #include "Brio/Hash.h"
+#include "KelpQos/InspectClasses.h"
 #include "Netkit/IntfId.h"
+#include "PactResourceTable/ResourceHandle.h"
 
 namespace KelpQos {
 
@@ -45,6 +48,15 @@ struct EgressRemarkProfileClientData {
 struct RemarkProfileResults {
   std::uint8_t profile = 0;
   EgressRemarkProfileClientData clientData;
+
+  static constexpr auto fields() {
+    return std::tuple{Brio::field("profile", &RemarkProfileResults::profile),
+                      Brio::field("clientData", &RemarkProfileResults::clientData)};
+  }
+  static constexpr const Lumen::TypeData& handleData() {
+    return kInspectClass<0, "RemarkProfileResourceHandle",
+                         &PactResourceTable::ResourceHandle::classData()>;
+  }
 };
 
 }  // namespace KelpQos

@@ -22,6 +22,10 @@ struct EgressRemarkProfileKind : PactResourceTable::ClassNames<EgressRemarkProfi
   static constexpr Lumen::FieldId kFieldId{518};
   static constexpr std::uint32_t kSalt = 3382957813;
   static constexpr std::uint32_t kLimit = 255;
+  template <unsigned place, Brio::FixedString className, const Lumen::TypeData* base = nullptr>
+  static constexpr const Lumen::TypeData& inspectData() {
+    return kInspectClass<1 + place, className, base>;
+  }
 
   static Results results(std::uint32_t index, ClientData data) noexcept {
     return {static_cast<std::uint8_t>(index), data};

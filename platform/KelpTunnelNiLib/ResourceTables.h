@@ -23,6 +23,10 @@ struct InLifIndexKind : PactResourceTable::ClassNames<InLifIndexKind> {
   static constexpr Lumen::FieldId kFieldId{517};
   static constexpr std::uint32_t kSalt = 2894171953;
   static constexpr std::uint32_t kLimit = 1U << 20;
+  template <unsigned place, Brio::FixedString className, const Lumen::TypeData* base = nullptr>
+  static constexpr const Lumen::TypeData& inspectData() {
+    return kInspectClass<2 + place, className, base>;
+  }
 
   static Results results(std::uint32_t index, ClientData) noexcept {
     return index == 0 ? Results{} : Results{2 * index - 1, 2 * index};
@@ -44,6 +48,10 @@ struct EveResourceTableKind : PactResourceTable::ClassNames<EveResourceTableKind
   static constexpr Lumen::FieldId kFieldId{517};
   static constexpr std::uint32_t kSalt = 1215447209;
   static constexpr std::uint32_t kLimit = 255;
+  template <unsigned place, Brio::FixedString className, const Lumen::TypeData* base = nullptr>
+  static constexpr const Lumen::TypeData& inspectData() {
+    return kInspectClass<5 + place, className, base>;
+  }
 
   static Results results(std::uint32_t index, ClientData) noexcept {
     return {static_cast<std::uint8_t>(index)};

@@ -3,7 +3,9 @@
 #include <cstdint>
 
 #include "Asic/OrderedSwTable.h"
+#include "Brio/Attributes.h"
 #include "KelpTunnelNiLib/EntryRange.h"
+#include "KelpTunnelNiLib/InspectClasses.h"
 #include "Lumen/Assert.h"
 #include "Lumen/Node.h"
 #include "Lumen/Ptr.h"
@@ -45,6 +47,19 @@ class SwTableIteratorState : public Lumen::Node {
     std::uint8_t bits_ = 0;
   };
 
+  static constexpr const char* className() {
+    return kInspectTableText<Entry, "SwTableIteratorState">.c_str();
+  }
+  static constexpr auto attributes() {
+    using S = SwTableIteratorState;
+    return Brio::attributeList(
+        258, Brio::view("state", &S::stateBits), Brio::stored("swTable", &S::swTable_),
+        Brio::operation("maybeUpdateCurrentEntry", &S::maybeUpdateCurrentEntry));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectTableClass<Entry, 2, "SwTableIteratorState">;
+  }
+
   // One step: the entry to show, or the default entry at the end.
   virtual Entry maybeUpdateCurrentEntry() = 0;
 
@@ -55,6 +70,8 @@ class SwTableIteratorState : public Lumen::Node {
   void swTableIs(const SwTableBase<Entry>* swTable) noexcept { swTable_ = swTable; }
 
  private:
+  [[nodiscard]] std::uint8_t stateBits() const noexcept { return state_.bits(); }
+
   State state_;
   const SwTableBase<Entry>* swTable_ = nullptr;
 };
@@ -70,6 +87,17 @@ class SwTableBase : public Asic::OrderedSwTableWithMarkSweep {
 
   class EntryHandle : public Asic::OrderedSwTable::EntryHandle {
    public:
+    static constexpr const char* className() {
+      return kInspectTableText<Entry, "SwTableBase::EntryHandle">.c_str();
+    }
+    static constexpr auto attributes() {
+      return Brio::attributeList(514, Brio::stored("key", &EntryHandle::key_));
+    }
+    static constexpr const Lumen::TypeData& classData() {
+      return kInspectTableClass<Entry, 1, "SwTableBase::EntryHandle",
+                                &Asic::OrderedSwTable::EntryHandle::classData()>;
+    }
+
     // The key of the operation; the default key on a remove-all's handle.
     [[nodiscard]] const Key& key() const noexcept { return key_; }
 
@@ -80,6 +108,24 @@ class SwTableBase : public Asic::OrderedSwTableWithMarkSweep {
    private:
     Key key_;
   };
+
+  static constexpr const char* className() {
+    return kInspectTableText<Entry, "SwTableBase">.c_str();
+  }
+  static constexpr auto attributes() {
+    return Brio::attributeList(
+        770, Brio::operation("entryWrite", &SwTableBase::entryWrite),
+        Brio::operation("entryRemove", &SwTableBase::entryRemove),
+        Brio::operation("entryRemoveAll", &SwTableBase::entryRemoveAll),
+        Brio::operation("entryRead", &SwTableBase::entryRead),
+        Brio::operation("entryHas", &SwTableBase::entryHas),
+        Brio::operation("initIterState", &SwTableBase::initIterState),
+        Brio::operation("initIterStateFromKey", &SwTableBase::initIterStateFromKey));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectTableClass<Entry, 0, "SwTableBase",
+                              &Asic::OrderedSwTableWithMarkSweep::classData()>;
+  }
 
   // A position in the reader's view of a table. Two are equal when their entries are, so the end is
   // an iterator with the default entry. Stepping or dereferencing an ended one asserts "iter_".

@@ -28,6 +28,11 @@ struct ClientId {
   std::uint16_t reserved = 0;
 
   friend constexpr auto operator<=>(const ClientId&, const ClientId&) = default;
+
+  static constexpr auto fields() {
+    return std::tuple{Brio::field("tableId", &ClientId::tableId),
+                      Brio::field("unit", &ClientId::unit)};
+  }
 };
 
 template <class Key>

@@ -1,12 +1,15 @@
 #pragma once
 
 #include <cstdint>
+#include <tuple>
 #include <utility>
 
 #include "Asic/EntryState.h"
 #include "Asic/NeededEntry.h"
+#include "Brio/Attributes.h"
 #include "Lumen/Node.h"
 #include "Lumen/Publisher.h"
+#include "PactResourceTable/InspectClasses.h"
 
 namespace PactResourceTable {
 
@@ -28,6 +31,14 @@ class HandleOwner {
 // else reads.
 class ResourceHandle : public Lumen::Node {
  public:
+  static constexpr const char* className() { return "ResourceHandle"; }
+  static constexpr auto attributes() {
+    using H = ResourceHandle;
+    return Brio::attributeList(130, Brio::stored("neededEntry", &H::neededEntry_),
+                               Brio::stored("isPostReleaseProtoState", &H::postRelease_));
+  }
+  static constexpr const Lumen::TypeData& classData() { return kInspectClass<0, "ResourceHandle">; }
+
   ~ResourceHandle() override;
   void lastUserGone() const noexcept override;
 
@@ -76,12 +87,30 @@ class ResourceHandle : public Lumen::Node {
   bool postRelease_ = false;
 };
 
-// The handle of one resource table: Results is what an entry reads off it.
+// The handle of one resource table: Results is what an entry reads off it. A change of the resource
+// is published as one of `entryState`.
 template <class KeyT, class ResultsT>
 class TypedResourceHandle final : public ResourceHandle {
  public:
   using Key = KeyT;
   using Results = ResultsT;
+
+  static constexpr const char* className() { return Results::handleData().className.data(); }
+  static constexpr auto attributes() {
+    using H = TypedResourceHandle;
+    constexpr std::tuple kResults{Brio::stored("key", &H::key_),
+                                  Brio::stored("results", &H::results_)};
+    constexpr std::tuple kState{Brio::view("updateVersion", &ResourceHandle::updateVersion),
+                                Brio::view("entryState", &ResourceHandle::entryState)};
+    if constexpr (requires(const Results& results) { results.clientData; }) {
+      return Brio::attributeGroups(514, kResults, std::tuple{Brio::view("clientData", &H::data)},
+                                   kState);
+    } else {
+      return Brio::attributeGroups(514, kResults, kState);
+    }
+  }
+  static constexpr const Lumen::TypeData& classData() { return Results::handleData(); }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   explicit TypedResourceHandle(const Key& key) : key_(key) {}
 
@@ -90,6 +119,11 @@ class TypedResourceHandle final : public ResourceHandle {
   void resultsIs(const Results& results) noexcept { results_ = results; }
 
  private:
+  [[nodiscard]] auto data() const noexcept requires requires(const Results& results) {
+    results.clientData;
+  }
+  { return results_.clientData; }
+
   Key key_;
   Results results_;
 };

@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <cstdint>
 #include <map>
+#include <tuple>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "Asic/DependencyEntryHandle.h"
 #include "Asic/EntryState.h"
+#include "Brio/Attributes.h"
+#include "Brio/Fields.h"
 #include "Brio/FixedString.h"
 #include "Brio/HashMap2018.h"
 #include "Lumen/Exception.h"
@@ -53,6 +56,8 @@ struct NoClientData {
 //   tableId, kFieldId, kSalt, kLimit    kFieldId: under which a handle publishes a change; kLimit:
 //                                       indexes from 1 on
 //   results(index, clientData)          what index (0: none yet) and client data are to an entry
+//   inspectData<place, name, base>()        what the class with the given place among the table's says
+//                                       of itself
 // ClientData is stored as a number: of(number) and number().
 //
 // The states of a resource, as its handles show them:
@@ -72,13 +77,33 @@ class ResourceTable final : public TableCore, private HandleOwner {
   using ClientData = typename Kind::ClientData;
   using ResourceHandle = TypedResourceHandle<Key, typename Kind::Results>;
   using Record = ResourceRecord<Key>;
+  static_assert(Kind::kFieldId == Brio::fieldId<ResourceHandle>("entryState"));
 
   static constexpr const char* className() { return Kind::className(); }
+  static constexpr auto attributes() {
+    using R = ResourceTable;
+    return Brio::attributeList(
+        642, Brio::collection("resource", &R::resources_), Brio::operation("change", &R::change),
+        Brio::operation("canChange", &R::canChange), Brio::operation("refusedIs", &R::refusedIs),
+        Brio::operation("prepareIs", &R::prepareIs));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return Kind::template inspectData<0, Kind::kName, &TableCore::classData()>();
+  }
+  [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
   // One software table's side of the resource table.
   class ClientInstance final : public Lumen::Node, public PoolSlab::Slabbed<ClientInstance> {
    public:
     static constexpr const char* className() { return Kind::clientClassName(); }
+    static constexpr auto attributes() {
+      return Brio::attributeList(130, Brio::stored("clientId", &ClientInstance::id_),
+                                 Brio::stored("table", &ClientInstance::table_));
+    }
+    static constexpr const Lumen::TypeData& classData() {
+      return Kind::template inspectData<1, Kind::kName + "::ClientInstance">();
+    }
+    [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
     explicit ClientInstance(Lumen::Ptr<ResourceTable> table) : table_(std::move(table)) {}
     ~ClientInstance() override { table_->clientGone(*this); }
@@ -158,14 +183,26 @@ class ResourceTable final : public TableCore, private HandleOwner {
   void replayComplete() override;
   [[nodiscard]] unsigned entrys() const override { return resources_.size(); }
 
- private:
   // What has been said of a key.
   struct Order {
     Stage stage = Stage::none;
     bool refused = false;
   };
+  // What is known of a key; for inspection, which only reads it.
   struct Resource final : Lumen::Node, PoolSlab::Slabbed<Resource> {
     static constexpr const char* className() { return Kind::resourceClassName(); }
+    static constexpr auto attributes() {
+      using R = Resource;
+      return Brio::attributeList(
+          130, Brio::stored("key", &R::key), Brio::stored("index", &R::index),
+          Brio::view("results", &R::results), Brio::stored("state", &R::state),
+          Brio::stored("updateVersion", &R::updateVersion), Brio::stored("holders", &R::holders),
+          Brio::view("waitsForIndex", &R::waitsForIndex), Brio::view("isRefused", &R::isRefused));
+    }
+    static constexpr const Lumen::TypeData& classData() {
+      return Kind::template inspectData<2, Kind::kName + "::Resource">();
+    }
+    [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
     explicit Resource(const Key& of) : key(of) {}
 
@@ -177,6 +214,11 @@ class ResourceTable final : public TableCore, private HandleOwner {
       ClientId client;
       std::uint32_t acked;
       bool old;  // it has said so in an earlier run, and not in this one
+
+      static constexpr auto fields() {
+        return std::tuple{Brio::field("client", &Holder::client),
+                          Brio::field("acked", &Holder::acked), Brio::field("old", &Holder::old)};
+      }
     };
     std::vector<Holder> holders;
     Asic::EntryState state = Asic::EntryState::entryStateUnresolved;
@@ -198,11 +240,16 @@ class ResourceTable final : public TableCore, private HandleOwner {
     PactResourceTable::ResourceHandle* handles = nullptr;
     Order order;
 
+    [[nodiscard]] typename Kind::Results results() const { return Kind::results(index, data); }
+    [[nodiscard]] bool waitsForIndex() const noexcept { return queued != 0; }
+    [[nodiscard]] bool isRefused() const noexcept { return order.refused; }
     [[nodiscard]] auto holder(ClientId client) {
       return std::find_if(holders.begin(), holders.end(),
                           [&](const Holder& one) { return one.client == client; });
     }
   };
+
+ private:
   struct KeyOfResource {
     const Key& operator()(const Lumen::Ptr<Resource>& resource) const noexcept {
       static const Key none{};

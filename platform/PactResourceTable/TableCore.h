@@ -16,6 +16,7 @@
 #include "Lumen/Ptr.h"
 #include "Lumen/String.h"
 #include "PactResourceTable/IndexPool.h"
+#include "PactResourceTable/InspectClasses.h"
 #include "PactResourceTable/Records.h"
 
 namespace PactResourceTable {
@@ -27,6 +28,19 @@ namespace PactResourceTable {
 // names the version of the client's table from which on the client does without.
 class TableCore : public Asic::NamedSwTable {
  public:
+  static constexpr const char* className() { return "TableCore"; }
+  static constexpr auto attributes() {
+    using C = TableCore;
+    return Brio::attributeList(
+        514, Brio::stored("deadline", &C::deadline_).writtenBy(&C::deadlineIs),
+        Brio::view("entrys", &C::entrys), Brio::view("indexesTaken", &C::indexesTaken),
+        Brio::view("limit", &C::limit), Brio::stored("releases", &C::releaseCount_),
+        Brio::operation("work", &C::work), Brio::operation("replayComplete", &C::replayComplete));
+  }
+  static constexpr const Lumen::TypeData& classData() {
+    return kInspectClass<1, "TableCore", &Asic::NamedSwTable::classData()>;
+  }
+
   ~TableCore() override;
 
   // Work that waits for the outside: releases that have been reported, resources that wait for an
