@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <set>
 #include <type_traits>
 #include <vector>
@@ -24,7 +25,7 @@ double secondsOf(Clock::duration duration) {
 Json agentJson(const Options& options, const Intake& intake, const LoopFigures& loop) {
   const Intake::Totals& totals = intake.totals();
   return {{"name", options.name},
-          {"root", options.root},
+          {"root", std::filesystem::absolute(options.root).lexically_normal().string()},
           {"pid", ::getpid()},
           {"units", intake.units()},
           {"uptimeSeconds", secondsOf(Clock::now() - loop.started)},

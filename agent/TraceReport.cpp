@@ -85,7 +85,9 @@ Json traceReport(const std::string& ring, const Common::Json& params) {
       handles.emplace_back(handle.name(), handle.mask());
     }
   });
+  // One of a class stands for each of its instances.
   std::sort(handles.begin(), handles.end());
+  handles.erase(std::unique(handles.begin(), handles.end()), handles.end());
   Json all = Json::array();
   for (const auto& [name, mask] : handles) {
     all.push_back({{"handle", name}, {"levels", levelsText(mask)}, {"mask", mask}});

@@ -4,21 +4,35 @@
 
 namespace Kelp {
 
+namespace {
+
+Json argumentsOf(const Options& options) {
+  Json arguments = Json::array();
+  for (const std::string& argument : options.arguments) {
+    arguments.push_back(argumentJson(argument));
+  }
+  return arguments;
+}
+
+}  // namespace
+
 void setValue(Live& live) {
-  const Json done = live.agent().call(
-      "write", {{"path", live.options().path}, {"value", argumentJson(live.options().value)}});
+  Json arguments = argumentsOf(live.options());
+  Json params = {{"path", live.options().path}};
+  if (arguments.size() == 1) {
+    params["value"] = std::move(arguments[0]);
+  } else {
+    params["args"] = std::move(arguments);
+  }
+  const Json done = live.agent().call("write", params);
   if (live.json()) {
     live.printJson(done);
   }
 }
 
 void callOperation(Live& live) {
-  Json arguments = Json::array();
-  for (const std::string& argument : live.options().arguments) {
-    arguments.push_back(argumentJson(argument));
-  }
-  const Json result =
-      live.agent().call("call", {{"path", live.options().path}, {"args", std::move(arguments)}});
+  const Json result = live.agent().call(
+      "call", {{"path", live.options().path}, {"args", argumentsOf(live.options())}});
   // An object that is held for this connection alone is of no use afterwards.
   if (result.is_object() && result.size() == 1 && result.contains("ref") &&
       result["ref"].get<std::string>().starts_with('$')) {

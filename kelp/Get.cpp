@@ -116,7 +116,12 @@ void showCollection(Live& live, const Json& place) {
 void showPlace(Live& live, const std::string& path) {
   const Json place = live.agent().call("list", {{"path", path}});
   if (place.contains("attributes")) {
-    showObject(live, place);
+    const Json& attributes = place["attributes"];
+    const std::string only =
+        attributes.size() == 1 && attributes[0].value("kind", "") == "collection"
+            ? attributes[0].value("name", "")
+            : "";
+    only.empty() ? showObject(live, place) : showPlace(live, path + "/" + only);
   } else if (!place.contains("attribute")) {
     live.json() ? live.printJson(place["value"]) : live.out().line(plainText(place["value"]));
   } else if (place["attribute"].value("kind", "") == "collection") {

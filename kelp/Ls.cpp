@@ -51,10 +51,11 @@ void showRoots(Live& live, const Json& roots) {
 
 void showAttributes(Live& live, const Json& place) {
   live.out().line(fmt::format("{} ({})", plainText(place["path"]), plainText(place["class"])));
-  TextTable table({"name", "kind", "type", "declared by"});
+  TextTable table({"name", "kind", "type", "inherited from"});
   for (const Json& attribute : place["attributes"]) {
+    const Json declaredBy = attribute.value("declaredBy", Json(""));
     table.row({plainText(attribute["name"]), kindText(attribute), typeText(attribute),
-               plainText(attribute.value("declaredBy", Json("")))});
+               declaredBy == place["class"] ? "" : plainText(declaredBy)});
   }
   table.print(live.out());
 }
@@ -118,7 +119,11 @@ void completePath(Live& live) {
     }
     return;
   }
-  if (slash == std::string::npos && !path.ends_with(']')) {
+  if (path.ends_with(']')) {
+    offer(path + "/");
+    return;
+  }
+  if (slash == std::string::npos) {
     for (const Json& root : live.agent().call("objects")) {
       offer(plainText(root["path"]) + "/");
     }

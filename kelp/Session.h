@@ -39,7 +39,6 @@ struct Options {
   // Of the commands that ask a running agent.
   std::string inspect;  // its socket; empty: the usual place
   std::string path;
-  std::string value;
   std::vector<std::string> arguments;
   std::string resource;
   std::string handle;

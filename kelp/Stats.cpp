@@ -29,7 +29,9 @@ void showRows(Live& live, const Json& rows, const std::vector<Column>& columns) 
   for (const Json& row : rows) {
     std::vector<std::string> cells;
     for (const Column& column : columns) {
-      cells.push_back(plainText(row[column.member]));
+      const Json& value = row[column.member];
+      cells.push_back(value.is_number_float() ? fmt::format("{:.0f}", value.get<double>())
+                                              : plainText(value));
     }
     table.row(std::move(cells));
   }

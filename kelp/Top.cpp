@@ -93,6 +93,7 @@ std::vector<std::string> screenOf(const Look& before, const Look& now) {
       line += c == 0 ? "" : "  ";
       appendCell(line, row[c], widths[c], c != 0 && c + 1 != row.size());
     }
+    line.erase(line.find_last_not_of(' ') + 1);
     lines.push_back(line);
   }
   lines.emplace_back();

@@ -121,10 +121,13 @@ void describeLive(CLI::App& app, Line& line) {
   addLimit(get, "So many members; 1000 if left out");
   CLI::App* set = add("set", "Writes an attribute", &Kelp::setValue);
   addPath(set)->required();
-  set->add_option("VALUE", options.value, "JSON, or a string that is none")->required();
+  set->add_option("VALUE", options.arguments,
+                  "JSON, or a string that is none; several where it takes as many")
+      ->required()
+      ->allow_extra_args(false);
   CLI::App* call = add("call", "Calls an operation, and prints its result", &Kelp::callOperation);
   addPath(call)->required();
-  call->prefix_command();
+  call->add_option("ARGS", options.arguments, "Each as VALUE of set")->allow_extra_args(false);
   CLI::App* watch =
       add("watch", "Prints the changes of a place, until interrupted", &Kelp::watchPlace);
   addPath(watch)->required();
@@ -225,9 +228,6 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? Kelp::kDone : Kelp::kUsage;
-  }
-  if (CLI::App* call = app.get_subcommand("call"); call->parsed()) {
-    line.options.arguments = call->remaining();
   }
   return line.options.complete ? complete(line.options) : run(line);
 }
