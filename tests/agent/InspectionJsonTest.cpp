@@ -19,9 +19,8 @@ std::string textOf(const InspectValue& value) {
   return out.substr(1);
 }
 InspectValue valueOf(const std::string& json) {
-  return Agent::toInspectValue(Json::parse(json), "value", [](const std::string&) {
-    return InspectValue::NodePtr();
-  });
+  return Agent::toInspectValue(Json::parse(json), "value",
+                               [](const std::string&) { return InspectValue::NodePtr(); });
 }
 
 TEST(InspectionJson, WritesEveryKindOfValue) {

@@ -183,13 +183,12 @@ TEST_F(InspectionLoad, ALargeBatchIsAnsweredUpToItsBound) {
   const Json answer = inspector.line();
   ASSERT_EQ(answer.size(), 64U);
   unsigned whole = 0;
+  while (whole < 64 && answer[whole].contains("result")) {
+    ++whole;
+  }
   for (unsigned i = 0; i < 64; ++i) {
     EXPECT_EQ(answer[i]["id"], i);
-    whole += answer[i].contains("result") ? 1 : 0;
-    if (answer[i].contains("error")) {
-      EXPECT_EQ(answer[i]["error"]["code"], 6);
-      EXPECT_EQ(whole, i) << "what fits comes first";
-    }
+    EXPECT_EQ(Inspector::codeOf(answer[i]), i < whole ? 0 : 6) << "what fits comes first";
   }
   EXPECT_GT(whole, 4U);
   EXPECT_LT(whole, 64U);

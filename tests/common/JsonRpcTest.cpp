@@ -38,7 +38,8 @@ TEST(JsonRpc, AnIdComesBackAsItWas) {
   const auto idOf = [](const std::string& id) {
     return one(R"({"jsonrpc":"2.0","method":"m","id":)" + id + "}").id;
   };
-  for (const char* id : {"0", "-3", "18446744073709551615", "1.5", "null", R"("")", R"("a\"\u0001")"}) {
+  for (const char* id :
+       {"0", "-3", "18446744073709551615", "1.5", "null", R"("")", R"("a\"\u0001")"}) {
     EXPECT_EQ(idOf(id), id);
   }
   const JsonRpc::Request notification = one(R"({"jsonrpc":"2.0","method":"m"})");
@@ -77,8 +78,7 @@ TEST(JsonRpc, WhatIsNoRequestSaysWhatToWrite) {
   expectWrong(R"({"jsonrpc":"2.0","id":1,"method":5})", -32600, "1", "method: write");
   expectWrong(R"({"jsonrpc":"2.0","id":true,"method":"m"})", -32600, "null", "id: write");
   expectWrong(R"({"jsonrpc":"2.0","id":{},"method":"m"})", -32600, "null", "id: write");
-  expectWrong(R"({"jsonrpc":"2.0","id":1,"method":"m","param":{}})", -32600, "1",
-              "param: unknown");
+  expectWrong(R"({"jsonrpc":"2.0","id":1,"method":"m","param":{}})", -32600, "1", "param: unknown");
   expectWrong(R"({"jsonrpc":"2.0","id":1,"method":"m","params":[1]})", -32602, "1",
               "params: write an object");
   expectWrong(R"({"jsonrpc":"2.0","method":"m","params":null})", -32602, "", "params: write");
@@ -101,7 +101,7 @@ TEST(JsonRpc, NothingLargeIsBuilt) {
 
 TEST(JsonRpc, AnErrorIsOneLineOfPrintableText) {
   for (const std::string& line : {std::string("{\"a\x01\n"), std::string("\x80\xff"),
-                                 std::string(R"({"jsonrpc":"2.0","method":"m","\u0007":1})")}) {
+                                  std::string(R"({"jsonrpc":"2.0","method":"m","\u0007":1})")}) {
     for (const char character : one(line).wrong) {
       EXPECT_TRUE(character >= ' ' && character <= '~') << int{character};
     }
@@ -115,8 +115,7 @@ TEST(JsonRpc, ResponsesAreWritten) {
   EXPECT_EQ(out, R"({"jsonrpc":"2.0","id":"x","result":5})");
   out.clear();
   JsonRpc::appendError(out, "null", 2, "no \"such\" thing", "a/b");
-  EXPECT_EQ(Json::parse(out),
-            Json::parse(R"({"jsonrpc":"2.0","id":null,"error":{"code":2,
+  EXPECT_EQ(Json::parse(out), Json::parse(R"({"jsonrpc":"2.0","id":null,"error":{"code":2,
                 "message":"no \"such\" thing","data":{"path":"a/b"}}})"));
   out.clear();
   JsonRpc::appendError(out, "1", -32600, "x");

@@ -263,6 +263,43 @@ TEST_F(OneTag, AnErrorNamesThePlaceAndTheRemedy) {
   EXPECT_THAT(refusalOf(write + "/inLifIdxKeyResPtr/entryState"), HasSubstr("null"));
 }
 
+TEST_F(OneTag, AnErrorSaysFromWhereOnNothingIsThere) {
+  const auto missing = [](const std::string& path) -> std::string {
+    try {
+      (void)InspectPlace::find(path).read();
+    } catch (const InspectError& error) {
+      return error.missing();
+    }
+    return "nothing";
+  };
+  const std::string table = tablePath();
+  EXPECT_EQ(missing("Nobody/x"), "Nobody");
+  EXPECT_EQ(missing(root() + "/swTableSets/x"), root() + "/swTableSets");
+  EXPECT_EQ(missing(root() + "/swTableSet[7]/stats"), root() + "/swTableSet[7]");
+  EXPECT_EQ(missing(table + "/transientAddEntry[port=3,vlan=100]/entryHandle"),
+            table + "/transientAddEntry[port=3,vlan=100]");
+  // What is there, and can't be read.
+  EXPECT_EQ(missing(table + "/transientAddEntry"), "");
+  EXPECT_EQ(missing(table + "/transientAddEntry[port=70000]"), "");
+  EXPECT_THROW((void)InspectPlace::find(table + "//x"), Brio::InspectSyntaxError);
+}
+
+TEST_F(OneTag, APathBehindAnOperationLeadsToSomethingNewEachTime) {
+  EXPECT_TRUE(InspectPlace::find(tablePath()).leadsBack());
+  EXPECT_TRUE(InspectPlace::find(tablePath() + "/transientAddEntry").leadsBack());
+  const auto made = InspectPlace::find(tablePath() + "/getTableEntries_py");
+  EXPECT_FALSE(made.leadsBack());
+  EXPECT_FALSE(made.step("tableEntries").leadsBack());
+  // From an object at hand it does.
+  const InspectValue value = made.read();
+  const auto from = InspectPlace::find("copy/tableEntries", [&](std::string_view name) {
+    EXPECT_EQ(name, "copy");
+    return *value.as<NodePtr>();
+  });
+  EXPECT_TRUE(from.leadsBack());
+  EXPECT_EQ(from.count(), 0U);
+}
+
 TEST_F(OneTag, AWatchHearsNothingOfOtherFields) {
   unsigned told = 0;
   const auto watch = InspectPlace::find(tablePath() + "/transientAddEntry")
@@ -344,8 +381,13 @@ TEST(PathText, ValuesAreParsed) {
   EXPECT_EQ(inspectParse("\"12\""), InspectValue("12"));
   EXPECT_EQ(inspectParse("a=1,b={c=2,d=\"x,y\"}").text(), "{a=1,b={c=2,d=\"x,y\"}}");
   EXPECT_EQ(inspectParse("{a=1}").text(), "{a=1}");
+  EXPECT_EQ(inspectParse("[1,{a=2},[]]").text(), "[1,{a=2},[]]");
+  EXPECT_EQ(inspectParse(R"x("a\"\\]")x"), InspectValue(R"x(a"\])x"));
+  for (const char* text : {R"x("a\"\\]/[")x", "[]", R"x([{a="]"},[[1]],true])x"}) {
+    EXPECT_EQ(inspectParse(text).text(), text);
+  }
   for (const char* wrong : {"", "18446744073709551616", "12x", "0x", "a=", "a=1,", "a=1,b", "{a=1",
-                            "\"open", "a=1}", "1]"}) {
+                            "\"open", "a=1}", "1]", "[1", "[1 2]", "[1,", "\"a\\n\""}) {
     EXPECT_NE(refusal([&] { (void)inspectParse(wrong); }), "") << wrong;
   }
   std::string deep = "a=1";
