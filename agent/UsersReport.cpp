@@ -37,6 +37,16 @@ struct Waiters {
   std::uint64_t count = 0;
   std::map<std::size_t, std::uint64_t> byPlace;
   Json shown = Json::array();
+  // What one of them has of the resource; null: nothing.
+  Lumen::Ptr<const PactResourceTable::ResourceHandle> handle;
+
+  void look(const Retries::Missing& missing, const Common::AnyResourceKey& resource) {
+    for (const Common::MissingResource& one : missing) {
+      if (!handle && one.resource == resource.index() && keyJson(one.key()) == keyJson(resource)) {
+        handle = one.handle;
+      }
+    }
+  }
 };
 
 Waiters waitersOf(const Intake& intake, const Common::AnyResourceKey& resource,
@@ -57,22 +67,27 @@ Waiters waitersOf(const Intake& intake, const Common::AnyResourceKey& resource,
     }
     const Common::AnyTable& table = *intake.tables()[slot.place];
     if (table.names(slot.write->entry, resource)) {
+      if (!waiters.handle) {
+        waiters.look(table.awaitedResources(slot.key, slot.handle), resource);
+      }
       add(slot.place, [&] {
         return operationJson(table, *slot.source, slot.line, slot.op, slot.key, slot.since,
                              slot.again);
       });
     }
   }
-  intake.retries().forEach(0, [&](std::uint64_t, const HeldWrite& write, const auto&) {
-    const Common::AnyTable& table = *intake.tables()[write.place];
-    if (table.names(write.intent->entry, resource)) {
-      add(write.place, [&] {
-        return operationJson(table, *write.source.get(), write.line, Common::IntentOp::write,
-                             write.key, write.since, true);
+  intake.retries().forEach(
+      0, [&](std::uint64_t, const HeldWrite& write, const Retries::Missing& missing) {
+        const Common::AnyTable& table = *intake.tables()[write.place];
+        if (table.names(write.intent->entry, resource)) {
+          waiters.look(missing, resource);
+          add(write.place, [&] {
+            return operationJson(table, *write.source.get(), write.line, Common::IntentOp::write,
+                                 write.key, write.since, true);
+          });
+        }
+        return true;
       });
-    }
-    return true;
-  });
   return waiters;
 }
 
@@ -118,15 +133,18 @@ void addUsers(Json& report, const Store& store, const Intake& intake,
               const Common::AnyResourceKey& resource, std::uint64_t limit) {
   const Stored<Kind> stored(store.memory(), std::get<Common::resourceNumber<Kind>()>(resource));
   const auto& record = stored.record();
-  const bool found = stored.found();
-  report["state"] = found ? Json(Common::stateText(record.state)) : Json(nullptr);
+  Waiters waiters = waitersOf(intake, resource, limit);
+  // One that has nothing to lose yet need not be in the store.
+  report["state"] = stored.found()   ? Json(Common::stateText(record.state))
+                    : waiters.handle ? Json(Common::stateText(waiters.handle->entryState()))
+                                     : Json(nullptr);
   report["index"] = record.index;
   report["result"] =
       record.index == 0
           ? Json::array()
           : resultJson(Kind::results(record.index, Kind::ClientData::of(record.clientData)));
-  report["version"] = record.updateVersion;
-  Waiters waiters = waitersOf(intake, resource, limit);
+  report["version"] =
+      stored.found() || !waiters.handle ? record.updateVersion : waiters.handle->updateVersion();
   Json clients = Json::array();
   Json releases = Json::array();
   std::uint64_t entries = 0;

@@ -20,10 +20,10 @@ class KelpCompletion : public KelpTest::WithLiveAgent {
   // What bash is offered behind this line, of kelp on the store.
   std::vector<std::string> offered(const std::string& rest) {
     const std::string script =
-        "source '" KELP_COMPLETION "'; PATH=$(dirname '" KELP "'):$PATH; COMP_LINE=\"$1\"; "
+        "source '" KELP_COMPLETION "'; PATH=$(dirname '" KELP
+        "'):$PATH; COMP_LINE=\"$1\"; "
         "COMP_POINT=${#COMP_LINE}; COMPREPLY=(); _kelp; printf '%s\\n' \"${COMPREPLY[@]}\"";
-    Program shell("/bin/bash",
-                  {"-c", script, "bash", "kelp --root " + root_.path() + " " + rest},
+    Program shell("/bin/bash", {"-c", script, "bash", "kelp --root " + root_.path() + " " + rest},
                   path("complete"));
     EXPECT_EQ(shell.ends(), 0);
     EXPECT_EQ(shell.err(), "") << "nothing disturbs the line";
@@ -67,9 +67,7 @@ TEST_F(KelpCompletion, KnowsThePathsOfARunningAgent) {
                            AgentTest::writeVd(1, AgentTest::withVlan(7)) +
                            AgentTest::writeVd(2, "")));
   const std::string writes = tablePath("EsemFodoVd") + "/transientAddEntry";
-  ASSERT_TRUE(AgentTest::comesTrue([&] {
-    return kelp({"ls", writes}).lines().size() == 2;
-  }));
+  ASSERT_TRUE(AgentTest::comesTrue([&] { return kelp({"ls", writes}).lines().size() == 2; }));
   // Behind a colon bash begins a new word.
   EXPECT_THAT(offered("get KelpEmServer::EsemFodoK"), ElementsAre("EsemFodoKelpInterface/"));
   EXPECT_THAT(offered("get KelpEm"), Contains("KelpEmServer::EsemFodoKelpInterface/"));

@@ -15,33 +15,36 @@ class KelpOnObjects : public KelpTest::WithLiveAgent {};
 
 TEST_F(KelpOnObjects, SaysWhereNoAgentListens) {
   const std::string usual = root_.path() + "/kelp/inspect.sock";
-  for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
-           {"ls"},
-           {"get", "x"},
-           {"set", "x", "1"},
-           {"call", "x"},
-           {"watch", "x"},
-           {"trace"},
-           {"waiting"},
-           {"users", "inLifIndex", "attachmentCircuit=7"},
-           {"stats"},
-           {"top", "--once"}}) {
+  for (const std::vector<std::string>& arguments :
+       std::vector<std::vector<std::string>>{{"ls"},
+                                             {"get", "x"},
+                                             {"set", "x", "1"},
+                                             {"call", "x"},
+                                             {"watch", "x"},
+                                             {"trace"},
+                                             {"waiting"},
+                                             {"users", "inLifIndex", "attachmentCircuit=7"},
+                                             {"stats"},
+                                             {"top", "--once"}}) {
     says(arguments, 1,
-         usual + ": no agent listens there (No such file or directory): start kelp-agent with "
-                 "--inspect, or name its socket with --inspect PATH or $KELP_INSPECT");
+         usual +
+             ": no agent listens there (No such file or directory): start kelp-agent with "
+             "--inspect, or name its socket with --inspect PATH or $KELP_INSPECT");
   }
   // One without --inspect is none either, and neither is a file.
   const auto plain = agent({});
   ASSERT_TRUE(started());
   says({"stats"}, 1, "no agent listens there");
-  says({"stats", "--inspect", file("no.sock", "")}, 1, "no agent listens there (Connection refused)");
+  says({"stats", "--inspect", file("no.sock", "")}, 1,
+       "no agent listens there (Connection refused)");
   says({"stats", "--inspect", "/" + std::string(120, 'x')}, 1, "at most 107 bytes");
 }
 
 TEST_F(KelpOnObjects, FindsTheAgentByOptionByEnvironmentAndByItself) {
   const auto named = agent({"--inspect", path("other.sock")});
-  ASSERT_TRUE(AgentTest::comesTrue(
-      [&] { return kelp({"ls", "--inspect", path("other.sock")}).status == 0; }));
+  ASSERT_TRUE(AgentTest::comesTrue([&] {
+    return kelp({"ls", "--inspect", path("other.sock")}).status == 0;
+  }));
   EXPECT_EQ(kelp({"ls"}).status, 1);
   setenv("KELP_INSPECT", path("other.sock").c_str(), 1);
   EXPECT_EQ(kelp({"ls"}).status, 0);
@@ -60,8 +63,9 @@ TEST_F(KelpOnObjects, ListsAndReadsWhatIsThere) {
   Feature feature(socketPath());
   ASSERT_TRUE(feature.send(writeFodo(1, 7) + writeFodo(2, 8) + writeFodo(3, 9)));
   const std::string table = tablePath("EsemFodo");
-  ASSERT_TRUE(AgentTest::comesTrue(
-      [&] { return kelp({"get", table + "/stats/commitCnt"}).out == "3\n"; }));
+  ASSERT_TRUE(AgentTest::comesTrue([&] {
+    return kelp({"get", table + "/stats/commitCnt"}).out == "3\n";
+  }));
 
   EXPECT_THAT(kelp({"ls"}).out, HasSubstr("KelpEmServer::EsemFodoKelpInterface"));
   EXPECT_EQ(kelpJson({"ls"})[0]["path"], "KelpEmServer::EsemFodoKelpInterface");
@@ -70,9 +74,10 @@ TEST_F(KelpOnObjects, ListsAndReadsWhatIsThere) {
   EXPECT_THAT(run.out, HasSubstr("attribute, writable"));
   EXPECT_THAT(run.out, HasSubstr("operation, changes state"));
   EXPECT_EQ(kelpJson({"ls", table})["class"], "KelpEmServer::EsemFodoKelpSwTable");
-  EXPECT_EQ(kelp({"ls", table + "/entryHandleInLog", "--limit", "2"}).lines(),
-            (std::vector<std::string>{table + "/entryHandleInLog[1]", table + "/entryHandleInLog[2]",
-                                      "2 of 3 members; --limit N shows more"}));
+  EXPECT_EQ(
+      kelp({"ls", table + "/entryHandleInLog", "--limit", "2"}).lines(),
+      (std::vector<std::string>{table + "/entryHandleInLog[1]", table + "/entryHandleInLog[2]",
+                                "2 of 3 members; --limit N shows more"}));
 
   run = kelp({"get", table});
   EXPECT_THAT(run.out, HasSubstr("entryHandleInLog           [3 members]\n"));
@@ -118,8 +123,9 @@ TEST_F(KelpOnObjects, WritesAndCalls) {
     EXPECT_EQ(kelp({"get", marking}).out, value + std::string("\n"));
   }
   EXPECT_EQ(kelpJson({"set", marking, "true"}), Json());
-  ASSERT_TRUE(AgentTest::comesTrue(
-      [&] { return kelp({"get", table + "/stats/commitCnt"}).out == "2\n"; }));
+  ASSERT_TRUE(AgentTest::comesTrue([&] {
+    return kelp({"get", table + "/stats/commitCnt"}).out == "2\n";
+  }));
 
   EXPECT_EQ(kelp({"call", table + "/hasPendingHwWrites"}).out, "true\n");
   EXPECT_EQ(kelpJson({"call", table + "/entryFromConfig", R"({"fodo":2})"})["logEntry"]["outLif"],

@@ -52,7 +52,8 @@ class Metrics {
  private:
   static bool isName(const std::string& text) {
     return !text.empty() && std::isdigit(static_cast<unsigned char>(text[0])) == 0 &&
-           text.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_") ==
+           text.find_first_not_of(
+               "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_") ==
                std::string::npos;
   }
   void comment(const std::string& line) {
@@ -116,8 +117,9 @@ TEST_F(KelpOnFigures, CountsWhatTheAgentHasDone) {
   const auto hardware = programmedChip();
   ASSERT_TRUE(listens());
   Feature feature(socketPath());
-  settle(feature, writeFodo(1, 1) + writeFodo(2, 1) + removeFodo(1) + writeFodo(9, 1, "", 1) +
-                      AgentTest::writeIsem(5, 7) + AgentTest::circuitEvent(7, "change"),
+  settle(feature,
+         writeFodo(1, 1) + writeFodo(2, 1) + removeFodo(1) + writeFodo(9, 1, "", 1) +
+             AgentTest::writeIsem(5, 7) + AgentTest::circuitEvent(7, "change"),
          5);
   Json stats;
   EXPECT_TRUE(comesTrue([&] {
@@ -154,21 +156,19 @@ TEST_F(KelpOnFigures, TellsWhatIsUnderWay) {
   ASSERT_TRUE(listens());
   Feature feature(socketPath());
   ASSERT_TRUE(feature.send(AgentTest::vlanEvent(7, "prepare") +
-                           AgentTest::writeVd(1, AgentTest::withVlan(7)) +
-                           AgentTest::removeVd(2) + writeFodo(1, 1)));
+                           AgentTest::writeVd(1, AgentTest::withVlan(7)) + AgentTest::removeVd(2) +
+                           writeFodo(1, 1)));
   Json stats;
   ASSERT_TRUE(comesTrue([&] {
     stats = kelpJson({"stats"});
-    return stats["agent"]["intentsInFlight"] == 3 &&
-           tableOf(stats, "EsemFodo", 0)["inLog"] == 1;
+    return stats["agent"]["intentsInFlight"] == 3 && tableOf(stats, "EsemFodo", 0)["inLog"] == 1;
   }));
   const Json vd = tableOf(stats, "EsemFodoVd", 0);
   EXPECT_EQ(vd["writesInFlight"], 1);
   EXPECT_EQ(vd["removesInFlight"], 1);
   EXPECT_EQ(vd["queued"], 2);
-  EXPECT_TRUE(comesTrue([&] {
-    return tableOf(kelpJson({"stats"}), "EsemFodoVd", 0)["oldestWaitingSeconds"] > 0.1;
-  }));
+  EXPECT_TRUE(comesTrue(
+      [&] { return tableOf(kelpJson({"stats"}), "EsemFodoVd", 0)["oldestWaitingSeconds"] > 0.1; }));
   EXPECT_EQ(stats["logs"][0]["behind"], 1);
   EXPECT_EQ(stats["logs"][0]["records"], 1);
 }
@@ -324,9 +324,11 @@ TEST_F(KelpOnFigures, TellsWhatHasChangedOfLate) {
                            AgentTest::writeInner(5)));
   ASSERT_TRUE(comesTrue([&] { return kelp({"changes"}).lines().size() == 5; }));
   run = kelp({"changes", "--since", "600"});
-  EXPECT_THAT(run.out, HasSubstr("EsemFodo              2  unit 0      write      fodo=2  outLif=1"));
+  EXPECT_THAT(run.out,
+              HasSubstr("EsemFodo              2  unit 0      write      fodo=2  outLif=1"));
   EXPECT_THAT(run.out, HasSubstr("EsemFodo              5  unit 0      remove     fodo=3"));
-  EXPECT_THAT(run.out, HasSubstr("IsemInnerEth          1  unit 0      write      tunnel=1 vlan=5"));
+  EXPECT_THAT(run.out,
+              HasSubstr("IsemInnerEth          1  unit 0      write      tunnel=1 vlan=5"));
   EXPECT_THAT(run.err, HasSubstr("kelp: 5 changes since "));
   const auto lines = kelp({"changes", "EsemFodo", "--json"}).jsonLines();
   ASSERT_EQ(lines.size(), 4U);

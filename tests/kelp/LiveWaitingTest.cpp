@@ -94,7 +94,8 @@ TEST_F(KelpOnIntents, TellsWhatEachOneWaitsFor) {
   says({"waiting", "--table", "EsemFod"}, 2, R"(did you mean "EsemFodo")");
   const Result text = kelp({"waiting", "--table", "EsemFodoVd"});
   EXPECT_THAT(text.out, StartsWith("for "));
-  EXPECT_THAT(text.out, HasSubstr("write EsemFodoVd unit 0 fodo=1 vlanDomain=1 port=1  socket:1:2"));
+  EXPECT_THAT(text.out,
+              HasSubstr("write EsemFodoVd unit 0 fodo=1 vlanDomain=1 port=1  socket:1:2"));
   EXPECT_THAT(text.out, HasSubstr("being prepared\n"));
   EXPECT_THAT(text.out, HasSubstr("which is before it in the queue\n"));
 
@@ -171,8 +172,8 @@ TEST_F(KelpOnIntents, TellsWhoUsesAResource) {
 
   // Asked for, and not acknowledged.
   Feature feature(socketPath());
-  ASSERT_TRUE(feature.send(vlanEvent(7, "prepare") + writeVd(1, withVlan(7)) +
-                           writeVd(2, withVlan(7), 1)));
+  ASSERT_TRUE(
+      feature.send(vlanEvent(7, "prepare") + writeVd(1, withVlan(7)) + writeVd(2, withVlan(7), 1)));
   Json users;
   ASSERT_TRUE(comesTrue([&] { return (users = usersOf(7))["waitingCount"] == 2; }));
   EXPECT_EQ(users["state"], "being prepared");
@@ -183,7 +184,8 @@ TEST_F(KelpOnIntents, TellsWhoUsesAResource) {
   EXPECT_EQ(users["waiting"][0]["table"], "EsemFodoVd");
   Result text = kelp({"users", "vlanEditProfile", vlanEdit(7)});
   EXPECT_THAT(text.out, HasSubstr("has not acknowledged this version"));
-  EXPECT_THAT(text.out, HasSubstr(": write EsemFodoVd unit 0 fodo=1 vlanDomain=1 port=1 of socket"));
+  EXPECT_THAT(text.out,
+              HasSubstr(": write EsemFodoVd unit 0 fodo=1 vlanDomain=1 port=1 of socket"));
 
   // Given out, and acknowledged by both.
   ASSERT_TRUE(feature.send(vlanEvent(7, "ready")));

@@ -194,11 +194,10 @@ TEST_F(SmallFileSystem, TheAgentWaitsForRoomInALogAndGoesOnByItself) {
   // The entries have their room; nobody takes in what changes.
   const std::string bell = store() + "/k/.bell-agent.pipe";
   std::filesystem::remove(bell);  // made anew at the end of a start
-  auto program =
-      agent("waits",
-            {"--intents", "-", "--exit-when-done", "--timeout", "60", "--summary", path("summary"),
-             "--inspect", path("inspect.sock")},
-            AgentTest::Input::pipe);
+  auto program = agent("waits",
+                       {"--intents", "-", "--exit-when-done", "--timeout", "60", "--summary",
+                        path("summary"), "--inspect", path("inspect.sock")},
+                       AgentTest::Input::pipe);
   ASSERT_TRUE(comesTrue([&] { return std::filesystem::exists(bell); }));
   // It answers when all of its start is done.
   program.kill(SIGUSR1);
