@@ -30,7 +30,7 @@ _kelp()
   for word in "${words[@]:1}"; do
     case $previous in
       --inspect | --name | --root) where+=("$previous" "$word") ;;
-      --interval | --key | --levels | --limit | --since | --table | --unit | --where) ;;
+      --interval | --key | --limit | --since | --table | --unit | --where) ;;
       *)
         if [[ $word == -* ]]; then
           :

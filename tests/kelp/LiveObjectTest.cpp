@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "LiveKelp.h"
 
 // ls, get, set, call and watch on a running agent, and what is said when there is none.
@@ -68,7 +70,10 @@ TEST_F(KelpOnObjects, ListsAndReadsWhatIsThere) {
   }));
 
   EXPECT_THAT(kelp({"ls"}).out, HasSubstr("KelpEmServer::EsemFodoKelpInterface"));
-  EXPECT_EQ(kelpJson({"ls"})[0]["path"], "KelpEmServer::EsemFodoKelpInterface");
+  const Json roots = kelpJson({"ls"});
+  EXPECT_TRUE(std::any_of(roots.begin(), roots.end(), [](const Json& root) {
+    return root["path"] == "KelpEmServer::EsemFodoKelpInterface";
+  }));
   Result run = kelp({"ls", table});
   EXPECT_THAT(run.out, StartsWith(table + " (KelpEmServer::EsemFodoKelpSwTable)\nname "));
   EXPECT_THAT(run.out, HasSubstr("attribute, writable"));
@@ -128,7 +133,7 @@ TEST_F(KelpOnObjects, WritesAndCalls) {
   }));
 
   EXPECT_EQ(kelp({"call", table + "/hasPendingHwWrites"}).out, "true\n");
-  EXPECT_EQ(kelpJson({"call", table + "/entryFromConfig", R"({"fodo":2})"})["logEntry"]["outLif"],
+  EXPECT_EQ(kelpJson({"call", table + "/entryFromConfig", "2"})["logEntry"]["outLif"],
             8);
   // What only this connection holds is shown at once.
   const Json entries = kelpJson({"call", table + "/getTableEntries_py"});
