@@ -133,8 +133,7 @@ TEST_F(KelpOnObjects, WritesAndCalls) {
   }));
 
   EXPECT_EQ(kelp({"call", table + "/hasPendingHwWrites"}).out, "true\n");
-  EXPECT_EQ(kelpJson({"call", table + "/entryFromConfig", "2"})["logEntry"]["outLif"],
-            8);
+  EXPECT_EQ(kelpJson({"call", table + "/entryFromConfig", "2"})["logEntry"]["outLif"], 8);
   // What only this connection holds is shown at once.
   const Json entries = kelpJson({"call", table + "/getTableEntries_py"});
   EXPECT_EQ(entries["count"], 2);
