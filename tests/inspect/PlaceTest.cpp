@@ -220,7 +220,8 @@ TEST_F(OneTag, ARoundTripIsJustALongerPath) {
 
 TEST_F(OneTag, AnErrorNamesThePlaceAndTheRemedy) {
   const std::string table = tablePath();
-  EXPECT_THAT(refusalOf("Nobody/x"), HasSubstr("Nobody: no such root; there are: Asic::OrderedTableInterface, "));
+  EXPECT_THAT(refusalOf("Nobody/x"),
+              HasSubstr("Nobody: no such root; there are: Asic::OrderedTableInterface, "));
   EXPECT_THAT(refusalOf(root() + "/swTableSets"),
               HasSubstr(root() + ": no attribute 'swTableSets' in Isem1TagKelpInterface; there "
                                  "are: tableName, "));
