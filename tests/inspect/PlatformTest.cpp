@@ -100,7 +100,7 @@ TYPED_TEST(BelowTables, EntriesAreWalkedAsTheyAre) {
     }
   }
   this->pass();
-  for (cursor.advance(); !cursor.atEnd(); cursor.advance()) {
+  for (; !cursor.atEnd(); cursor.advance()) {
     EXPECT_TRUE(seen.insert(cursor.key().text()).second) << cursor.key().text();
   }
   for (const unsigned number : removed) {
