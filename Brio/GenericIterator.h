@@ -24,6 +24,9 @@ struct IteratorFunctions {
   void (*iterInc)(BrioAttr attribute, void* iterator);
   // Destroys and frees the iterator.
   void (*iterDel)(BrioAttr attribute, void* iterator);
+  // To the next member that is there, or to the end, if the current one is gone; keeps no member
+  // that has left.
+  void (*iterSettle)(BrioAttr attribute, void* iterator);
 };
 
 // The iterators of collections of one type.
@@ -70,9 +73,20 @@ struct GenericIterator {
     std::destroy_at(static_cast<Iterator*>(iterator));
     PoolSlab::slabFreeOrStdFree(iterator, sizeof(Iterator));
   }
+  static void iterSettle(BrioAttr, void* iterator) {
+    auto& at = *static_cast<Iterator*>(iterator);
+    while (at.nonnull() && at.present() == nullptr) {
+      at.advance();
+    }
+    if constexpr (requires { at.letGo(); }) {
+      if (at.nonnull()) {
+        at.letGo();
+      }
+    }
+  }
 
-  static constexpr IteratorFunctions kFunctions{&iterObj, &iterKey, &iterNonnull, &iterInc,
-                                                &iterDel};
+  static constexpr IteratorFunctions kFunctions{&iterObj, &iterKey, &iterNonnull,
+                                                &iterInc, &iterDel, &iterSettle};
 };
 
 }  // namespace Brio

@@ -4,12 +4,9 @@
 
 namespace Brio {
 
-namespace {
-
 using NodePtr = InspectValue::NodePtr;
 
-// What a builtin code stands for; nothing has room for a byte.
-const InspectType* builtinType(std::int16_t code) {
+const InspectType* inspectBuiltin(std::int16_t code) {
   switch (code) {
     case Lumen::kInspectBool:
       return &kInspectType<bool>;
@@ -26,14 +23,12 @@ const InspectType* builtinType(std::int16_t code) {
   }
 }
 
-}  // namespace
-
 InspectBox::InspectBox(const Lumen::ModuleInspectData& module, std::int16_t type, unsigned flags) {
   if (type >= 0) {
     dependency_ = &module.dependencyTable[type];
     type_ = dependency_->value;
   } else {
-    type_ = builtinType(type);
+    type_ = inspectBuiltin(type);
   }
   if (type_ == nullptr) {
     const bool held = (flags & Lumen::kInspectPtr) != 0;

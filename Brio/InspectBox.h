@@ -11,6 +11,9 @@
 
 namespace Brio {
 
+// The type that a builtin code (Lumen::InspectTypeCode) stands for; nothing has room for a byte.
+[[nodiscard]] const InspectType* inspectBuiltin(std::int16_t code);
+
 // Memory for one value of the type that a module's row names, as the functions of a class want it.
 class InspectBox {
  public:

@@ -12,7 +12,8 @@ namespace Brio {
 
 // What inspection asks of a collection. Value is void for a set. An iterator survives every change
 // of the collection; present() is null once the member is gone, key() is the key as the iterator
-// sees it.
+// sees it. letGo(), where there is one, drops what the iterator keeps of members that have left;
+// its own must be there.
 template <class Collection>
 struct InspectCollection;
 
@@ -30,8 +31,8 @@ struct InspectCollection<HashMap2018<Node>> {
 
   class Iterator {
    public:
-    explicit Iterator(const Collection& in) : iter_(in.iterator()) {}
-    Iterator(const Collection& in, const Key& key) : iter_(in.iterator(key)) {}
+    explicit Iterator(const Collection& in) : in_(&in), iter_(in.iterator()) {}
+    Iterator(const Collection& in, const Key& key) : in_(&in), iter_(in.iterator(key)) {}
 
     [[nodiscard]] bool nonnull() const { return static_cast<bool>(iter_); }
     [[nodiscard]] const Node* present() const { return iter_.currNodeNonStale(); }
@@ -40,8 +41,11 @@ struct InspectCollection<HashMap2018<Node>> {
       return node == nullptr ? Key{} : node->key();
     }
     void advance() { iter_.advance(); }
+    // A bucket that has changed since has the members that it had then.
+    void letGo() { iter_ = in_->iterator(key()); }
 
    private:
+    const Collection* in_;
     typename Collection::ConstIterator iter_;
   };
 };

@@ -48,6 +48,8 @@ InspectValue InspectCursor::value() const {
   return box.get();
 }
 
+void InspectCursor::settle() { functions_->iterSettle(attribute_.field(), iterator_); }
+
 void InspectCursor::advance() { functions_->iterInc(attribute_.field(), iterator_); }
 
 }  // namespace Brio

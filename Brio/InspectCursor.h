@@ -19,6 +19,9 @@ class InspectCursor {
   InspectCursor& operator=(const InspectCursor&) = delete;
 
   [[nodiscard]] bool atEnd() const;
+  // If the member is gone: to the next one that is there, or to the end. Members that have left the
+  // collection are not kept any longer.
+  void settle();
   // Neither may be asked at the end. A member that is gone has its key, and null or the default for
   // a value.
   [[nodiscard]] InspectValue key() const;

@@ -34,6 +34,41 @@ Lumen::String keyText(const InspectValue& key) {
   return "[" + (record ? text.substr(1, text.size() - 2) : text) + "]";
 }
 
+// The elements of a list, and the fields in them, that are not as in `standard`, by their places:
+// what the text of a list that is as long leaves out is the default.
+InspectValue sparse(const InspectValue& value, const InspectValue& standard) {
+  InspectValue::Record differing;
+  const auto add = [&](Lumen::String name, const InspectValue& one, const InspectValue& usual) {
+    if (one == usual) {
+      return;
+    }
+    InspectValue part = sparse(one, usual);
+    // The same fields in another order differ as well.
+    const auto* fields = part.as<InspectValue::Record>();
+    if (fields == nullptr || !fields->empty()) {
+      differing.emplace_back(std::move(name), std::move(part));
+    }
+  };
+  const auto* list = value.as<InspectValue::List>();
+  const auto* usualList = standard.as<InspectValue::List>();
+  if (list != nullptr && usualList != nullptr && !list->empty() &&
+      list->size() == usualList->size()) {
+    for (std::size_t i = 0; i < list->size(); ++i) {
+      add(fmt::format("{}", i), (*list)[i], (*usualList)[i]);
+    }
+    return differing;
+  }
+  const auto* record = value.as<InspectValue::Record>();
+  if (record == nullptr) {
+    return value;
+  }
+  for (const auto& [name, field] : *record) {
+    const InspectValue* usual = standard.field(name);
+    add(name, field, usual == nullptr ? InspectValue() : *usual);
+  }
+  return differing;
+}
+
 }  // namespace
 
 InspectPlace::InspectPlace(NodePtr object, Lumen::String path)
@@ -146,9 +181,9 @@ InspectPlace InspectPlace::onlyCollection() const {
 }
 
 InspectPlace InspectPlace::member(const InspectValue& key) const {
-  const bool isCollection = field_ && field_->attribute.isCollection();
-  if (!isCollection) {
-    const InspectPlace in = entered();
+  InspectPlace in = *this;
+  if (!field_ || !field_->attribute.isCollection()) {
+    in = entered();
     if (const auto* list = in.value_.as<InspectValue::List>()) {
       if (list->empty()) {
         refuseMissing("an empty list", memberPath(key));
@@ -156,16 +191,25 @@ InspectPlace InspectPlace::member(const InspectValue& key) const {
       const std::uint64_t at = Impl::inspectNumber(key, path_, list->size() - 1);
       return with((*list)[at], memberPath(key));
     }
+    in = in.onlyCollection();
   }
-  const InspectPlace in = isCollection ? *this : onlyCollection();
+  const Lumen::String path = in.memberPath(key);
   if (!in.has(key)) {
-    refuseMissing(fmt::format("no member {} among {}", keyText(key), in.count()), memberPath(key));
+    refuseMissing(fmt::format("no member {} among {}", path.substr(path_.size()), in.count()),
+                  path);
   }
-  return in.with(in.lookup(key), memberPath(key));
+  return in.with(in.lookup(key), path);
 }
 
 Lumen::String InspectPlace::memberPath(const InspectValue& key) const {
-  return path_ + keyText(key);
+  if (key.as<InspectValue::List>() == nullptr || !field_ || !field_->attribute.isCollection()) {
+    return path_ + keyText(key);
+  }
+  const InspectAttribute& attribute = field_->attribute;
+  const InspectBox standard(*attribute.field().module, attribute.row().keyType, 0);
+  const InspectValue part = sparse(key, standard.get());
+  const auto* record = part.as<InspectValue::Record>();
+  return path_ + (record != nullptr && record->empty() ? "[{}]" : keyText(part));
 }
 
 const InspectField& InspectPlace::attributeField() const {
@@ -182,6 +226,19 @@ const InspectField& InspectPlace::collectionField() const {
   return *field_;
 }
 
+void InspectPlace::checkArgs(std::size_t count) const {
+  const InspectAttribute& attribute = attributeField().attribute;
+  const auto wanted = attribute.arguments();
+  if (count == wanted.size()) {
+    return;
+  }
+  Lumen::String types;
+  for (const auto& arg : wanted) {
+    types += (types.empty() ? "" : ", ") + Lumen::String(attribute.typeName(arg.type));
+  }
+  refuse(fmt::format("{} arguments, not the {} that it takes: ({})", count, wanted.size(), types));
+}
+
 // Boxes for the key, the arguments and the result; `args` null: the operation takes none.
 InspectValue InspectPlace::run(unsigned char operation, const InspectValue* key,
                                const Args* args) const {
@@ -193,24 +250,19 @@ InspectValue InspectPlace::run(unsigned char operation, const InspectValue* key,
     keyBox->set(*key, path_ + ": key");
   }
   std::vector<InspectBox> boxes;
+  std::vector<InspectValue> found;  // what boxes may point to
   std::vector<void*> pointers;
   if (args != nullptr) {
     const auto wanted = attribute.arguments();
-    if (args->size() != wanted.size()) {
-      Lumen::String types;
-      for (const auto& arg : wanted) {
-        types += (types.empty() ? "" : ", ") + Lumen::String(attribute.typeName(arg.type));
-      }
-      refuse(fmt::format("{} arguments, not the {} that it takes: ({})", args->size(),
-                         wanted.size(), types));
-    }
+    checkArgs(args->size());
     boxes.reserve(wanted.size());
+    found.reserve(wanted.size());
     for (std::size_t i = 0; i < wanted.size(); ++i) {
       InspectBox& box = boxes.emplace_back(module, wanted[i].type, wanted[i].flags);
       const auto* text = (*args)[i].as<Lumen::String>();
       // An object may be given by its path.
-      box.set(box.holdsNode() && text != nullptr ? find(*text).read() : (*args)[i],
-              fmt::format("{}: argument {}", path_, i + 1));
+      found.push_back(box.holdsNode() && text != nullptr ? find(*text).read() : (*args)[i]);
+      box.set(found.back(), fmt::format("{}: argument {}", path_, i + 1));
       if (operation == Code::kCall && box.holdsNode() && !attribute.has(Lumen::kInspectNullArgs) &&
           box.get() == InspectValue(NodePtr())) {
         refuse(fmt::format("argument {} is null; give the path of a {}", i + 1,

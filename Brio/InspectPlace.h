@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -55,7 +56,8 @@ class InspectPlace {
   // One step further, as in a path.
   [[nodiscard]] InspectPlace step(std::string_view name) const;
   [[nodiscard]] InspectPlace member(const InspectValue& key) const;
-  // The path of a member.
+  // The path of a member. Of a key that is a list of a fixed length, what is at its default is left
+  // out.
   [[nodiscard]] Lumen::String memberPath(const InspectValue& key) const;
 
   // The value: an object as itself, a plain attribute, the result of an operation that changes
@@ -65,6 +67,8 @@ class InspectPlace {
   // attribute takes the value, that of a map the member, or the key and the value.
   InspectValue write(const Args& args) const;
   InspectValue call(const Args& args) const;
+  // Throws unless the operation, or the writer of what is written, takes as many arguments.
+  void checkArgs(std::size_t count) const;
 
   // Of collections only.
   [[nodiscard]] std::uint32_t count() const;

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "Brio/InspectBox.h"
 #include "Brio/InspectType.h"
 
 namespace Brio {
@@ -32,12 +33,11 @@ void InspectSubscription::changed(Lumen::Publisher*, Lumen::Subscriber* self, Lu
   }
   InspectValue told;
   const std::int16_t keyType = me.attribute_.row().keyType;
-  if (key != nullptr && keyType >= 0) {
-    told = me.attribute_.field().module->dependencyTable[keyType].value->get(key);
-  } else if (key != nullptr && keyType == Lumen::kInspect32) {
-    told = toInspect(*static_cast<const std::uint32_t*>(key));
-  } else if (key != nullptr && keyType == Lumen::kInspect16) {
-    told = toInspect(*static_cast<const std::uint16_t*>(key));
+  if (key != nullptr && keyType != Lumen::kInspectNoKey) {
+    const InspectType* type = keyType >= 0
+                                  ? me.attribute_.field().module->dependencyTable[keyType].value
+                                  : inspectBuiltin(keyType);
+    told = type->get(key);
   }
   me.told_(told);
 }

@@ -8,14 +8,15 @@
 
 #include "Brio/InspectPlace.h"
 #include "agent/InspectionError.h"
+#include "agent/InspectionJson.h"
 #include "agent/InspectionParams.h"
 #include "common/JsonRpc.h"
 
 namespace Agent {
 
-using Brio::InspectAttribute;
 using Brio::InspectPlace;
 using Brio::InspectValue;
+using From = InspectionSession::From;
 
 namespace {
 
@@ -23,21 +24,15 @@ constexpr std::uint64_t kAny = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t kLimit = 1000;
 constexpr std::uint64_t kMostLimit = 10000;
 constexpr std::size_t kPageBytes = 1 << 18;  // after which a page ends
+// After one of which a part of a page ends.
 constexpr unsigned kMembersAtATime = 32;
+constexpr std::size_t kBytesAtATime = 1 << 13;
 
-InspectValue keyOf(const InspectionCall& call, const InspectionParams& params,
-                   std::string_view name) {
-  return call.session.valueOf(params.value(name), std::string(name));
+InspectValue keyOf(const InspectionParams& params, std::string_view name) {
+  return toInspectValue(params.value(name), name);
 }
 
-// Whether a walk of the place gives objects.
-bool hasObjects(const InspectPlace& place) {
-  if (!place.field() || place.field()->attribute.row().type < 0) {
-    return false;
-  }
-  const InspectAttribute& attribute = place.field()->attribute;
-  return attribute.field().module->dependencyTable[attribute.row().type].value == nullptr;
-}
+From fromOf(const InspectPlace& place) { return place.leadsBack() ? From::path : From::elsewhere; }
 
 bool isSet(const InspectPlace& place) {
   return place.field() && place.field()->attribute.has(Lumen::kInspectSet);
@@ -46,34 +41,21 @@ bool isSet(const InspectPlace& place) {
 // One page of a walk, made bit by bit.
 class Page {
  public:
-  // `isNew`: nobody knows of the cursor yet.
-  Page(InspectionSession& session, std::uint64_t cursor, std::uint64_t limit, bool isNew)
-      : session_(session), cursor_(cursor), left_(limit), isNew_(isNew) {}
+  Page(InspectionSession& session, std::uint64_t cursor, std::uint64_t limit)
+      : session_(session), cursor_(cursor), left_(limit) {}
 
   // As InspectionCall::More.
   bool more(std::string& out) {
-    try {
-      return append(out);
-    } catch (...) {
-      if (isNew_) {
-        session_.cursorDel(cursor_);
-      }
-      throw;
-    }
-  }
-
- private:
-  bool append(std::string& out) {
     InspectionSession::Cursor& cursor = session_.cursor(cursor_);
     if (std::exchange(first_, false)) {
       begin_ = out.size();
       out += R"({"members":[)";
     }
     // The one that the walk had come to may have gone in the meantime.
-    while (!cursor.at.atEnd() && !cursor.place.has(cursor.at.key())) {
-      cursor.at.advance();
-    }
-    for (unsigned i = 0; i < kMembersAtATime && !isWhole(cursor, out); ++i) {
+    cursor.at.settle();
+    const std::size_t before = out.size();
+    for (unsigned i = 0;
+         i < kMembersAtATime && out.size() - before < kBytesAtATime && !isWhole(cursor, out); ++i) {
       appendMember(out, cursor);
       --left_;
       cursor.at.advance();
@@ -89,6 +71,8 @@ class Page {
     }
     return true;
   }
+
+ private:
   [[nodiscard]] bool isWhole(const InspectionSession::Cursor& cursor,
                              const std::string& out) const {
     return left_ == 0 || out.size() - begin_ > kPageBytes || cursor.at.atEnd();
@@ -96,13 +80,13 @@ class Page {
   void appendMember(std::string& out, const InspectionSession::Cursor& cursor) {
     out += out.back() == '[' ? "[" : ",[";
     const InspectValue key = cursor.at.key();
-    session_.appendValue(out, key, cursor.place.path(), false);
+    session_.appendValue(out, key, cursor.place.path(), From::elsewhere);
     if (!cursor.isSet) {
       out += ',';
       const InspectValue value = cursor.at.value();
       const bool object = value.as<InspectValue::NodePtr>() != nullptr;
       session_.appendValue(out, value, object ? cursor.place.memberPath(key) : std::string(),
-                           cursor.leadsBack);
+                           cursor.leadsBack ? From::path : From::elsewhere);
     }
     out += ']';
   }
@@ -110,7 +94,6 @@ class Page {
   InspectionSession& session_;
   std::uint64_t cursor_;
   std::uint64_t left_;
-  bool isNew_;
   std::size_t begin_ = 0;
   bool first_ = true;
 };
@@ -125,15 +108,15 @@ void inspectCount(InspectionCall& call) {
 void inspectHas(InspectionCall& call) {
   const InspectionParams params(call.params, {"path", "key"});
   const InspectPlace place = call.session.find(params.text("path"));
-  call.out += place.has(keyOf(call, params, "key")) ? "true" : "false";
+  call.out += place.has(keyOf(params, "key")) ? "true" : "false";
 }
 
 void inspectLookup(InspectionCall& call) {
   const InspectionParams params(call.params, {"path", "key"});
   const InspectPlace place = call.session.find(params.text("path"));
-  const InspectValue key = keyOf(call, params, "key");
+  const InspectValue key = keyOf(params, "key");
   if (isSet(place) || place.has(key)) {
-    call.session.appendValue(call.out, place.lookup(key), place.memberPath(key), place.leadsBack());
+    call.session.appendValue(call.out, place.lookup(key), place.memberPath(key), fromOf(place));
   } else {
     call.out += "null";
   }
@@ -142,12 +125,15 @@ void inspectLookup(InspectionCall& call) {
 void inspectDelete(InspectionCall& call) {
   const InspectionParams params(call.params, {"path", "key"});
   const InspectPlace place = call.session.find(params.text("path"));
-  const InspectValue key = keyOf(call, params, "key");
+  const InspectValue key = keyOf(params, "key");
   call.session.checkMayChange(place.path());
+  if (givesObject(place)) {
+    call.session.checkMayHold();
+  }
   const bool there = place.has(key);
   const InspectValue old = place.del(key);
   if (isSet(place) || there) {
-    call.session.appendValue(call.out, old, place.path(), false);
+    call.session.appendValue(call.out, old, place.path(), From::operation);
   } else {
     call.out += "null";
   }
@@ -164,16 +150,19 @@ void inspectIterate(InspectionCall& call) {
     (void)call.session.cursor(number);
   } else {
     InspectPlace place = call.session.find(params.text("path"));
-    if (!place.leadsBack() && hasObjects(place)) {
+    if (!place.leadsBack() && place.object() && place.field() && givesObject(place)) {
       // One object is held, and not each of its members.
-      place = InspectPlace(place.object(), call.session.hold(place.object(), place.path()))
+      place = InspectPlace(place.object(), call.session.hold(place.object(), place.path(), true))
                   .step(place.field()->attribute.name());
     }
     number = call.session.cursorAdd(
-        {place, params.has("from") ? place.cursor(keyOf(call, params, "from")) : place.cursor(),
-         isSet(place), place.leadsBack()});
+        {place,
+         params.has("from") ? place.cursor(keyOf(params, "from")) : place.cursor(),
+         isSet(place),
+         place.leadsBack(),
+         {}});
   }
-  const auto page = std::make_shared<Page>(call.session, number, limit, !goesOn);
+  const auto page = std::make_shared<Page>(call.session, number, limit);
   call.more = [page](std::string& out) { return page->more(out); };
 }
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cmath>
+#include <cstddef>
 #include <iterator>
 #include <type_traits>
 
@@ -13,6 +14,67 @@ namespace Agent {
 
 using Brio::InspectValue;
 using Common::Json;
+
+namespace {
+
+// Where in a value another one stands; put into words only if something is wrong there.
+struct Place {
+  std::string_view name;  // null: an element
+  std::size_t index = 0;
+  const Place* outer = nullptr;
+
+  [[nodiscard]] std::string text() const {
+    if (outer == nullptr) {
+      return std::string(name);
+    }
+    return outer->text() +
+           (name.data() == nullptr ? fmt::format("[{}]", index) : fmt::format(".{}", name));
+  }
+};
+
+[[noreturn]] void fail(const Place& place, std::string_view wrong, std::string_view remedy) {
+  throw InspectionError(Common::JsonRpc::kWrongParams,
+                        fmt::format("{}: {}: {}", place.text(), wrong, remedy));
+}
+
+InspectValue valueAt(const Json& json, const Place& place) {
+  switch (json.type()) {
+    case Json::value_t::boolean:
+      return json.get<bool>();
+    case Json::value_t::number_unsigned:
+      return json.get<std::uint64_t>();
+    case Json::value_t::number_float:
+      return json.get<double>();
+    case Json::value_t::string:
+      return json.get_ref<const std::string&>();
+    case Json::value_t::array: {
+      InspectValue::List list;
+      list.reserve(json.size());
+      for (const Json& element : json) {
+        list.push_back(valueAt(element, {{}, list.size(), &place}));
+      }
+      return list;
+    }
+    case Json::value_t::object: {
+      if (refOf(json) != nullptr) {
+        fail(place, "no place for an object", "only an argument itself can be one");
+      }
+      InspectValue::Record record;
+      record.reserve(json.size());
+      for (const auto& [field, value] : json.items()) {
+        record.emplace_back(field, valueAt(value, {field, 0, &place}));
+      }
+      return record;
+    }
+    case Json::value_t::number_integer:
+      fail(place, fmt::format("{} is negative", json.get<std::int64_t>()),
+           "write a number from 0 on");
+    default:
+      return {};
+  }
+}
+
+}  // namespace
 
 void appendInspectValue(std::string& out, const InspectValue& value, const PathOfObject& pathOf) {
   value.visit([&](const auto& given) {
@@ -60,45 +122,15 @@ void appendInspectValue(std::string& out, const InspectValue& value, const PathO
   });
 }
 
-InspectValue toInspectValue(const Json& json, const std::string& name,
-                            const ObjectAtPath& objectAt) {
-  switch (json.type()) {
-    case Json::value_t::boolean:
-      return json.get<bool>();
-    case Json::value_t::number_unsigned:
-      return json.get<std::uint64_t>();
-    case Json::value_t::number_float:
-      return json.get<double>();
-    case Json::value_t::string:
-      return json.get_ref<const std::string&>();
-    case Json::value_t::array: {
-      InspectValue::List list;
-      list.reserve(json.size());
-      for (const Json& element : json) {
-        list.push_back(toInspectValue(element, fmt::format("{}[{}]", name, list.size()), objectAt));
-      }
-      return list;
-    }
-    case Json::value_t::object: {
-      const auto ref = json.find("ref");
-      if (json.size() == 1 && ref != json.end() && ref->is_string()) {
-        return objectAt(ref->get_ref<const std::string&>());
-      }
-      InspectValue::Record record;
-      record.reserve(json.size());
-      for (const auto& [field, value] : json.items()) {
-        record.emplace_back(field,
-                            toInspectValue(value, fmt::format("{}.{}", name, field), objectAt));
-      }
-      return record;
-    }
-    case Json::value_t::number_integer:
-      throw InspectionError(Common::JsonRpc::kWrongParams,
-                            fmt::format("{}: {} is negative: write a number from 0 on", name,
-                                        json.get<std::int64_t>()));
-    default:
-      return {};
+const std::string* refOf(const Json& json) {
+  if (!json.is_object() || json.size() != 1 || json.begin().key() != "ref") {
+    return nullptr;
   }
+  return json.begin()->get_ptr<const std::string*>();
+}
+
+InspectValue toInspectValue(const Json& json, std::string_view name) {
+  return valueAt(json, {name});
 }
 
 }  // namespace Agent

@@ -42,6 +42,14 @@ constexpr std::array kMethods{
 
 }  // namespace
 
+bool givesObject(const Brio::InspectPlace& place) {
+  if (!place.field() || place.field()->attribute.row().type < 0) {
+    return false;
+  }
+  const Brio::InspectAttribute& attribute = place.field()->attribute;
+  return attribute.field().module->dependencyTable[attribute.row().type].value == nullptr;
+}
+
 InspectionMethod inspectionMethod(std::string_view name) {
   const auto found = std::find_if(kMethods.begin(), kMethods.end(),
                                   [&](const Named& one) { return one.name == name; });

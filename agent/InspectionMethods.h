@@ -27,8 +27,8 @@ struct InspectionContext {
 
 // A request that is being answered.
 struct InspectionCall {
-  // Goes on with a result that is too long for one slice of the loop: adds some 50 us of work to
-  // it, and gives whether it is whole now.
+  // Goes on with a result that is too long for one slice of the loop: adds a part to it, some 50 us
+  // of work where one member does not take longer, and gives whether it is whole now.
   using More = std::function<bool(std::string& out)>;
 
   const InspectionContext& agent;
@@ -42,6 +42,9 @@ struct InspectionCall {
 // Adds a result to `call.out`. Throws InspectionError or Brio::InspectError; then nothing of what
 // it has added is sent. Any other exception is that of an operation that failed.
 using InspectionMethod = void (*)(InspectionCall& call);
+
+// Whether the value of the attribute that a place is, or of its members, is an object.
+[[nodiscard]] bool givesObject(const Brio::InspectPlace& place);
 
 // Null if there is none of this name.
 [[nodiscard]] InspectionMethod inspectionMethod(std::string_view name);

@@ -170,7 +170,7 @@ void inspectList(InspectionCall& call) {
     return;
   }
   call.out += R"(,"value":)";
-  call.session.appendValue(call.out, value, place.path(), false);
+  call.session.appendValue(call.out, value, place.path(), InspectionSession::From::elsewhere);
   call.out += '}';
 }
 

@@ -17,7 +17,6 @@ namespace JsonRpc = Common::JsonRpc;
 namespace {
 
 constexpr std::size_t kChangesAtATime = 32;
-constexpr std::size_t kBytesOfAChange = 256;  // about
 
 bool isBlank(std::string_view line) {
   return line.find_first_not_of(" \t\r") == std::string_view::npos;
@@ -30,7 +29,12 @@ InspectionPeer::InspectionPeer(Socket socket, std::string name, bool mayChange,
     : socket_(std::move(socket)),
       name_(std::move(name)),
       server_(server),
-      session_(mayChange, [this] { wake(); }),
+      session_(mayChange, server.limits(),
+               [this](Clock::duration took) {
+                 server_.charge(took);
+                 wake();
+               }),
+      longestLine_(mayChange ? kLongestLine : kLongestLineOfOthers),
       lastWrite_(Clock::now()) {
   socket_.non_blocking(true);
 }
@@ -68,12 +72,8 @@ bool InspectionPeer::hasWork() const {
   if (!out_.empty() && !waitsForOutput_) {
     return true;
   }
-  if (session_.overflowed()) {
-    return true;
-  }
-  return mayAnswer() &&
-         (session_.changes() != 0 ||
-          (!ends_ && (readable_ || linesLeft_ || inputEnded_ || at_ < line_.requests.size())));
+  return mayAnswer() && (session_.hasNews() || (!ends_ && (readable_ || linesLeft_ || inputEnded_ ||
+                                                           at_ < line_.requests.size())));
 }
 
 void InspectionPeer::work() {
@@ -84,9 +84,6 @@ void InspectionPeer::work() {
     lastWrite_ = Clock::now();
   }
   tellChanges();
-  if (!socket_.is_open()) {
-    return;
-  }
   if (mayAnswer() && !ends_) {
     if (at_ == line_.requests.size() && !takeLine()) {
       readSome();
@@ -137,10 +134,10 @@ bool InspectionPeer::takeLine() {
     if (line->tooLong) {
       JsonRpc::appendError(
           out_, "null", JsonRpc::kNoRequest,
-          fmt::format("the line is longer than {} bytes: send less at a time", kLongestLine));
+          fmt::format("the line is longer than {} bytes: send less at a time", longestLine_));
       out_ += '\n';
       ends_ = true;
-      say("{} is dropped: line {} is longer than {} bytes", name_, line->number, kLongestLine);
+      say("{} is dropped: line {} is longer than {} bytes", name_, line->number, longestLine_);
       return false;
     }
     if (isBlank(line->text)) {
@@ -165,7 +162,9 @@ void InspectionPeer::answer() {
   }
   if (request.id.empty()) {
     answer_.resize(before_);
+    session_.undoNew();
   }
+  session_.keepNew();
   more_ = nullptr;
   ++server_.totals().requests;
   if (++at_ < line_.requests.size()) {
@@ -191,6 +190,7 @@ bool InspectionPeer::answerRequest(const JsonRpc::Request& request) {
     answer_ += '}';
   } catch (const std::exception&) {
     answer_.resize(before_);
+    session_.undoNew();
     if (line_.batch && before_ > 1) {
       answer_ += ',';
     }
@@ -257,11 +257,7 @@ void InspectionPeer::failRequest(const JsonRpc::Request& request) {
 }
 
 void InspectionPeer::tellChanges() {
-  if (session_.overflowed() || out_.size() + session_.changes() * kBytesOfAChange > kMostOutput) {
-    drop(fmt::format("it takes changes too slowly: more than {} bytes of them wait", kMostOutput));
-    return;
-  }
-  for (std::size_t i = 0; i < kChangesAtATime && session_.changes() != 0 && mayAnswer(); ++i) {
+  for (std::size_t i = 0; i < kChangesAtATime && session_.hasNews() && mayAnswer(); ++i) {
     session_.tellChange(out_);
   }
 }

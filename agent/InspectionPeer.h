@@ -26,8 +26,8 @@ class InspectionPeer final : public std::enable_shared_from_this<InspectionPeer>
   using Clock = std::chrono::steady_clock;
 
   static constexpr std::size_t kLongestLine = 1 << 20;
-  static constexpr std::size_t kMostWaiting = 1 << 18;  // bytes of output, before work stops
-  static constexpr std::size_t kMostOutput = 1 << 22;   // bytes, with changes that are not told yet
+  static constexpr std::size_t kLongestLineOfOthers = 1 << 16;  // who may not change anything
+  static constexpr std::size_t kMostWaiting = 1 << 18;   // bytes of output, before work stops
   static constexpr std::size_t kLongestBatch = 1 << 21;  // bytes of the answer
 
   // `name` is what messages call it.
@@ -43,6 +43,7 @@ class InspectionPeer final : public std::enable_shared_from_this<InspectionPeer>
   // Lets go of all that it holds.
   void close();
 
+  [[nodiscard]] InspectionSession& session() noexcept { return session_; }
   // Whether it stands in the server's queue.
   [[nodiscard]] bool isQueued() const noexcept { return queued_; }
   void queuedIs(bool queued) noexcept { queued_ = queued; }
@@ -67,7 +68,8 @@ class InspectionPeer final : public std::enable_shared_from_this<InspectionPeer>
   std::string name_;
   InspectionServer& server_;
   InspectionSession session_;
-  LineBuffer lines_{kLongestLine};
+  std::size_t longestLine_;
+  LineBuffer lines_{longestLine_};
   Common::JsonRpc::Line line_;  // that is being answered
   std::size_t at_ = 0;          // of its requests
   InspectionCall::More more_;   // of the request that is being answered

@@ -16,6 +16,8 @@
 namespace Agent {
 namespace {
 
+constexpr std::chrono::seconds kSaidEvery{10};
+
 // Whether the process at the other end was started by the agent's own user, or by root.
 bool mayChange(InspectionPeer::Socket& socket) {
   ucred peer{};
@@ -32,7 +34,6 @@ InspectionServer::InspectionServer(asio::io_context& loop, const std::string& pa
       context_(context),
       isBusy_(std::move(isBusy)),
       pause_(loop),
-      next_(Clock::now()),
       listening_(loop, path, mode, "--inspect") {}
 
 InspectionServer::~InspectionServer() {
@@ -47,9 +48,9 @@ void InspectionServer::start() {
 }
 
 void InspectionServer::welcome(InspectionPeer::Socket socket) {
-  const std::string name = fmt::format("inspect:{}", nextPeer_++);
-  if (peers_.size() == kMostPeers) {
-    say("{} is turned away: {} peers are served already", name, kMostPeers);
+  const bool change = mayChange(socket);
+  if (peers_.size() >= (change ? kMostPeers : kMostPeers - kKeptPeers)) {
+    ++turnedAway_;
     std::string text;
     Common::JsonRpc::appendError(text, "null", kLimitReached, "too many peers: try again later");
     text += '\n';
@@ -57,7 +58,7 @@ void InspectionServer::welcome(InspectionPeer::Socket socket) {
     (void)socket.write_some(asio::buffer(text), ignored);
     return;
   }
-  const bool change = mayChange(socket);
+  const std::string name = fmt::format("inspect:{}", nextPeer_++);
   const auto peer = std::make_shared<InspectionPeer>(std::move(socket), name, change, *this);
   peers_.insert(peer);
   ++totals_.peers;
@@ -74,16 +75,24 @@ void InspectionServer::wake(InspectionPeer& peer) {
   }
 }
 
+// What a turn does is charged as a whole.
+void InspectionServer::charge(Clock::duration time) {
+  if (!working_) {
+    totals_.worked += time;
+    pace_.worked(Clock::now(), time, true);
+  }
+}
+
 void InspectionServer::schedule() {
   if (scheduled_ || ready_.empty()) {
     return;
   }
   scheduled_ = true;
-  if (next_ <= Clock::now()) {
+  if (pace_.next() <= Clock::now()) {
     asio::post(loop_, [this] { turn(); });
     return;
   }
-  pause_.expires_at(next_);
+  pause_.expires_at(pace_.next());
   pause_.async_wait([this](const asio::error_code& error) {
     if (!error) {
       turn();
@@ -92,7 +101,7 @@ void InspectionServer::schedule() {
 }
 
 void InspectionServer::turn() {
-  scheduled_ = false;
+  working_ = true;
   const auto start = Clock::now();
   auto now = start;
   while (!ready_.empty() && now - start < kSlice) {
@@ -107,7 +116,9 @@ void InspectionServer::turn() {
     now = Clock::now();
   }
   totals_.worked += now - start;
-  next_ = isBusy_() ? now + kPause * (now - start) : now;
+  pace_.worked(now, now - start, isBusy_());
+  working_ = false;
+  scheduled_ = false;
   schedule();
 }
 
@@ -116,6 +127,20 @@ void InspectionServer::checkPeers(std::chrono::milliseconds timeout) {
   const auto now = Clock::now();
   for (const auto& peer : std::vector(peers_.begin(), peers_.end())) {
     peer->checkAlive(now, timeout);
+  }
+  InspectionSession::Uses uses;
+  for (const auto& peer : peers_) {
+    peer->session().addUses(uses);
+  }
+  if (!uses.empty()) {
+    for (const auto& peer : peers_) {
+      peer->session().endOrphans(uses);
+    }
+  }
+  if (turnedAway_ != 0 && now >= nextSaid_) {
+    say("inspection: {} peers were turned away: {} are served already",
+        std::exchange(turnedAway_, 0), peers_.size());
+    nextSaid_ = now + kSaidEvery;
   }
 }
 

@@ -12,17 +12,30 @@
 namespace Agent {
 
 using Brio::InspectPlace;
+using From = InspectionSession::From;
 
 namespace {
 
 constexpr std::uint64_t kAny = std::numeric_limits<std::uint64_t>::max();
 
-InspectPlace::Args argsOf(const InspectionCall& call, const InspectionParams& params) {
+// Arguments may cost something: the place has to take as many, and the peer to be allowed it.
+InspectPlace::Args argsOf(const InspectionCall& call, const InspectPlace& place,
+                          const Common::Json& list) {
+  place.checkArgs(list.size());
   InspectPlace::Args args;
-  for (const Common::Json& one : params.list("args")) {
-    args.push_back(call.session.valueOf(one, fmt::format("args[{}]", args.size())));
+  for (const Common::Json& one : list) {
+    args.push_back(call.session.argumentOf(one, fmt::format("args[{}]", args.size())));
   }
   return args;
+}
+
+// Adds what an operation gives, which is to have a place to be held in before it is called.
+template <class Operation>
+void appendResult(InspectionCall& call, const InspectPlace& place, Operation operation) {
+  if (givesObject(place)) {
+    call.session.checkMayHold();
+  }
+  call.session.appendValue(call.out, operation(), place.path(), From::operation);
 }
 
 }  // namespace
@@ -30,7 +43,11 @@ InspectPlace::Args argsOf(const InspectionCall& call, const InspectionParams& pa
 void inspectRead(InspectionCall& call) {
   const InspectionParams params(call.params, {"path"});
   const InspectPlace place = call.session.find(params.text("path"));
-  call.session.appendValue(call.out, place.read(), place.path(), place.leadsBack());
+  if (place.leadsBack()) {
+    call.session.appendValue(call.out, place.read(), place.path(), From::path);
+  } else {
+    appendResult(call, place, [&] { return place.read(); });
+  }
 }
 
 void inspectWrite(InspectionCall& call) {
@@ -42,20 +59,23 @@ void inspectWrite(InspectionCall& call) {
   }
   call.session.checkMayChange(place.path());
   place.write(params.has("args")
-                  ? argsOf(call, params)
-                  : InspectPlace::Args{call.session.valueOf(params.value("value"), "value")});
+                  ? argsOf(call, place, params.list("args"))
+                  : InspectPlace::Args{call.session.argumentOf(params.value("value"), "value")});
   call.out += "null";
 }
 
 void inspectCall(InspectionCall& call) {
   const InspectionParams params(call.params, {"path", "args"});
   const InspectPlace place = call.session.find(params.text("path"));
-  const InspectPlace::Args args = params.has("args") ? argsOf(call, params) : InspectPlace::Args{};
-  if (place.field() && place.field()->attribute.isOperation() &&
-      place.field()->attribute.has(Lumen::kInspectMutating)) {
+  if (!place.field() || !place.field()->attribute.isOperation()) {
+    (void)place.call({});  // says that it is none
+  }
+  if (place.field()->attribute.has(Lumen::kInspectMutating)) {
     call.session.checkMayChange(place.path());
   }
-  call.session.appendValue(call.out, place.call(args), place.path(), false);
+  const InspectPlace::Args args =
+      params.has("args") ? argsOf(call, place, params.list("args")) : InspectPlace::Args{};
+  appendResult(call, place, [&] { return place.call(args); });
 }
 
 void inspectSubscribe(InspectionCall& call) {

@@ -40,14 +40,31 @@ void removeStale(asio::io_context& loop, const std::string& path,
   }
   asio::local::stream_protocol::socket probe(loop);
   asio::error_code error;
+  probe.open();
+  probe.non_blocking(true);
   probe.connect(endpoint, error);
   if (error != asio::error::connection_refused) {
-    fail(path, error ? error.message() : std::string("another process listens there"),
+    // Somebody listens there, too, who has no room for more.
+    const bool listens =
+        !error || error == asio::error::would_block || error == asio::error::no_buffer_space;
+    fail(path, listens ? std::string("another process listens there") : error.message(),
          "end it, or name another", option);
   }
   // Refused: there is a file, and nobody behind it.
   unlink(path.c_str());
 }
+
+// What the process makes while this is there has no mode beyond `mode`.
+class NarrowMode {
+ public:
+  explicit NarrowMode(mode_t mode) : before_(umask(0777 & ~mode)) {}
+  ~NarrowMode() { umask(before_); }
+  NarrowMode(const NarrowMode&) = delete;
+  NarrowMode& operator=(const NarrowMode&) = delete;
+
+ private:
+  mode_t before_;
+};
 
 }  // namespace
 
@@ -58,8 +75,17 @@ ListeningSocket::ListeningSocket(asio::io_context& loop, const std::string& path
   removeStale(loop, path, endpoint, option);
   try {
     acceptor_.open();
-    acceptor_.bind(endpoint);
-    chmod(path.c_str(), mode);
+    {
+      const NarrowMode narrow(mode);
+      acceptor_.bind(endpoint);
+    }
+    // A directory may have rules of its own.
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0 ||
+        ((status.st_mode & 0777) != mode && chmod(path.c_str(), mode) != 0)) {
+      unlink(path.c_str());
+      fail(path, "its file does not get the mode that is asked for", "name another place", option);
+    }
     acceptor_.listen();
   } catch (const asio::system_error& error) {
     fail(path, error.code().message(), "name a place that can be written", option);

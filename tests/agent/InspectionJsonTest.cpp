@@ -19,8 +19,7 @@ std::string textOf(const InspectValue& value) {
   return out.substr(1);
 }
 InspectValue valueOf(const std::string& json) {
-  return Agent::toInspectValue(Json::parse(json), "value",
-                               [](const std::string&) { return InspectValue::NodePtr(); });
+  return Agent::toInspectValue(Json::parse(json), "value");
 }
 
 TEST(InspectionJson, WritesEveryKindOfValue) {
@@ -46,7 +45,6 @@ TEST(InspectionJson, ReadsThemBack) {
                            R"([1,["x"],{"a":2}])", R"({"a":1,"b":{"c":false}})"}) {
     EXPECT_EQ(textOf(valueOf(json)), json);
   }
-  EXPECT_EQ(valueOf(R"({"ref":"a/b"})"), InspectValue(InspectValue::NodePtr()));
   EXPECT_NE(valueOf(R"({"ref":"a/b","x":1})").as<InspectValue::Record>(), nullptr);
   EXPECT_NE(valueOf(R"({"ref":1})").as<InspectValue::Record>(), nullptr);
   try {
@@ -55,6 +53,13 @@ TEST(InspectionJson, ReadsThemBack) {
   } catch (const Agent::InspectionError& error) {
     EXPECT_EQ(error.code(), -32602);
     EXPECT_STREQ(error.what(), "value.a[1].b: -5 is negative: write a number from 0 on");
+  }
+  try {
+    (void)valueOf(R"([{"a":{"ref":"a/b"}}])");
+    FAIL() << "there is an object in it";
+  } catch (const Agent::InspectionError& error) {
+    EXPECT_EQ(error.code(), -32602);
+    EXPECT_THAT(error.what(), testing::StartsWith("value[0].a: no place for an object: "));
   }
 }
 

@@ -60,16 +60,21 @@ class Inspector {
   }
   Json read(const std::string& path) { return result("read", {{"path", path}}); }
   std::uint64_t count(const std::string& path) { return result("count", {{"path", path}}); }
-  // The params of the next notification; null at the end of the stream.
-  Json change() {
+  // The next notification; null at the end of the stream.
+  Json notice() {
     if (changes_.empty()) {
       Json one = line();
-      EXPECT_EQ(one.value("method", ""), "changed") << one;
-      return one.value("params", Json());
+      return one.contains("method") ? one : Json();
     }
     Json one = std::move(changes_.front());
     changes_.pop_front();
-    return one.value("params", Json());
+    return one;
+  }
+  // The params of the next notification, which is that of a change.
+  Json change() {
+    const Json one = notice();
+    EXPECT_EQ(one.is_object() ? one.value("method", "") : "", "changed") << one;
+    return one.is_object() ? one.value("params", Json()) : Json();
   }
   // Those that have come so far.
   [[nodiscard]] const std::deque<Json>& changes() const { return changes_; }

@@ -169,6 +169,43 @@ TYPED_TEST(Places, WalkCollectionsThatChange) {
   EXPECT_TRUE(marked.cursor(order[10]).atEnd()) << "it has left";
 }
 
+TYPED_TEST(Places, AWalkThatWaitsKeepsNothingThatHasLeft) {
+  constexpr unsigned kCount = 30;
+  std::vector<NodePtr> wrappers;
+  for (unsigned i = 0; i < kCount; ++i) {
+    const auto wrapper = this->wrapper(i);
+    this->table_->transientAddEntryIs(wrapper);
+    wrappers.emplace_back(wrapper);
+  }
+  const auto waiting = InspectPlace::find(this->tablePath() + "/transientAddEntry");
+  std::vector<InspectValue> order;
+  for (auto cursor = waiting.cursor(); !cursor.atEnd(); cursor.advance()) {
+    order.push_back(cursor.key());
+  }
+  ASSERT_EQ(order.size(), kCount);
+  auto cursor = waiting.cursor(order[10]);
+  for (unsigned i = 0; i < kCount; ++i) {
+    if (i != 15 && i != 20) {
+      (void)waiting.del(order[i]);
+    }
+  }
+  EXPECT_EQ(cursor.key(), order[10]);
+  cursor.settle();
+  EXPECT_EQ(cursor.key(), order[15]);
+  unsigned kept = 0;
+  for (const NodePtr& wrapper : wrappers) {
+    kept += wrapper->refCount() > 1 ? 1 : 0;
+  }
+  EXPECT_EQ(kept, 2U) << "those that are there";
+  cursor.settle();
+  EXPECT_EQ(cursor.key(), order[15]) << "it is there";
+  cursor.advance();
+  EXPECT_EQ(cursor.key(), order[20]);
+  (void)waiting.del(order[20]);
+  cursor.settle();
+  EXPECT_TRUE(cursor.atEnd());
+}
+
 TYPED_TEST(Places, GiveEntriesAsRecordsBothWays) {
   using Entry = typename TypeParam::Entry;
   const Entry entry = this->entry(4, 7);
@@ -315,6 +352,29 @@ TEST_F(OneTag, AWatchHearsNothingOfOtherFields) {
   EXPECT_EQ(told, 1U);
 }
 
+// A key is told of by its type, whichever that is.
+TEST_F(OneTag, AWatchHearsOfKeysOfEveryBuiltinType) {
+  Lumen::ModuleInspectData::AttributeRow row{};
+  row.fieldId = 60000;
+  row.flags = Lumen::kInspectCollection;
+  Lumen::ModuleInspectData module{};
+  module.attributeTable = &row;
+  const auto told = [&](std::int16_t keyType, const auto& key) {
+    row.keyType = keyType;
+    InspectValue value;
+    const Brio::InspectSubscription watch(table_, Brio::InspectAttribute({&module, 0}),
+                                          [&](const InspectValue& given) { value = given; });
+    table_->publisher()->publishChange({60000}, &key);
+    return value;
+  };
+  EXPECT_EQ(told(Lumen::kInspectBool, true), InspectValue(true));
+  EXPECT_EQ(told(Lumen::kInspect8, std::uint8_t{200}), InspectValue(200U));
+  EXPECT_EQ(told(Lumen::kInspect16, std::uint16_t{60000}), InspectValue(60000U));
+  EXPECT_EQ(told(Lumen::kInspect32, 70000U), InspectValue(70000U));
+  EXPECT_EQ(told(Lumen::kInspect64, ~std::uint64_t{0}), InspectValue(~std::uint64_t{0}));
+  EXPECT_EQ(told(Lumen::kInspectString, Lumen::String("a")), InspectValue("a"));
+}
+
 using TwoResources = Places<KelpEmServer::EsemFodoVd>;
 
 TEST_F(TwoResources, NestedKeysAndNamesAreWrittenOut) {
@@ -328,6 +388,13 @@ TEST_F(TwoResources, NestedKeysAndNamesAreWrittenOut) {
   EXPECT_EQ(numberAt(edits + "/resKey[3]/outerVlan"), 17U);
   EXPECT_EQ(numberAt(edits + "/resKey[4]/outerVlan"), 0U);
   EXPECT_THAT(refusalOf(edits + "/resKey[34]/outerVlan"), HasSubstr("largest value, 33"));
+  // What is at its default is left out of a path.
+  const auto usages = InspectPlace::find(tablePath() + "/vlanEditProfileLinkage/entryUsageSm");
+  EXPECT_EQ(usages.memberPath(usages.cursor().key()), edits);
+  EXPECT_EQ(nodeAt(edits).get(), usages.cursor().value().as<NodePtr>()->get());
+  const auto standard = Brio::toInspect(decltype(entry.rsrcKeys.vlanEditProfileKey){});
+  EXPECT_EQ(usages.memberPath(standard), usages.path() + "[{}]");
+  EXPECT_FALSE(usages.has(Brio::inspectParse("{}")));
   const std::string remarks =
       tablePath() + "/remarkProfileLinkage/entryUsageSm[intf=\"Ethernet3/1.100\"]";
   EXPECT_EQ(at(remarks + "/resKey/intf"), InspectValue("Ethernet3/1.100"));
