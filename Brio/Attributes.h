@@ -25,30 +25,46 @@ enum class AttributeKind : std::uint8_t {
 
 // One attribute. What writes it from outside, and what deletes a member of it, are named beside it,
 // as writtenBy() and deletedBy(); an attribute without them is only read.
-template <class MemberT, class WriterT = std::nullptr_t, class DeleterT = std::nullptr_t>
+template <class MemberT, class WriterT = std::nullptr_t, class DeleterT = std::nullptr_t,
+          class CheckT = std::nullptr_t>
 struct Attribute {
   using Member = MemberT;
   using Writer = WriterT;
   using Deleter = DeleterT;
+  using Check = CheckT;
 
   std::string_view name;
   AttributeKind kind;
   Member member;  // pointer to the data member or member function; nullptr where there is none
   Writer writer{};
   Deleter deleter{};
-  bool served = true;  // whether inspection serves it
+  Check check{};
+  bool served = true;           // whether inspection serves it
+  bool takesNullNodes = false;  // an operation, as arguments
 
   template <class W>
-  [[nodiscard]] constexpr Attribute<Member, W, Deleter> writtenBy(W by) const {
-    return {name, kind, member, by, deleter, served};
+  [[nodiscard]] constexpr Attribute<Member, W, Deleter, Check> writtenBy(W by) const {
+    return {name, kind, member, by, deleter, check, served, takesNullNodes};
   }
   template <class D>
-  [[nodiscard]] constexpr Attribute<Member, Writer, D> deletedBy(D by) const {
-    return {name, kind, member, writer, by, served};
+  [[nodiscard]] constexpr Attribute<Member, Writer, D, Check> deletedBy(D by) const {
+    return {name, kind, member, writer, by, check, served, takesNullNodes};
+  }
+  // Called from outside, an operation gets no argument that `by`, a member function of one
+  // parameter, throws for: each argument of that parameter's type is given to it first. For what
+  // callers inside know better than to ask.
+  template <class C>
+  [[nodiscard]] constexpr Attribute<Member, Writer, Deleter, C> checkedBy(C by) const {
+    return {name, kind, member, writer, deleter, by, served, takesNullNodes};
+  }
+  // Null stands for a node among the arguments of an operation; without this, outside callers are
+  // refused.
+  [[nodiscard]] constexpr Attribute takesNull() const {
+    return {name, kind, member, writer, deleter, check, served, true};
   }
   // Known by its number alone: for steps of an object's own life, and what is internal.
   [[nodiscard]] constexpr Attribute notServed() const {
-    return {name, kind, member, writer, deleter, false};
+    return {name, kind, member, writer, deleter, check, false, takesNullNodes};
   }
 };
 
@@ -73,7 +89,7 @@ constexpr Attribute<Member> operation(std::string_view name, Member member) {
   return {name, AttributeKind::operation, member};
 }
 constexpr Attribute<std::nullptr_t> retired() {
-  return {"", AttributeKind::retired, nullptr, nullptr, nullptr, false};
+  return {"", AttributeKind::retired, nullptr, nullptr, nullptr, nullptr, false, false};
 }
 
 template <class... Attributes>

@@ -43,7 +43,12 @@ struct GenericIterator {
     if (memory == nullptr) {
       return nullptr;
     }
-    return key == nullptr ? ::new (memory) Iterator(in) : ::new (memory) Iterator(in, *key);
+    try {
+      return key == nullptr ? ::new (memory) Iterator(in) : ::new (memory) Iterator(in, *key);
+    } catch (const std::bad_alloc&) {
+      PoolSlab::slabFreeOrStdFree(memory, sizeof(Iterator));
+      return nullptr;
+    }
   }
   static void iterObj(BrioAttr, const void* iterator, void* out) {
     if constexpr (std::is_void_v<Value>) {

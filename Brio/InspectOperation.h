@@ -38,10 +38,22 @@ namespace Impl {
 using Lumen::Inspect::kDone;
 using Lumen::Inspect::kNotValid;
 
+// Gives each argument of the type that `check` takes to it.
+template <class Class, class Check, class... A>
+void inspectCheck(Class& object, Check check, const A&... args) {
+  using Wanted = std::remove_cvref_t<std::tuple_element_t<0, typename MemberTypes<Check>::Args>>;
+  const auto each = [&](const auto& arg) {
+    if constexpr (std::is_same_v<std::remove_cvref_t<decltype(arg)>, Wanted>) {
+      std::invoke(check, object, arg);
+    }
+  };
+  (each(args), ...);
+}
+
 // Calls a member function, or a static one, with arguments out of an array of pointers. What it
 // gives back is stored, if anything.
-template <class Class, class Function>
-int inspectCall(Class& object, Function function, void* result, void* args) {
+template <class Class, class Function, class Check = std::nullptr_t>
+int inspectCall(Class& object, Function function, void* result, void* args, Check check = {}) {
   using Types = MemberTypes<Function>;
   using Args = typename Types::Args;
   auto* const pointers = static_cast<void* const*>(args);
@@ -49,6 +61,9 @@ int inspectCall(Class& object, Function function, void* result, void* args) {
     return kNotValid;
   }
   const auto run = [&]<std::size_t... n>(std::index_sequence<n...>)->decltype(auto) {
+    if constexpr (!std::is_same_v<Check, std::nullptr_t>) {
+      inspectCheck(object, check, inspectLoad<std::tuple_element_t<n, Args>>(pointers[n])...);
+    }
     if constexpr (std::is_pointer_v<Function>) {
       return function(inspectLoad<std::tuple_element_t<n, Args>>(pointers[n])...);
     } else {
@@ -150,8 +165,9 @@ int inspectAttribute(Class& object, unsigned char operation, void* result, const
     const auto& in = std::invoke(kThis.member, std::as_const(object));
     return inspectCollection(in, object, kThis, operation, result, key, args);
   } else if constexpr (kThis.kind == AttributeKind::operation) {
-    return operation == Lumen::Inspect::kCall ? inspectCall(object, kThis.member, result, args)
-                                              : kNotValid;
+    return operation == Lumen::Inspect::kCall
+               ? inspectCall(object, kThis.member, result, args, kThis.check)
+               : kNotValid;
   } else {
     if (operation == Lumen::Inspect::kRead) {
       using Value = typename MemberTypes<typename Attribute::Member>::Result;

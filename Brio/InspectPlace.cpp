@@ -263,6 +263,11 @@ InspectValue InspectPlace::run(unsigned char operation, const InspectValue* key,
       // An object may be given by its path.
       found.push_back(box.holdsNode() && text != nullptr ? find(*text).read() : (*args)[i]);
       box.set(found.back(), fmt::format("{}: argument {}", path_, i + 1));
+      if (operation == Code::kCall && box.holdsNode() && !attribute.has(Lumen::kInspectNullArgs) &&
+          box.get() == InspectValue(NodePtr())) {
+        refuse(fmt::format("argument {} is null; give the path of a {}", i + 1,
+                           attribute.typeName(wanted[i].type)));
+      }
       pointers.push_back(box.at());
     }
   }

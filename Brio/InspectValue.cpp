@@ -24,7 +24,7 @@ Lumen::String InspectValue::text() const {
   return visit([](const auto& value) -> Lumen::String {
     using T = std::remove_cvref_t<decltype(value)>;
     if constexpr (std::is_same_v<T, std::monostate>) {
-      return "nothing";
+      return "null";
     } else if constexpr (std::is_same_v<T, Lumen::String>) {
       Lumen::String text = "\"";
       for (const char character : value) {

@@ -276,6 +276,7 @@ class TypeModuleOf {
           row.flags |= kThis.kind == AttributeKind::stored ? Lumen::kInspectStored : 0;
         }
         row.flags |= kThis.served ? Lumen::kInspectServed : 0;
+        row.flags |= kThis.takesNullNodes ? Lumen::kInspectNullArgs : 0;
         row.flags |= kWrites ? Lumen::kInspectWritable : 0;
         row.flags |= std::is_same_v<typename Attribute::Deleter, std::nullptr_t>
                          ? 0
@@ -301,6 +302,8 @@ class TypeModuleOf {
       addArguments(static_cast<Impl::FactoryArguments<Class>*>(nullptr));
     }
   };
+  // Indexes have 16 bits, those of types a sign.
+  static_assert(kAttributes <= 0xffff && kMostArguments <= 0xffff && kMostTypes <= 0x7fff);
   static constexpr Rows kRows = [] {
     Rows rows;
     rows.arguments[rows.argumentCount++] = {Lumen::kInspectNoKey, 0};

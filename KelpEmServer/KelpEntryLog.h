@@ -57,20 +57,29 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
         Brio::collection("tableConfigQuilt", &KelpEntryLog::tableConfigQuilt_)
             .writtenBy(&KelpEntryLog::tableConfigQuiltIs)
             .deletedBy(&KelpEntryLog::tableConfigQuiltDel),
-        Brio::operation("entryIs", &KelpEntryLog::entryIs),
-        Brio::operation("entryDel", &KelpEntryLog::entryDel),
-        Brio::operation("tableDel", &KelpEntryLog::tableDel),
-        Brio::operation("entry", &KelpEntryLog::entry),
+        Brio::operation("entryIs", &KelpEntryLog::entryIs).checkedBy(&KelpEntryLog::checkUnit),
+        Brio::operation("entryDel", &KelpEntryLog::entryDel)
+            .checkedBy(&KelpEntryLog::checkUnit)
+            .takesNull(),
+        Brio::operation("tableDel", &KelpEntryLog::tableDel)
+            .checkedBy(&KelpEntryLog::checkUnit)
+            .takesNull(),
+        Brio::operation("entry", &KelpEntryLog::entry).checkedBy(&KelpEntryLog::checkUnit),
         Brio::operation("entryHas",
                         static_cast<bool (KelpEntryLog::*)(const Key&, Asic::UnitId) const>(
-                            &KelpEntryLog::entryHas)),
-        Brio::operation("entryRsrcKeys", &KelpEntryLog::entryRsrcKeys),
-        Brio::operation("entryLogVersion", &KelpEntryLog::entryLogVersion),
-        Brio::operation("entrys", &KelpEntryLog::entrys),
-        Brio::operation("entrysInDeletion", &KelpEntryLog::entrysInDeletion),
+                            &KelpEntryLog::entryHas))
+            .checkedBy(&KelpEntryLog::checkUnit),
+        Brio::operation("entryRsrcKeys", &KelpEntryLog::entryRsrcKeys)
+            .checkedBy(&KelpEntryLog::checkUnit),
+        Brio::operation("entryLogVersion", &KelpEntryLog::entryLogVersion)
+            .checkedBy(&KelpEntryLog::checkUnit),
+        Brio::operation("entrys", &KelpEntryLog::entrys).checkedBy(&KelpEntryLog::checkUnit),
+        Brio::operation("entrysInDeletion", &KelpEntryLog::entrysInDeletion)
+            .checkedBy(&KelpEntryLog::checkUnit),
         Brio::operation("cleanupEntryLog", &KelpEntryLog::cleanupEntryLog),
         Brio::operation("mountQuiltChangeLog", &KelpEntryLog::mountQuiltChangeLog),
-        Brio::operation("mountQuiltConfig", &KelpEntryLog::mountQuiltConfig),
+        Brio::operation("mountQuiltConfig", &KelpEntryLog::mountQuiltConfig)
+            .checkedBy(&KelpEntryLog::checkUnit),
         Brio::operation("handleInitialized", &KelpEntryLog::handleInitialized).notServed());
   }
 
@@ -117,9 +126,9 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
   Asic::LogVersion tableDel(const Lumen::Ptr<const Asic::NeededEntry>& neededEntry,
                             Asic::UnitId unitId);
 
-  // Reads of one unit's configuration collection. A deleted record is gone for the first three, and
-  // still there for entryRsrcKeys and entryLogVersion. Defaults, and version 0, where there is
-  // none.
+  // Reads of the configuration collection of one unit, which is mounted. A deleted record is gone
+  // for the first three, and still there for entryRsrcKeys and entryLogVersion. Defaults, and
+  // version 0, where there is none.
   [[nodiscard]] LogEntry entry(const Key& key, Asic::UnitId unitId) const;
   [[nodiscard]] bool entryHas(const Key& key, Asic::UnitId unitId) const;
   // The same, and where the record is: null if there is none, good until the next change of the
@@ -171,6 +180,8 @@ class KELP_EM_EXPORT KelpEntryLog final : public Asic::EntryLogBase,
   void handleInitialized();
   static void declareConfig(BrioQuilt::MountInfo& info);
   [[nodiscard]] ConfigQuilt* unitQuilt(Asic::UnitId unitId) const;
+  // Throws if the unit is not mounted: callers from outside may name any.
+  void checkUnit(Asic::UnitId unitId) const;
   // The version of the identical record that makes a write needless; 0 if it has to go ahead.
   [[nodiscard]] Asic::LogVersion identicalVersion(ConfigQuilt& configQuilt,
                                                   const LogEntry& logEntry,

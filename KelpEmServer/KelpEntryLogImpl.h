@@ -3,6 +3,8 @@
 // The bodies of KelpEntryLog. Included by the units of a table that instantiate it or call it
 // inline.
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -326,6 +328,14 @@ Asic::LogVersion KelpEntryLog<T>::tableDel(const Lumen::Ptr<const Asic::NeededEn
 }
 
 // --- reading
+
+template <TableSpec T>
+void KelpEntryLog<T>::checkUnit(Asic::UnitId unitId) const {
+  if (unitQuilt(unitId) == nullptr) {
+    throw Lumen::Exception(
+        fmt::format("no unit {} of {}: name one of tableConfigQuilt", unitId, T::name.view()));
+  }
+}
 
 template <TableSpec T>
 typename T::Entry::LogEntry KelpEntryLog<T>::entry(const Key& key, Asic::UnitId unitId) const {

@@ -37,7 +37,7 @@ class KELP_EM_EXPORT KelpInterface final : public Asic::TableInterfaceBase,
             .writtenBy(&KelpInterface::swTableStatusIs),
         Brio::stored("swTableSet", &KelpInterface::swTableSet_)
             .writtenBy(&KelpInterface::swTableSetIs),
-        Brio::operation("makeSwTable", &KelpInterface::makeSwTable),
+        Brio::operation("makeSwTable", &KelpInterface::makeSwTable).takesNull(),
         Brio::operation("getIntf", &KelpInterface::getIntf),
         Brio::operation("handleInitialized", &KelpInterface::handleInitialized).notServed(),
         Brio::operation("onDelete", &KelpInterface::onDelete).notServed());
@@ -53,6 +53,7 @@ class KELP_EM_EXPORT KelpInterface final : public Asic::TableInterfaceBase,
   explicit KelpInterface(const Lumen::Ptr<Asic::OrderedTableInterface>& orderedTableIntf);
   ~KelpInterface() override;
 
+  // It has no factory: getIntf() makes the one of the process.
   static constexpr const Lumen::TypeData& classData() {
     return kTypeData<T, "KelpInterface", 0, "KelpInterface",
                      &Asic::TableInterfaceBase::classData()>;

@@ -161,7 +161,7 @@ class KELP_EM_EXPORT KelpResourceLinkage final
         Brio::collection("entryUsageSm", &KelpResourceLinkage::entryUsageSm_)
             .writtenBy(&KelpResourceLinkage::entryUsageSmIs)
             .deletedBy(&KelpResourceLinkage::entryUsageSmDel),
-        Brio::operation("resourceKey", &KelpResourceLinkage::resourceKey),
+        Brio::operation("resourceKey", &KelpResourceLinkage::resourceKey).takesNull(),
         Brio::operation("resourceKeyFromEntry", &KelpResourceLinkage::resourceKeyFromEntry)
             .notServed(),
         Brio::operation("resourceHandle", &KelpResourceLinkage::resourceHandle).notServed(),

@@ -153,6 +153,7 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
     static constexpr const Lumen::TypeData& classData() {
       return kTypeData<T, "KelpSwTable", 3, "KelpSwTable::SwTableEntries_py">;
     }
+    static constexpr auto factory() { return &Lumen::makeNode<SwTableEntries_py>; }
     [[nodiscard]] const Lumen::TypeData& typeData() const override { return classData(); }
 
     [[nodiscard]] const auto& tableEntries() const noexcept { return tableEntries_; }
@@ -191,7 +192,8 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
             Brio::stored("groupResolver", &KelpSwTable::groupResolver_),
             Brio::retired(),
             Brio::queue("entryHandleInLog", &KelpSwTable::entryHandleInLog_),
-            Brio::operation("commitEntry", &KelpSwTable::commitEntry),
+            Brio::operation("commitEntry", &KelpSwTable::commitEntry)
+                .checkedBy(&KelpSwTable::checkResolverEntry),
             Brio::operation("updateEntry", &KelpSwTable::updateEntry),
             Brio::operation("getNeededEntrySet", &KelpSwTable::getNeededEntrySet),
             Brio::operation("isResolverEntryResolved", &KelpSwTable::isResolverEntryResolved),
@@ -358,6 +360,8 @@ class KELP_EM_EXPORT KelpSwTable final : public KelpTunnelNiLib::SwTableBase<typ
   // markedKeyIs() without its result, for inspection.
   void markKey(const Key& key) { (void)markedKeyIs(key); }
   void handleInitialized();
+  // Throws if it is no operation of this table: callers from outside may give any.
+  void checkResolverEntry(const Lumen::Ptr<Asic::ResolverEntry>& entry) const;
   static void fetchAhead(const void* table, const void* operation, bool near);
   template <class Collection>
   void transientEntryIs(Collection& collection, Lumen::FieldId field,

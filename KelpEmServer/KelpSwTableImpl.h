@@ -3,10 +3,13 @@
 // The bodies of KelpSwTable and of the objects in which an operation travels. Included by the unit
 // of a table that instantiates them, and by nobody else.
 
+#include <fmt/format.h>
+
 #include "Brio/MutatorException.h"
 #include "BriskTrace/Report.h"
 #include "KelpEmServer/KelpEntryLogImpl.h"
 #include "KelpEmServer/KelpSwTable.h"
+#include "Lumen/Exception.h"
 #include "Lumen/Trace.h"
 #include "OrderedTable/CommitPath.h"
 #include "OrderedTable/EntryReadPath.h"
@@ -267,6 +270,15 @@ bool KelpSwTable<T>::isResolverEntryResolved(const Lumen::Ptr<Resolver>& entry) 
   return this->withLinkages([&](auto*... linkages) {
     return SwTableAccessor<T>(this).isResolverEntryResolved(entry, linkages...);
   });
+}
+
+template <TableSpec T>
+void KelpSwTable<T>::checkResolverEntry(const Lumen::Ptr<Asic::ResolverEntry>& entry) const {
+  const auto own = Lumen::dynamicPtrCast<Resolver>(entry);
+  if (!own || own->swTable() != this) {
+    throw Lumen::Exception(
+        fmt::format("no operation of {}: take one from its resolver queue", className()));
+  }
 }
 
 template <TableSpec T>

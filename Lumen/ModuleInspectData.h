@@ -42,6 +42,7 @@ enum InspectFlag : std::uint16_t {
   kInspectWritable = 0x0040,  // code 1 is accepted, with the arguments of the row
   kInspectDeletes = 0x0080,   // code 2 is accepted
   kInspectSet = 0x0100,       // a collection without values
+  kInspectNullArgs = 0x0200,  // an operation that takes null for a node
   kInspectStored = 0x0400,
   kInspectServed = 0x0800,
 };

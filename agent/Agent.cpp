@@ -9,6 +9,7 @@
 
 #include "agent/Say.h"
 #include "agent/Summary.h"
+#include "agent/Waiting.h"
 
 namespace Agent {
 namespace {
@@ -60,9 +61,12 @@ Agent::Agent(const Options& options)
   if (!options.socket.empty()) {
     socket_.emplace(loop_, options.socket, *intake_, *kept_);
   }
+  history_.emplace(*intake_);
   if (!options.inspect.empty()) {
-    inspection_.emplace(loop_, options.inspect, options.inspectMode,
-                        InspectionContext{store_, *intake_}, [this] { return isBusy(); });
+    inspection_.emplace(
+        loop_, options.inspect, options.inspectMode,
+        InspectionContext{store_, *intake_, options_, *history_, [this] { return figures(); }},
+        [this] { return isBusy(); });
   }
   outcomes_.open([this] { files_->resume(); });
   store_.resources().forEach([&](auto& table) { table.deadlineIs(options.resourceDeadline); });
@@ -73,6 +77,7 @@ Agent::Agent(const Options& options)
 Agent::~Agent() {
   bell_.release();
   inspection_.reset();  // it may hold any object
+  history_.reset();
   socket_.reset();
   files_.reset();
   restart_.reset();
@@ -198,6 +203,7 @@ void Agent::handleTick() {
   if (socket_) {
     socket_->checkPeers(options_.peerTimeout);
   }
+  history_->look(now);
   if (inspection_) {
     inspection_->checkPeers(options_.peerTimeout);
   }
@@ -225,6 +231,7 @@ void Agent::askAgain(Clock::time_point now) {
 }
 
 void Agent::runPass() {
+  ++passes_;
   store_.group().groupResolver()->runPass();
   afterNews();
 }
@@ -390,6 +397,16 @@ void Agent::giveUpIfStuck(Clock::time_point now) {
   }
 }
 
+LoopFigures Agent::figures() const {
+  LoopFigures figures;
+  figures.started = started_;
+  figures.passes = passes_;
+  figures.linesSkipped = files_->skipped();
+  figures.peers = socket_ ? socket_->peers() : 0;
+  figures.inspectionPeers = inspection_ ? inspection_->peers() : 0;
+  return figures;
+}
+
 // Whether there is work that inspection must not hold up: intents that only wait are none.
 bool Agent::isBusy() {
   const auto now = Clock::now();
@@ -412,8 +429,8 @@ void Agent::giveUp() {
   }
   say("gave up: nothing has moved for {} s; is the hardware side running on --name {} --root {}?",
       std::chrono::duration<double>(*options_.timeout).count(), options_.name, options_.root);
-  const auto pending = intake_->pending(kPendingShown);
-  for (const Intake::Pending& one : pending) {
+  const auto pending = Waiting(*intake_).oldest(kPendingShown);
+  for (const Waiting::Pending& one : pending) {
     say("pending: {}: {}", one.intent, one.reason);
   }
   if (intake_->inFlight() > pending.size()) {

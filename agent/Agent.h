@@ -19,7 +19,9 @@
 #include "agent/OutcomeWriter.h"
 #include "agent/Restart.h"
 #include "agent/SocketServer.h"
+#include "agent/StatsReport.h"
 #include "agent/Store.h"
+#include "agent/VersionHistory.h"
 
 namespace Agent {
 
@@ -61,6 +63,7 @@ class Agent {
   void giveUpIfStuck(Clock::time_point now);
   void giveUp();
   [[nodiscard]] bool isBusy();
+  [[nodiscard]] LoopFigures figures() const;
   void waitForReader();
   void tellProgress(bool last);
   void tellSummary();
@@ -77,10 +80,13 @@ class Agent {
   std::optional<Restart> restart_;
   std::optional<FileReader> files_;
   std::optional<SocketServer> socket_;
+  std::optional<VersionHistory> history_;
   std::optional<InspectionServer> inspection_;
   asio::posix::stream_descriptor bell_;
   asio::steady_timer tick_;
   Clock::time_point lastMove_;  // when an intent came or ended, or the hardware side went on
+  Clock::time_point started_ = Clock::now();
+  std::uint64_t passes_ = 0;
   std::uint64_t moves_ = 0;
   std::uint64_t steps_ = 0;  // passes and reports
   std::uint64_t busyMoves_ = 0;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -27,8 +28,11 @@ struct HeldWrite {
   LaterSource source;
   std::uint64_t line = 0;
   std::vector<Replaced> replaces;
-  // What it came after, while the hardware side has not reported it; null: nothing.
+  // What it came after, while the hardware side has not reported it; null: nothing. And the place
+  // of its table and unit.
   Common::AnyTable::Handle dependency;
+  std::size_t dependencyPlace = 0;
+  std::chrono::steady_clock::time_point since;  // of its acceptance
 };
 
 }  // namespace Agent

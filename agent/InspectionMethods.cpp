@@ -5,6 +5,7 @@
 
 #include "agent/InspectionCollections.h"
 #include "agent/InspectionObjects.h"
+#include "agent/InspectionReports.h"
 #include "agent/InspectionValues.h"
 
 namespace Agent {
@@ -32,6 +33,11 @@ constexpr std::array kMethods{
     Named{"delete", &inspectDelete},
     Named{"iterate", &inspectIterate},
     Named{"close", &inspectClose},
+    Named{"stats", &inspectStats},
+    Named{"waiting", &inspectWaiting},
+    Named{"users", &inspectUsers},
+    Named{"versions", &inspectVersions},
+    Named{"trace", &inspectTrace},
 };
 
 }  // namespace

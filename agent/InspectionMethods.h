@@ -6,7 +6,10 @@
 
 #include "agent/InspectionSession.h"
 #include "agent/Intake.h"
+#include "agent/Options.h"
+#include "agent/StatsReport.h"
 #include "agent/Store.h"
+#include "agent/VersionHistory.h"
 #include "common/Json.h"
 
 namespace Agent {
@@ -17,6 +20,9 @@ class InspectionServer;
 struct InspectionContext {
   Store& store;
   Intake& intake;
+  const Options& options;
+  const VersionHistory& history;
+  std::function<LoopFigures()> figures;
 };
 
 // A request that is being answered.

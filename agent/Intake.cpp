@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <ctime>
 #include <iterator>
 #include <utility>
 
@@ -57,9 +58,9 @@ std::uint64_t Intake::failedWrites(const Common::AnyTable& table) const {
   return places_[placeOf(table.table(), table.unit())].failedWrites;
 }
 
-Intake::Handle Intake::dependencyOf(const Intent& intent) const {
+Intake::Dependency Intake::dependencyOf(const Intent& intent) const {
   if (!intent.after) {
-    return nullptr;
+    return {};
   }
   const Common::EntryName& after = *intent.after;
   const std::size_t at = placeOf(after.table(), after.unit, "after.");
@@ -67,11 +68,11 @@ Intake::Handle Intake::dependencyOf(const Intent& intent) const {
   const auto found = place.known.find(after.key);
   // An operation before a remove-all counts for nothing, whether or not it has ended meanwhile.
   if (found != place.known.end() && found->second.number > place.lastRemoveAll) {
-    return found->second.newest;
+    return {found->second.newest, at};
   }
   // Left by an earlier run, whose order the log has kept.
   if (tables_[at]->has(after.key)) {
-    return nullptr;
+    return {};
   }
   failAfter(after);
 }
@@ -107,13 +108,12 @@ void Intake::takeLine(std::string_view text, const std::shared_ptr<Source>& sour
 
 void Intake::take(const Intent& intent, const std::shared_ptr<Source>& source, std::uint64_t line) {
   const std::size_t at = placeOf(intent.table(), intent.unit);
-  const Handle dependency = dependencyOf(intent);
-  Slot& slot = accept(intent, at, source, line);
+  Slot& slot = accept(intent, at, source, line, dependencyOf(intent));
   if (kept_ != nullptr && source->isKept()) {
     Common::appendIntent(slot.text, intent);
   }
   if (intent.op != IntentOp::removeAll) {
-    operate(slot, intent, dependency);
+    operate(slot, intent);
     return;
   }
   retries_.dropAll(at);
@@ -123,33 +123,47 @@ void Intake::take(const Intent& intent, const std::shared_ptr<Source>& source, s
   }
   place.lastRemoveAll = slot.number;
   place.removeAlls.push_back({&slot, false, 0});
-  tables_[at]->removeAll(dependency, [this, &slot](const Handle&) { removeAllFailed(slot); });
+  tables_[at]->removeAll(slot.dependency, [this, &slot](const Handle&) { removeAllFailed(slot); });
 }
 
 void Intake::replay(const Intent& intent, const std::shared_ptr<Source>& source, std::uint64_t line,
                     std::vector<Replaced> replaces,
                     const std::function<bool(const AnyKey&)>& stays) {
-  Handle dependency;
+  Dependency dependency;
   try {
     dependency = dependencyOf(intent);
   } catch (const InputError&) {
     // It was there when the intent first came.
   }
-  Slot& slot = accept(intent, placeOf(intent.table(), intent.unit), source, line);
+  Slot& slot =
+      accept(intent, placeOf(intent.table(), intent.unit), source, line, std::move(dependency));
   totals_.accepted += replaces.size();
   slot.replaces = std::move(replaces);
   if (intent.op == IntentOp::removeAll) {
     retries_.dropAll(slot.place);
-    removeRest(slot, dependency, stays);
+    removeRest(slot, stays);
   } else {
-    operate(slot, intent, dependency);
+    operate(slot, intent);
   }
 }
 
 Intake::Slot& Intake::accept(const Intent& intent, std::size_t at,
-                             const std::shared_ptr<Source>& source, std::uint64_t line) {
+                             const std::shared_ptr<Source>& source, std::uint64_t line,
+                             Dependency dependency) {
   ++totals_.accepted;
-  return occupy(intent.op, at, source, line);
+  Slot& slot = occupy(intent.op, at, source, line);
+  slot.since = roughlyNow();
+  slot.dependency = std::move(dependency.handle);
+  slot.dependencyPlace = dependency.place;
+  return slot;
+}
+
+// A clock that steps with the kernel's tick, and costs a fraction of one that does not.
+Intake::Clock::time_point Intake::roughlyNow() noexcept {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return Clock::time_point(std::chrono::seconds(now.tv_sec) +
+                           std::chrono::nanoseconds(now.tv_nsec));
 }
 
 Intake::Slot& Intake::occupy(IntentOp op, std::size_t at, const std::shared_ptr<Source>& source,
@@ -166,32 +180,30 @@ Intake::Slot& Intake::occupy(IntentOp op, std::size_t at, const std::shared_ptr<
 }
 
 // A write, or a remove of one key.
-void Intake::operate(Slot& slot, const Intent& intent, const Handle& dependency) {
+void Intake::operate(Slot& slot, const Intent& intent) {
   const Common::AnyTable& table = *tables_[slot.place];
   slot.key = Common::keyOf(intent.entry);
   retries_.drop(slot.place, slot.key);
   if (intent.op == IntentOp::write && table.namesResources(intent.entry)) {
     slot.write = std::make_unique<Intent>(intent);
-    slot.dependency = dependency;
   }
-  writeOrRemove(slot, intent, dependency);
+  writeOrRemove(slot, intent);
 }
 
-void Intake::writeOrRemove(Slot& slot, const Intent& intent, const Handle& dependency) {
+void Intake::writeOrRemove(Slot& slot, const Intent& intent) {
   Common::AnyTable& table = *tables_[slot.place];
   slot.known = &places_[slot.place].known[slot.key];
   // Two words, so that a ResponseHandler holds them without an allocation. A slot is free again
   // only after its handler has run.
   const auto handler = [this, &slot](const Handle& handle) { ended(slot, handle); };
-  slot.handle = intent.op == IntentOp::write ? table.write(intent.entry, dependency, handler)
-                                             : table.remove(slot.key, dependency, handler);
+  slot.handle = intent.op == IntentOp::write ? table.write(intent.entry, slot.dependency, handler)
+                                             : table.remove(slot.key, slot.dependency, handler);
   slot.known->newest = slot.handle;
   slot.known->number = slot.number;
   ++slot.known->inFlight;
 }
 
-void Intake::removeRest(Slot& slot, const Handle& dependency,
-                        const std::function<bool(const AnyKey&)>& stays) {
+void Intake::removeRest(Slot& slot, const std::function<bool(const AnyKey&)>& stays) {
   Common::AnyTable& table = *tables_[slot.place];
   std::vector<AnyKey> rest = store_.keysOf(table);
   std::erase_if(rest, stays);
@@ -201,7 +213,7 @@ void Intake::removeRest(Slot& slot, const Handle& dependency,
   }
   Rest& removes = rests_.emplace_back(Rest{&slot, rest.size(), false});
   for (const AnyKey& key : rest) {
-    (void)table.remove(key, dependency, [this, &removes](const Handle& handle) {
+    (void)table.remove(key, slot.dependency, [this, &removes](const Handle& handle) {
       restEnded(removes, handle->entryState() == Asic::EntryState::entryStateSuccess);
     });
   }
@@ -346,7 +358,9 @@ void Intake::remember(Slot& slot, const Retries::Missing& missing) {
   held.replaces = slot.replaces;
   if (slot.dependency && slot.dependency->entryState() != Asic::EntryState::entryStateSuccess) {
     held.dependency = slot.dependency;
+    held.dependencyPlace = slot.dependencyPlace;
   }
+  held.since = slot.since;
   retries_.add(std::move(held), missing);
 }
 
@@ -361,11 +375,13 @@ void Intake::writeAgain(HeldWrite& held) {
   slot.key = held.key;
   slot.replaces = std::move(held.replaces);
   slot.write = std::move(held.intent);
+  slot.since = held.since;
   slot.dependency = std::move(held.dependency);
+  slot.dependencyPlace = held.dependencyPlace;
   if (kept_ != nullptr && slot.source->isKept()) {
     Common::appendIntent(slot.text, *slot.write);
   }
-  writeOrRemove(slot, *slot.write, slot.dependency);
+  writeOrRemove(slot, *slot.write);
 }
 
 void Intake::end(Slot& slot, const End& how) {
@@ -449,43 +465,19 @@ bool Intake::logsTakenIn() const {
   });
 }
 
-std::vector<Intake::Pending> Intake::pending(std::size_t most) const {
-  std::vector<const Slot*> oldest;
-  for (const Slot& slot : slots_) {
-    if (slot.source) {
-      oldest.push_back(&slot);
+std::optional<std::uint64_t> Intake::versionOfRemoveAll(const Slot& slot) const {
+  for (const RemoveAll& one : places_[slot.place].removeAlls) {
+    if (one.slot == &slot && one.committed) {
+      return one.version;
     }
   }
-  const auto end = oldest.begin() + static_cast<std::ptrdiff_t>(std::min(most, oldest.size()));
-  std::partial_sort(oldest.begin(), end, oldest.end(),
-                    [](const Slot* a, const Slot* b) { return a->number < b->number; });
-  std::vector<Pending> pending;
-  for (auto one = oldest.begin(); one != end; ++one) {
-    const Slot& slot = **one;
-    const Common::AnyTable& table = *tables_[slot.place];
-    Pending text;
-    text.intent = fmt::format("{}:{}: {} {}, unit {}", slot.source->name(), slot.line,
-                              name(slot.op), table.name(), table.unit());
-    if (slot.op != IntentOp::removeAll) {
-      text.intent += ", key ";
-      Common::appendKey(text.intent, slot.key);
-    }
-    const bool inLog =
-        slot.handle && slot.handle->entryState() == Asic::EntryState::entryStateInLog;
-    text.reason = inLog ? fmt::format("in the log at version {}, the hardware side has reported {}",
-                                      slot.handle->logVersion(), table.lastCleanedVersion())
-                        : std::string("not in the log yet");
-    if (!inLog && slot.write) {
-      const Retries::Missing missing = table.missingResources(slot.write->entry);
-      text.reason = missing.empty() ? text.reason : missing.front().text();
-    }
-    if (slot.op == IntentOp::removeAll) {
-      text.reason = fmt::format("log at version {}, the hardware side has reported {}",
-                                table.tableVersion(), table.lastCleanedVersion());
-    }
-    pending.push_back(std::move(text));
-  }
-  return pending;
+  return std::nullopt;
+}
+
+std::size_t Intake::removesLeft(const Slot& slot) const {
+  const auto rest = std::find_if(rests_.begin(), rests_.end(),
+                                 [&](const Rest& one) { return one.slot == &slot; });
+  return rest == rests_.end() ? 0 : rest->left;
 }
 
 }  // namespace Agent

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -50,10 +52,32 @@ class Intake {
     std::uint64_t failed = 0;
     std::uint64_t cameThroughAgain = 0;  // of those that failed
   };
-  // What an intent that has no outcome is waiting for; for people.
-  struct Pending {
-    std::string intent;  // `FILE:12: write Isem1Tag, unit 0, key {...}`
-    std::string reason;
+  using Handle = Common::AnyTable::Handle;
+  using Clock = std::chrono::steady_clock;
+
+  // What is known of a key of this run.
+  struct Known {
+    Handle newest;               // the newest operation on it; null once that has ended well
+    std::uint64_t number = 0;    // of the newest operation
+    std::uint32_t inFlight = 0;  // operations on it; it stays as long as there are any
+  };
+  // An intent in flight.
+  struct Slot {
+    std::shared_ptr<Source> source;  // null: the slot is free
+    std::uint64_t line = 0;
+    std::uint64_t number = 0;  // in the order of acceptance
+    Clock::time_point since;   // of its acceptance, some milliseconds early at most
+    Common::IntentOp op = Common::IntentOp::write;
+    std::size_t place = 0;  // of its table and unit
+    Common::AnyKey key;
+    Handle handle;                          // null of a remove-all
+    Known* known = nullptr;                 // what is known of the key
+    std::string text;                       // the intent as a line, if it is to be kept
+    std::unique_ptr<Common::Intent> write;  // if it names resources
+    Handle dependency;
+    std::size_t dependencyPlace = 0;  // of the dependency's table and unit
+    bool again = false;               // it has failed before, and been told so
+    std::vector<Replaced> replaces;
   };
 
   // Takes the tables of `units` units of the store, by table number and then unit. At most `limit`
@@ -131,35 +155,18 @@ class Intake {
 
   // Whether the hardware side has taken in every log up to its end.
   [[nodiscard]] bool logsTakenIn() const;
-  // The oldest intents in flight, at most `most`.
-  [[nodiscard]] std::vector<Pending> pending(std::size_t most) const;
+  // The slots of all intents in flight, free ones among them. One keeps its place until its intent
+  // has its outcome.
+  [[nodiscard]] const std::deque<Slot>& slots() const noexcept { return slots_; }
+  // The version of the log that the hardware side must report for a remove-all; nothing while it is
+  // not committed.
+  [[nodiscard]] std::optional<std::uint64_t> versionOfRemoveAll(const Slot& slot) const;
+  // Of a remove-all that is carried out key by key: the removes without an outcome; 0 for others.
+  [[nodiscard]] std::size_t removesLeft(const Slot& slot) const;
 
  private:
-  using Handle = Common::AnyTable::Handle;
-  // What is known of a key of this run.
-  struct Known {
-    Handle newest;               // the newest operation on it; null once that has ended well
-    std::uint64_t number = 0;    // of the newest operation
-    std::uint32_t inFlight = 0;  // operations on it; it stays as long as there are any
-  };
   using KnownKeys = std::unordered_map<Common::AnyKey, Known, HashKey>;
 
-  // An intent in flight.
-  struct Slot {
-    std::shared_ptr<Source> source;  // null: the slot is free
-    std::uint64_t line = 0;
-    std::uint64_t number = 0;  // in the order of acceptance
-    Common::IntentOp op = Common::IntentOp::write;
-    std::size_t place = 0;  // of its table and unit
-    Common::AnyKey key;
-    Handle handle;                          // null of a remove-all
-    Known* known = nullptr;                 // what is known of the key
-    std::string text;                       // the intent as a line, if it is to be kept
-    std::unique_ptr<Common::Intent> write;  // if it names resources
-    Handle dependency;                      // of that
-    bool again = false;                     // it has failed before, and been told so
-    std::vector<Replaced> replaces;
-  };
   // The removes of one key that a remove-all in a replay comes to.
   struct Rest {
     Slot* slot;
@@ -188,16 +195,20 @@ class Intake {
     std::uint64_t number;  // of its newest operation; another one means that it is in use again
   };
 
-  [[nodiscard]] Handle dependencyOf(const Common::Intent& intent) const;
+  struct Dependency {
+    Handle handle;
+    std::size_t place = 0;
+  };
+  [[nodiscard]] Dependency dependencyOf(const Common::Intent& intent) const;
   [[nodiscard]] Slot& freeSlot();
   Slot& occupy(Common::IntentOp op, std::size_t at, const std::shared_ptr<Source>& source,
                std::uint64_t line);
+  [[nodiscard]] static Clock::time_point roughlyNow() noexcept;
   Slot& accept(const Common::Intent& intent, std::size_t at, const std::shared_ptr<Source>& source,
-               std::uint64_t line);
-  void operate(Slot& slot, const Common::Intent& intent, const Handle& dependency);
-  void writeOrRemove(Slot& slot, const Common::Intent& intent, const Handle& dependency);
-  void removeRest(Slot& slot, const Handle& dependency,
-                  const std::function<bool(const Common::AnyKey&)>& stays);
+               std::uint64_t line, Dependency dependency);
+  void operate(Slot& slot, const Common::Intent& intent);
+  void writeOrRemove(Slot& slot, const Common::Intent& intent);
+  void removeRest(Slot& slot, const std::function<bool(const Common::AnyKey&)>& stays);
   void restEnded(Rest& rest, bool success);
   // How an intent has ended.
   struct End {

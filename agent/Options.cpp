@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "common/InspectionPath.h"
 #include "common/Intent.h"
 
 namespace Agent {
@@ -44,10 +45,13 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
   app.add_option("--socket", options.socket,
                  "Listen on a Unix socket: intents in, their outcomes out, one on a line")
       ->type_name("PATH");
-  app.add_option("--inspect", options.inspect,
-                 "Listen on a Unix socket for requests to read and drive objects by name; "
-                 "docs/inspection.md tells how")
-      ->type_name("PATH");
+  auto* inspectOption =
+      app.add_option("--inspect", options.inspect,
+                     "Listen on a Unix socket for requests to read and drive objects by name; "
+                     "docs/inspection.md tells how. Without a path, on inspect.sock in the store's "
+                     "folder, where kelp looks for it")
+          ->type_name("PATH")
+          ->expected(0, 1);
   app.add_option("--inspect-mode", inspectMode,
                  "Mode of that socket's file, octal. What changes state is for the agent's own "
                  "user and for root, whatever the mode")
@@ -107,6 +111,9 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
     options.timeout = milliseconds(timeout);
   }
   options.peerTimeout = milliseconds(peerTimeout);
+  if (inspectOption->count() != 0 && options.inspect.empty()) {
+    options.inspect = Common::inspectionPath(options.root, options.name);
+  }
   options.inspectMode = static_cast<unsigned>(std::stoul(inspectMode, nullptr, 8));
   return std::nullopt;
 }

@@ -130,6 +130,18 @@ void Retries::step(unsigned most, const std::function<bool()>& hasRoom,
   }
 }
 
+void Retries::forEach(std::uint64_t from, const Visit& visit) const {
+  for (auto one = waiting_.lower_bound(from); one != waiting_.end(); ++one) {
+    Missing missing;
+    for (const Watch* const watch : one->second.watches) {
+      missing.push_back(watch->missing);
+    }
+    if (!visit(one->first, one->second.write, missing)) {
+      return;
+    }
+  }
+}
+
 void Retries::lookAround(unsigned most) {
   for (unsigned looked = 0; looked < most && looked < waiting_.size(); ++looked) {
     auto next = waiting_.upper_bound(lookedAt_);

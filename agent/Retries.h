@@ -63,6 +63,11 @@ class Retries {
   void lookAround(unsigned most);
 
   [[nodiscard]] std::size_t size() const noexcept { return waiting_.size(); }
+  // Calls visit(number, write, missing) for the writes from this number on, the oldest first, until
+  // it gives false: `missing` are the resources that could not be had, as they are now.
+  using Visit =
+      std::function<bool(std::uint64_t number, const HeldWrite& write, const Missing& missing)>;
+  void forEach(std::uint64_t from, const Visit& visit) const;
   // Whether a step would look at anything.
   [[nodiscard]] bool hasWork() const noexcept { return !ready_.empty(); }
 

@@ -34,6 +34,7 @@ class SocketServer {
   void resume();
   // To be called now and then. Drops the peers that have taken no output since `timeout`.
   void checkPeers(std::chrono::milliseconds timeout);
+  [[nodiscard]] std::size_t peers() const noexcept { return peers_.size(); }
 
  private:
   void welcome(ListeningSocket::Protocol::socket socket);

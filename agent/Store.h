@@ -43,6 +43,8 @@ class Store {
   [[nodiscard]] std::vector<Common::AnyKey> keysOf(const Common::AnyTable& table) const;
 
   [[nodiscard]] Asic::GroupInterface& group() const noexcept { return *group_; }
+  // The shared memory of the store.
+  [[nodiscard]] const BrioSharedMem::EntityManager& memory() const noexcept { return *memory_; }
   // Where its files lie.
   [[nodiscard]] std::string folder() const { return memory_->folder(); }
   // Rung for us. Only after makeTables().

@@ -65,6 +65,14 @@ if(kelp_programs)
     RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT Programs)
 endif()
 
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/python/kelp_inspect"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/kelp/python" COMPONENT Programs
+  FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
+if(TARGET kelp)
+  install(FILES "${PROJECT_SOURCE_DIR}/completions/kelp.bash" RENAME kelp
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT Programs)
+endif()
+
 # The headers name fmt's types, so a consumer must use the fmt that the libraries were built with.
 string(REGEX MATCH "^[0-9]+" KELP_FMT_MAJOR "${fmt_VERSION}")
 configure_package_config_file(

@@ -53,16 +53,63 @@ class TableOf final : public AnyTable {
       const AnyEntry& entry) const override {
     const Entry& of = own<EntryOf<T>>(entry).entry;
     std::vector<MissingResource> missing;
-    forEachResource(of, [&]<class Linkage>(const Linkage& linkage) {
-      using Table = typename Linkage::ResourceTable;
-      const auto handle = Linkage::Kind::request(*linkage.resTblClient(), of);
+    forEachResource(of, [&](const auto& linkage) {
+      const auto handle =
+          std::decay_t<decltype(linkage)>::Kind::request(*linkage.resTblClient(), of);
       if (handle->entryState() != Asic::EntryState::entryStateSuccess) {
-        const Table& table = *linkage.resTblClient()->table();
-        missing.push_back({resourceNumber<typename Table::Kind>(), handle, Table::Kind::kFieldId,
-                           table.indexesTaken() == table.limit()});
+        missing.push_back(missingOf(linkage, handle));
       }
     });
     return missing;
+  }
+  [[nodiscard]] std::vector<MissingResource> awaitedResources([[maybe_unused]] const AnyKey& key,
+                                                              const Handle& handle) const override {
+    std::vector<MissingResource> awaited;
+    const auto wrapper = wrapperOf(own<KeyOf<T>>(key).key, handle);
+    if (!wrapper) {
+      return awaited;
+    }
+    swTable_->withLinkages([&](auto*... linkages) {
+      [[maybe_unused]] const auto look = [&]<class Linkage>(const Linkage& linkage) {
+        const auto& resource = Linkage::Kind::handle(*wrapper);
+        if (resource && (resource->entryState() == Asic::EntryState::entryStateUnresolved ||
+                         resource->entryState() == Asic::EntryState::entryStateInLog)) {
+          awaited.push_back(missingOf(linkage, resource));
+        }
+      };
+      (look(*linkages), ...);
+    });
+    return awaited;
+  }
+  [[nodiscard]] bool names(const AnyEntry& entry, const AnyResourceKey& resource) const override {
+    const Entry& of = own<EntryOf<T>>(entry).entry;
+    bool named = false;
+    forEachResource(of, [&]<class Linkage>(const Linkage&) {
+      const auto* key = std::get_if<kNumber<Linkage>>(&resource);
+      named = named || (key != nullptr && Linkage::Kind::key(of).isEq(*key));
+    });
+    return named;
+  }
+  [[nodiscard]] std::optional<ResourceUse> useOf([[maybe_unused]] const AnyResourceKey& resource,
+                                                 [[maybe_unused]] std::size_t most) const override {
+    std::optional<ResourceUse> use;
+    swTable_->withLinkages([&](auto*... linkages) {
+      [[maybe_unused]] const auto look = [&]<class Linkage>(const Linkage& linkage) {
+        if (const auto* key = std::get_if<kNumber<Linkage>>(&resource)) {
+          use.emplace();
+          if (const auto usage = linkage.entryUsageSm(*key)) {
+            use->entries = usage->entryUsage().size();
+            use->handle = usage->resPtr();
+            for (auto node = usage->entryUsage().begin();
+                 use->keys.size() < most && node != usage->entryUsage().end(); ++node) {
+              use->keys.emplace_back(KeyOf<T>{(*node).key()});
+            }
+          }
+        }
+      };
+      (look(*linkages), ...);
+    });
+    return use;
   }
 
   [[nodiscard]] bool has(const AnyKey& key) const override {
@@ -93,6 +140,45 @@ class TableOf final : public AnyTable {
     }
     return {};
   }
+  [[nodiscard]] std::optional<Front> front() const override {
+    const auto& entry = swTable_->resolverQueue().front();
+    if (!entry) {
+      return std::nullopt;
+    }
+    const auto& wrapper = static_cast<const Resolver&>(*entry).swTableEntry();
+    return Front{entry->isTableDeleted(), KeyOf<T>{wrapper->key()}, wrapper->entryHandle()};
+  }
+  [[nodiscard]] AnyKey keyOf(const Handle& handle) const override {
+    return KeyOf<T>{static_cast<const typename Table::Base::EntryHandle&>(*handle).key()};
+  }
+  [[nodiscard]] TableState state() const override {
+    TableState state;
+    state.entries = swTable_->entryLog()->entrys(unit());
+    state.writesInFlight = swTable_->transientAddEntry().size();
+    state.removesInFlight = swTable_->transientRemoveEntry().size();
+    state.removeAllsInFlight = removeAllsInFlight();
+    state.queued = swTable_->resolverQueue().size();
+    state.inLog = swTable_->entryHandleInLog().size();
+    const auto& log = std::as_const(*swTable_->entryLog()->tableEntryLog());
+    state.issued = tableVersion();
+    state.published = log.collectionControl()->published();
+    state.reported = lastCleanedVersion();
+    state.logRecords = log.entryLogConfig().size();
+    state.logCapacity = KelpEmServer::KelpEntryLog<T>::kChangeLogCapacity;
+    if (const auto& stats = swTable_->stats()) {
+      state.writes = stats->entryWriteCnt();
+      state.removes = stats->entryRemoveCnt();
+      state.commits = stats->commitCnt();
+      state.resolveFailures = stats->resolveFailCnt();
+      state.updates = stats->updateCnt();
+      state.updatesWithFailedResource = stats->updateWithFailedResourceCnt();
+      state.suppressedWrites = stats->suppressedWriteCnt();
+      state.differingWrites = stats->suppressCheckDiffCnt();
+      state.tableClears = stats->tableClearCnt();
+      state.lastCommit = stats->lastCommitTime();
+    }
+    return state;
+  }
   [[nodiscard]] TableFigures figures() const override {
     TableFigures figures;
     if (const auto& stats = swTable_->stats()) {
@@ -109,7 +195,31 @@ class TableOf final : public AnyTable {
   }
 
  private:
+  using Table = KelpEmServer::KelpSwTable<T>;
+  using Resolver = KelpEmServer::KelpResolverEntry<T>;
   using Entry = typename T::Entry;
+  template <class Linkage>
+  static constexpr std::size_t kNumber = resourceNumber<typename Linkage::ResourceTable::Kind>();
+
+  template <class Linkage>
+  static MissingResource missingOf(
+      const Linkage& linkage, const Lumen::Ptr<const typename Linkage::ResourceHandle>& handle) {
+    const auto& table = *linkage.resTblClient()->table();
+    return {kNumber<Linkage>, handle, Linkage::ResourceTable::Kind::kFieldId,
+            table.indexesTaken() == table.limit()};
+  }
+
+  // What holds the entry of a write that is not committed; null if it can't be told: a newer one is
+  // there for the key, and others are queued before it.
+  [[nodiscard]] Lumen::Ptr<typename Table::Wrapper> wrapperOf(const typename Table::Key& key,
+                                                              const Handle& handle) const {
+    auto wrapper = swTable_->transientAddEntry(key);
+    if (const auto& front = swTable_->resolverQueue().front();
+        front && (!wrapper || wrapper->entryHandle().get() != handle.get())) {
+      wrapper = static_cast<const Resolver&>(*front).swTableEntry();
+    }
+    return wrapper && wrapper->entryHandle().get() == handle.get() ? wrapper : nullptr;
+  }
 
   // Calls visit(linkage) for each resource that the entry names.
   template <class Visit>

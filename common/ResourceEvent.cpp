@@ -62,6 +62,16 @@ std::string_view name(ResourceEventKind kind) noexcept {
   return kEventNames[static_cast<std::size_t>(kind)];
 }
 
+AnyResourceKey readResource(const Json& json) {
+  AnyResourceKey key;
+  withResourceKind(readChoice(json, "resource", {kResourceNames.begin(), kResourceNames.end()}),
+                   [&](auto tag) {
+                     using Kind = typename decltype(tag)::type;
+                     key.emplace<resourceNumber<Kind>()>(readResourceKey<typename Kind::Key>(json));
+                   });
+  return key;
+}
+
 bool isResourceEvent(std::string_view line) {
   // Nearly every line is an intent, and parsed as one later. A letter may be written as an escape.
   if (line.find("\"resource\"") == std::string_view::npos &&
@@ -82,13 +92,9 @@ ResourceEvent parseResourceEvent(std::string_view line) {
                       memberName, listText(kMembers)));
     }
   }
-  const std::size_t resource =
-      readChoice(json, "resource", {kResourceNames.begin(), kResourceNames.end()});
   ResourceEvent event;
+  event.key = readResource(json);
   event.kind = static_cast<ResourceEventKind>(readChoice(json, "event", kEventNames));
-  withResourceKind(resource, [&](auto tag) {
-    event.key = readResourceKey<typename decltype(tag)::type::Key>(json);
-  });
   return event;
 }
 

@@ -32,6 +32,9 @@ struct ResourceEvent {
   [[nodiscard]] std::string_view resource() const { return kResourceNames[key.index()]; }
 };
 
+// Reads the resource that the members "resource" and "key" of an object name. Throws InputError.
+[[nodiscard]] AnyResourceKey readResource(const Json& json);
+
 // Whether a line says that it is one. Throws InputError if it is no JSON, perhaps; cheap for lines
 // that are none.
 [[nodiscard]] bool isResourceEvent(std::string_view line);

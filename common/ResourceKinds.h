@@ -61,6 +61,9 @@ void withResourceKind(std::size_t number, Visit&& visit) {
 // Adds a key in the form that intents have.
 void appendKey(std::string& out, const AnyResourceKey& key);
 
+// "given out", "being prepared", "refused".
+[[nodiscard]] std::string_view stateText(Asic::EntryState state) noexcept;
+
 // A resource that an entry names and can't have, or not yet.
 struct MissingResource {
   std::size_t resource = 0;  // the number of its kind
@@ -68,6 +71,7 @@ struct MissingResource {
   Lumen::FieldId field;    // under which the handle's publisher tells of a change
   bool exhausted = false;  // all indexes of its table are taken
 
+  [[nodiscard]] AnyResourceKey key() const;
   [[nodiscard]] bool failed() const { return Asic::isFailed(handle->entryState()); }
   // "vlanEditProfile is refused", "waits for vlanEditProfile {...}: being prepared". The second
   // form is for one that may still come.

@@ -326,7 +326,7 @@ int runDemo(const Settings& settings) {
 
   Report report;
   const auto start = Clock::now();
-  Programs programs(input, folder);
+  Programs programs(input, folder, settings.inspect);
   Watch watch(memory, input.file, input.ends);
   ProgressLine line(input.ends.size(), settings.quiet);
   Killer killer(settings.kills, settings.plan.seed, input.ends.size());

@@ -10,9 +10,10 @@ namespace Demo {
 struct Settings {
   std::string file;  // intents of the user's own; empty: they are generated
   Plan plan;
-  unsigned kills = 0;  // how often the programs are killed on the way
-  bool keep = false;   // the folder with all that the programs have written
-  bool quiet = false;  // no progress
+  unsigned kills = 0;   // how often the programs are killed on the way
+  std::string inspect;  // where the agent is inspected; empty: nowhere
+  bool keep = false;    // the folder with all that the programs have written
+  bool quiet = false;   // no progress
 };
 
 // Runs a switch: an agent and a hardware side as two processes over a store of their own, fed with

@@ -20,9 +20,10 @@ constexpr std::chrono::seconds kChipAnswers{30};
 
 }  // namespace
 
-Programs::Programs(const Input& input, const Folder& folder)
+Programs::Programs(const Input& input, const Folder& folder, const std::string& inspect)
     : input_(input),
       folder_(folder),
+      inspect_(inspect.empty() ? inspect : std::filesystem::absolute(inspect).native()),
       here_(std::filesystem::read_symlink("/proc/self/exe").parent_path().native()) {
   // A program that is asked for a summary before it listens must not die of it; who blocks the
   // signal gets it all the same.
@@ -39,6 +40,9 @@ void Programs::startAgent(Then then) {
                                      "--outcomes", again ? "none" : outcomesFile()};
   if (!again) {
     arguments.insert(arguments.end(), {"--summary", agentSummary()});
+  }
+  if (!inspect_.empty()) {
+    arguments.insert(arguments.end(), {"--inspect", inspect_});
   }
   const bool follows = then == Then::end && !input_.following.empty();
   if (follows) {

@@ -22,8 +22,9 @@ class Programs {
     endAgain,  // the same once more, of what has been asked for by now, all from files
   };
 
-  // Starts the hardware side. Throws std::runtime_error, as all that start something.
-  Programs(const Input& input, const Folder& folder);
+  // Starts the hardware side. Agents are inspected at `inspect`, unless it is empty. Throws
+  // std::runtime_error, as all that start something.
+  Programs(const Input& input, const Folder& folder, const std::string& inspect);
 
   void startAgent(Then then);
   void startChip();
@@ -49,6 +50,7 @@ class Programs {
  private:
   const Input& input_;
   const Folder& folder_;
+  std::string inspect_;
   std::string here_;  // where the programs lie
   std::unique_ptr<Child> chip_;
   std::unique_ptr<Child> agent_;

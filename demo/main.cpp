@@ -26,6 +26,10 @@ int main(int argc, char** argv) {
   app.add_option("--kill", settings.kills,
                  "Kill the programs with SIGKILL this often on the way, and start them again")
       ->check(CLI::Range(0U, 1000U));
+  app.add_option("--inspect", settings.inspect,
+                 "Where the agent listens for requests to read its objects, as kelp-agent "
+                 "--inspect; docs/inspection.md tells how")
+      ->type_name("PATH");
   app.add_flag("--keep", settings.keep, "Keep the folder with the store and all files of the run");
   app.add_flag("--quiet", settings.quiet, "No progress");
   CLI11_PARSE(app, argc, argv);

@@ -197,7 +197,9 @@ class Check {
       return;
     }
     std::vector<std::uint64_t> missing;
-    for (std::uint64_t version = from; version <= published; ++version) {
+    // Counted by the distance: a damaged word may say that the last version there can be is out.
+    for (std::uint64_t distance = 0; distance <= published - from; ++distance) {
+      const std::uint64_t version = from + distance;
       try {
         bool found = false;
         static_cast<void>(log.entryLogConfig().find(Asic::LogVersion{version}, found));

@@ -19,6 +19,8 @@ void showEntries(Session& session);
 void showEntry(Session& session);
 // The records of a table's change log by version, and with `follow` those to come.
 void showLog(Session& session);
+// What has changed of late: asks the agent for the versions, and reads the changes itself.
+void showChanges(Session& session);
 // Whether every collection is sound.
 void check(Session& session);
 

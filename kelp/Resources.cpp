@@ -24,26 +24,6 @@ using PactResourceTable::ClientId;
 using PactResourceTable::HoldRecord;
 using PactResourceTable::ReleaseRecord;
 
-std::string_view stateText(Asic::EntryState state) {
-  switch (state) {
-    case Asic::EntryState::entryStateUnresolved:
-      return "being prepared";
-    case Asic::EntryState::entryStateInLog:
-      return "being confirmed";
-    case Asic::EntryState::entryStateSuccess:
-      return "given out";
-    case Asic::EntryState::entryStateFailed3:
-      return "refused";
-    case Asic::EntryState::entryStateFailed:
-      return "no room";
-    case Asic::EntryState::entryStateFailed6:
-      return "late";
-    case Asic::EntryState::entryStateReserved:
-      break;
-  }
-  return "unknown";
-}
-
 // "Isem1Tag 0": the table and the unit.
 std::string clientText(const ClientId& client) {
   for (std::size_t table = 0; table < Common::kTables; ++table) {
@@ -105,7 +85,7 @@ class OneTable {
         clients += fmt::format("{}{} (seen {})", clients.empty() ? "" : "; ",
                                clientText(hold.key.client), hold.acked);
       }
-      text_.row({kindText(), keyText(record), std::string(stateText(record.state)),
+      text_.row({kindText(), keyText(record), std::string(Common::stateText(record.state)),
                  record.index == 0 ? "" : resultText(resultsOf(record)),
                  std::to_string(record.updateVersion), clients, releasesText(record.index)});
       releases_.erase(record.index);
@@ -125,8 +105,8 @@ class OneTable {
     for (const Record& record : records_) {
       fmt::format_to(std::back_inserter(out),
                      R"({}{{"key":{},"state":"{}","index":{},"version":{},"clients":[)",
-                     first ? "" : ",", keyText(record), stateText(record.state), record.index,
-                     record.updateVersion);
+                     first ? "" : ",", keyText(record), Common::stateText(record.state),
+                     record.index, record.updateVersion);
       first = false;
       const char* between = "";
       for (const HoldRecord& hold : holds_[record.number]) {

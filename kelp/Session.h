@@ -36,6 +36,20 @@ struct Options {
   std::optional<std::uint16_t> unit;
   std::vector<std::string> where;
   bool follow = false;
+  // Of the commands that ask a running agent.
+  std::string inspect;  // its socket; empty: the usual place
+  std::string path;
+  std::vector<std::string> arguments;
+  std::string resource;
+  std::string handle;
+  std::string levels;
+  std::optional<std::uint64_t> limit;
+  std::optional<std::uint64_t> since;  // seconds
+  double interval = 1;                 // seconds
+  bool complete = false;
+  bool read = false;
+  bool prometheus = false;
+  bool once = false;
 };
 
 // Ends a command with a message and a status.

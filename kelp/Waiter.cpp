@@ -36,15 +36,18 @@ Waiter::Waiter() {
 // The signals stay blocked: one that came late must not end a program that is ending well.
 Waiter::~Waiter() { ::close(fd_); }
 
-Waiter::Woken Waiter::sleep(std::chrono::milliseconds most) const {
+Waiter::Woken Waiter::sleep(std::chrono::milliseconds most, int fd) const {
   // Asked for nothing, poll() still tells that nobody reads a pipe any more.
-  std::array<pollfd, 2> waits{pollfd{fd_, POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0}};
+  std::array<pollfd, 3> waits{pollfd{fd_, POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0},
+                              pollfd{fd, POLLIN, 0}};
   static_cast<void>(::poll(waits.data(), waits.size(), static_cast<int>(most.count())));
   if ((waits[0].revents & POLLIN) != 0) {
     return Woken::stopped;
   }
-  return (waits[1].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0 ? Woken::readerGone
-                                                                  : Woken::timeToLook;
+  if ((waits[1].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
+    return Woken::readerGone;
+  }
+  return waits[2].revents != 0 ? Woken::readable : Woken::timeToLook;
 }
 
 }  // namespace Kelp

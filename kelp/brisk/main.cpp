@@ -5,41 +5,19 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "BriskTrace/Reader.h"
 #include "BriskTrace/TraceFile.h"
+#include "kelp/brisk/MessageText.h"
 
 // kelp-brisk: prints a trace file, also while it is being written.
 
 namespace {
 
 constexpr std::chrono::milliseconds kPollInterval{100};
-
-void printPlain(const BriskTrace::Message& message) {
-  const bool named = !message.className.empty() || !message.function.empty();
-  fmt::print("{} {}{}{}{}{}\n", BriskTrace::timeText(message.nanoseconds), message.className,
-             message.className.empty() ? "" : "::", message.function, named ? ": " : "",
-             message.text);
-}
-
-void printJson(const BriskTrace::Message& message) {
-  const nlohmann::ordered_json line = {{"number", message.number},
-                                       {"time", BriskTrace::timeText(message.nanoseconds)},
-                                       {"nanoseconds", message.nanoseconds},
-                                       {"class", message.className},
-                                       {"function", message.function},
-                                       {"file", message.file},
-                                       {"line", message.line},
-                                       {"id", message.id},
-                                       {"arguments", message.arguments},
-                                       {"text", message.text}};
-  // Texts of a damaged file may be no UTF-8.
-  fmt::print("{}\n", line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-}
 
 // Prints the messages and notes of one reader, and keeps what it has said already.
 class Printer {
@@ -50,7 +28,7 @@ class Printer {
   bool printNew(BriskTrace::Reader& reader) {
     const std::vector<BriskTrace::Message> messages = reader.newMessages();
     for (const BriskTrace::Message& message : messages) {
-      json_ ? printJson(message) : printPlain(message);
+      fmt::print("{}\n", json_ ? Kelp::messageJson(message) : Kelp::messageText(message));
     }
     std::fflush(stdout);
     if (reader.overwritten() > toldOverwritten_) {

@@ -57,8 +57,8 @@ void GroupInterface::sweepAll() {
   }
 }
 
-GroupInterface::TableLog* GroupInterface::tableLog(SwTableId tableId) noexcept {
-  for (TableLog& log : logs_) {
+const GroupInterface::TableLog* GroupInterface::tableLog(SwTableId tableId) const noexcept {
+  for (const TableLog& log : logs_) {
     if (log.tableId == tableId) {
       return &log;
     }

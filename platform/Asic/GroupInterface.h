@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "Asic/GroupQuilts.h"
@@ -92,7 +93,7 @@ class GroupInterface final : public Lumen::Node {
 
   // The newest version of the table's log that the hardware side may see; 0 for a log that is not
   // mounted.
-  [[nodiscard]] LogVersion publishedVersion(SwTableId tableId) noexcept {
+  [[nodiscard]] LogVersion publishedVersion(SwTableId tableId) const noexcept {
     const TableLog* log = tableLog(tableId);
     return log == nullptr ? LogVersion{} : LogVersion{log->changeLog->published()};
   }
@@ -121,7 +122,10 @@ class GroupInterface final : public Lumen::Node {
   };
   static constexpr LogVersion kNoneNeeded{~std::uint64_t{0}};
 
-  [[nodiscard]] TableLog* tableLog(SwTableId tableId) noexcept;
+  [[nodiscard]] const TableLog* tableLog(SwTableId tableId) const noexcept;
+  [[nodiscard]] TableLog* tableLog(SwTableId tableId) noexcept {
+    return const_cast<TableLog*>(std::as_const(*this).tableLog(tableId));
+  }
   // Null if there is none that can be read.
   [[nodiscard]] Lumen::Ptr<StatusQuilt> statusQuilt();
   [[nodiscard]] static std::optional<LogVersion> rowOf(StatusQuilt& status, TableLog& log);

@@ -4,6 +4,7 @@
 
 #include "Asic/OrderedSwTable.h"
 #include "Brio/Attributes.h"
+#include "KelpTunnelNiLib/EntriesByKey.h"
 #include "KelpTunnelNiLib/EntryRange.h"
 #include "KelpTunnelNiLib/InspectClasses.h"
 #include "Lumen/Assert.h"
@@ -114,13 +115,14 @@ class SwTableBase : public Asic::OrderedSwTableWithMarkSweep {
   }
   static constexpr auto attributes() {
     return Brio::attributeList(
-        770, Brio::operation("entryWrite", &SwTableBase::entryWrite),
-        Brio::operation("entryRemove", &SwTableBase::entryRemove),
-        Brio::operation("entryRemoveAll", &SwTableBase::entryRemoveAll),
+        770, Brio::operation("entryWrite", &SwTableBase::entryWrite).takesNull(),
+        Brio::operation("entryRemove", &SwTableBase::entryRemove).takesNull(),
+        Brio::operation("entryRemoveAll", &SwTableBase::entryRemoveAll).takesNull(),
         Brio::operation("entryRead", &SwTableBase::entryRead),
         Brio::operation("entryHas", &SwTableBase::entryHas),
         Brio::operation("initIterState", &SwTableBase::initIterState),
-        Brio::operation("initIterStateFromKey", &SwTableBase::initIterStateFromKey));
+        Brio::operation("initIterStateFromKey", &SwTableBase::initIterStateFromKey),
+        Brio::collection("entries", &SwTableBase::entriesByKey));
   }
   static constexpr const Lumen::TypeData& classData() {
     return kInspectTableClass<Entry, 0, "SwTableBase",
@@ -205,6 +207,9 @@ class SwTableBase : public Asic::OrderedSwTableWithMarkSweep {
 
  protected:
   using Asic::OrderedSwTableWithMarkSweep::OrderedSwTableWithMarkSweep;
+
+ private:
+  [[nodiscard]] EntriesByKey<Entry> entriesByKey() const noexcept { return {this}; }
 };
 
 }  // namespace KelpTunnelNiLib

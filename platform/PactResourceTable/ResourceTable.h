@@ -56,7 +56,7 @@ struct NoClientData {
 //   tableId, kFieldId, kSalt, kLimit    kFieldId: under which a handle publishes a change; kLimit:
 //                                       indexes from 1 on
 //   results(index, clientData)          what index (0: none yet) and client data are to an entry
-//   inspectData<place, name, base>()        what the class with the given place among the table's says
+//   inspectData<place, name, base>()    what the class with the given place among the table's says
 //                                       of itself
 // ClientData is stored as a number: of(number) and number().
 //

@@ -100,7 +100,8 @@ void StoreFile::map() {
 
 void StoreFile::constantsIs(const HeaderConstants& constants) {
   incarnation_ = constants.incarnation;
-  collectionName_ = constants.collectionName;
+  collectionName_.assign(constants.collectionName,
+                         ::strnlen(constants.collectionName, sizeof constants.collectionName));
 }
 
 StoreFile::Found StoreFile::openExisting(const FilePlace& place, const Shape& shape) {

@@ -333,8 +333,10 @@ TEST_F(AgentResources, WhoGivesUpSaysWhatItWaitedFor) {
               HasSubstr(": waits for vlanEditProfile {\"untagged\":{\"outerAction\""));
   EXPECT_THAT(program.err(), HasSubstr("}}: being prepared\n"));
   EXPECT_THAT(program.err(), HasSubstr(": waits for remarkProfile \"Lag5\": being confirmed\n"));
-  EXPECT_THAT(program.err(), HasSubstr(":5: write EsemFodoVd, unit 0, key {\"fodo\":3,"
-                                       "\"vlanDomain\":1,\"port\":1}: not in the log yet\n"));
+  EXPECT_THAT(program.err(),
+              HasSubstr(":5: write EsemFodoVd, unit 0, key {\"fodo\":3,\"vlanDomain\":1,"
+                        "\"port\":1}: waits for EsemFodoVd, unit 0, key {\"fodo\":1,"
+                        "\"vlanDomain\":1,\"port\":1}, which is before it in the queue\n"));
 }
 
 }  // namespace

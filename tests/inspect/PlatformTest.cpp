@@ -1,3 +1,5 @@
+#include <set>
+
 #include "Brio/InspectCollection.h"
 #include "Brio/InspectPath.h"
 #include "Brio/InspectPlace.h"
@@ -68,6 +70,46 @@ TYPED_TEST(BelowTables, AWalkIsBegunAndSteppedByName) {
   EXPECT_EQ(*state.step("state").read().template as<std::uint64_t>() & 1U, 1U) << "valid";
   (void)state.step("maybeUpdateCurrentEntry").call({});
   EXPECT_EQ(*state.step("state").read().template as<std::uint64_t>() & 1U, 0U);
+}
+
+TYPED_TEST(BelowTables, EntriesAreWalkedAsTheyAre) {
+  for (unsigned i = 0; i < 40; ++i) {
+    this->commit(this->table_, i);
+  }
+  (void)this->table_->entryWrite(this->key(50), this->entry(50), nullptr);
+  (void)this->table_->entryRemove(this->key(7), nullptr);
+  const auto entries = InspectPlace::find(this->tablePath() + "/entries");
+  EXPECT_EQ(entries.count(), 40U);
+  EXPECT_FALSE(entries.has(Brio::toInspect(this->key(7))));
+  EXPECT_EQ(entries.lookup(Brio::toInspect(this->key(50))), Brio::toInspect(this->entry(50)));
+  EXPECT_EQ(at(this->tablePath() + "/entries" + keyText(Brio::toInspect(this->key(3)))),
+            Brio::toInspect(this->table_->entryRead(this->key(3))));
+
+  // What goes in front of the walk is not shown any more; what it stands on is known to be gone.
+  std::set<std::string> seen;
+  auto cursor = entries.cursor();
+  for (; !cursor.atEnd() && seen.size() < 10; cursor.advance()) {
+    EXPECT_TRUE(seen.insert(cursor.key().text()).second);
+    EXPECT_EQ(cursor.value(), entries.lookup(cursor.key()));
+  }
+  std::vector<unsigned> removed;
+  for (unsigned i = 0; i < 40; i += 2) {
+    if (i != 7 && !seen.contains(Brio::toInspect(this->key(i)).text())) {
+      (void)this->table_->entryRemove(this->key(i), nullptr);
+      removed.push_back(i);
+    }
+  }
+  this->pass();
+  for (; !cursor.atEnd(); cursor.advance()) {
+    EXPECT_TRUE(seen.insert(cursor.key().text()).second) << cursor.key().text();
+  }
+  for (const unsigned number : removed) {
+    seen.erase(Brio::toInspect(this->key(number)).text());  // the one that it stood on, at most
+  }
+  for (unsigned i = 1; i < 40; i += 2) {
+    EXPECT_EQ(seen.contains(Brio::toInspect(this->key(i)).text()), i != 7) << i;
+  }
+  EXPECT_TRUE(entries.cursor(Brio::toInspect(this->key(7))).atEnd());
 }
 
 TYPED_TEST(BelowTables, MarkingIsBegunAndTheSweepDoneByName) {

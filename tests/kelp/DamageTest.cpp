@@ -230,6 +230,17 @@ TEST_F(KelpOnOneTable, EndsOnAFileOfNoise) {
   EXPECT_EQ(kelp({"tables"}).status, 3);
 }
 
+// Nor does a version that has no successor, in a log that holds no record.
+TEST_F(KelpOnOneTable, EndsOnTheLastVersionThatThereCanBe) {
+  stopAgent();
+  wordIs(fileOf("log"), 512, ~std::uint64_t{0});
+  const Result check = kelp({"check"});
+  EXPECT_EQ(check.status, 3);
+  EXPECT_THAT(check.out, HasSubstr("version 18446744073709551615 is published, and 0 is the last"));
+  EXPECT_EQ(kelpOn("log").status, 0);
+  EXPECT_EQ(kelp({"pending"}).status, 0);
+}
+
 TEST_F(KelpOnOneTable, TellsFilesThatAreGoneCutOrOfAnotherLayout) {
   static_cast<void>(hardware());  // makes the status collection
   makeStore(5);

@@ -48,6 +48,11 @@ elseif(WAY STREQUAL "programs")
   foreach(program IN LISTS programs)
     run("start" "${program}" --help)
   endforeach()
+  find_package(Python3 3.11 COMPONENTS Interpreter)
+  if(Python3_FOUND)
+    run("import" ${CMAKE_COMMAND} -E env "PYTHONPATH=${prefix}/share/kelp/python"
+      ${Python3_EXECUTABLE} -B -c "import kelp_inspect; kelp_inspect.Agent")
+  endif()
   # It starts the agent and the hardware side that lie beside it.
   run("demo" "${prefix}/${PROGRAM_DIR}/kelp-demo" --intents 500 --quiet)
   if(NOT output MATCHES "500 intents: 500 carried out")

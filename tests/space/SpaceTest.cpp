@@ -194,10 +194,10 @@ TEST_F(SmallFileSystem, TheAgentWaitsForRoomInALogAndGoesOnByItself) {
   // The entries have their room; nobody takes in what changes.
   const std::string bell = store() + "/k/.bell-agent.pipe";
   std::filesystem::remove(bell);  // made anew at the end of a start
-  auto program =
-      agent("waits",
-            {"--intents", "-", "--exit-when-done", "--timeout", "60", "--summary", path("summary")},
-            AgentTest::Input::pipe);
+  auto program = agent("waits",
+                       {"--intents", "-", "--exit-when-done", "--timeout", "60", "--summary",
+                        path("summary"), "--inspect", path("inspect.sock")},
+                       AgentTest::Input::pipe);
   ASSERT_TRUE(comesTrue([&] { return std::filesystem::exists(bell); }));
   // It answers when all of its start is done.
   program.kill(SIGUSR1);
@@ -208,6 +208,16 @@ TEST_F(SmallFileSystem, TheAgentWaitsForRoomInALogAndGoesOnByItself) {
   ASSERT_TRUE(program.says("no room for changes, which wait, of EsemFodo, unit 0: "));
   EXPECT_THAT(program.err(), HasSubstr("the file system gives no space"));
   EXPECT_EQ(program.out(), "");
+  // Who asks what waits hears the same.
+  Program asks(KELP, {"waiting", "--json", "--inspect", path("inspect.sock")}, path("asks"));
+  ASSERT_EQ(asks.ends(), 0) << asks.err();
+  const auto waiting = AgentTest::Json::parse(asks.out());
+  EXPECT_NE(waiting["count"], 0);
+  for (const auto& one : waiting["waiting"]) {
+    const auto& reason = one["waitsFor"][0];
+    EXPECT_TRUE(reason["kind"] == "hardware" || reason["kind"] == "room") << one;
+  }
+  EXPECT_THAT(asks.out(), HasSubstr("no room for changes: "));
   unfill();
   // It finds out by itself that there is room, before anybody reports.
   EXPECT_TRUE(comesTrue([&] {

@@ -24,7 +24,7 @@ _FLOORS = (
     ("kelp/", 4),
 )
 # What may look at everything, and what nobody else may look at.
-_TOP_FOLDERS = ("tests/", "bench/", "examples/")
+_TOP_FOLDERS = ("tests/", "bench/", "examples/", "fuzz/")
 _TOP = 5
 _ROOTS = ("", "platform/")
 

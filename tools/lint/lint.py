@@ -10,6 +10,7 @@ import documents
 import headers
 import includes
 import layout_tool
+import python_checks
 import text_checks
 from report import Allowances
 from tree import Tree
@@ -24,6 +25,7 @@ def checks(tree, options):
     table = {}
     for name, check in text_checks.CHECKS.items():
         table[name] = lambda check=check: check(tree)
+    table["python"] = lambda: python_checks.python(tree)
     table["links"] = lambda: documents.links(tree)
     table["direction"] = lambda: includes.direction(graph, tree)
     table["cycles"] = lambda: includes.cycles(graph, tree)

@@ -14,6 +14,7 @@ import headers
 import includes
 import layout_tool
 import lint
+import python_checks
 import text_checks
 from report import Allowances, read_list
 from tree import Tree
@@ -44,6 +45,25 @@ class OneTree(unittest.TestCase):
     def graph(self, files, generated=None):
         tree = self.tree(files)
         return includes.IncludeGraph(tree, generated), tree
+
+
+class Python(OneTree):
+    def test_what_is_no_python_and_what_is_not_used_is_found(self):
+        found = self.found(python_checks.python, {
+            "tools/bad.py": "x = 1\ndef f(:\n",
+            "tools/unused.py": "import os\nimport sys\nfrom a import *\n\nsys.exit(0)\n"})
+        self.assertEqual([(path, line) for path, line, _ in found],
+                         [("tools/bad.py", 2), ("tools/unused.py", 1), ("tools/unused.py", 3)])
+
+    def test_what_is_handed_out_says_what_it_is(self):
+        good = '"""Good."""\n\n\ndef f(x: int, *y: int) -> int:\n    """F."""\n    return x\n'
+        bad = ('"""Bad."""\n\n\nclass A:\n    """A."""\n\n    def f(self, x):\n        """F."""\n\n'
+               "    def g(self) -> None:\n        pass\n\n    def _h(self):\n        pass\n")
+        files = {"python/good.py": good, "python/bad.py": bad, "tools/bad.py": bad}
+        found = self.found(python_checks.python, files)
+        self.assertEqual(found, [("python/bad.py", 7, "f: no type of x"),
+                                 ("python/bad.py", 10, "g has no docstring"),
+                                 ("python/bad.py", 13, "_h: no type of its result")])
 
 
 class Text(OneTree):
