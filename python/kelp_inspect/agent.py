@@ -96,21 +96,18 @@ class Agent:
         return self.read(f"{_LIBRARY}{table}{_INTERFACE}/swTableSet[{unit:d}]")
 
     def entries(self, table: str, unit: int = 0) -> Iterator[dict[str, Any]]:
-        """The entries of a table as the reader's view was when this was called, in no order.
+        """The entries of a table as its readers see them, in no order.
 
         Each is {"key": KEY, "payload": {...}, "resources": {...}}; the payload has what a resource
-        has resolved to. They come in pages; the agent keeps its copy until the last one.
+        has resolved to. They come in pages, of the table as it is by then: nothing is copied.
         """
-        copy = self._copy(table, unit)
-        return (_entry(value) for _, value in copy.tableEntries.items())
+        found = self.table(table, unit)
+        return (_entry(value) for _, value in found.entries.items())
 
     def snapshot(self, table: str, unit: int = 0) -> dict[Hashable, dict[str, Any]]:
         """The entries of a table at one moment, by key: see `hashable` for what a key is then."""
-        copy = self._copy(table, unit)
+        copy = self.call(f"{self.table(table, unit).path}/getTableEntries_py")
         return {hashable(key): _entry(value) for key, value in copy.tableEntries.items()}
-
-    def _copy(self, table: str, unit: int) -> Ref:
-        return self.call(f"{self.table(table, unit).path}/getTableEntries_py")
 
     # The methods of the protocol; docs/inspection.md tells what each gives.
 
