@@ -294,7 +294,10 @@ void InspectionSession::tellChange(std::string& out) {
   Subscription& subscription = found->second;
   if (change.key == nullptr) {
     appendNotice(out, "lost", change.subscription, subscription.place);
-    out += fmt::format(",\"changes\":{}}}}}\n", std::exchange(subscription.lost, 0));
+    out += fmt::format(
+        R"(,"changes":{0},"error":"{0} changes had no room: read what matters again"}}}})"
+        "\n",
+        std::exchange(subscription.lost, 0));
     return;
   }
   const auto key = subscription.waiting.extract(*change.key);
@@ -336,7 +339,8 @@ void InspectionSession::end(std::uint64_t number, const Subscription& subscripti
     appendChange(text, number, subscription, {});
   }
   appendNotice(text, "ended", number, subscription.place);
-  text += "}}\n";
+  text += R"(,"error":"only peers still had the object: the subscription has ended"}})"
+          "\n";
   const std::size_t bytes = text.size();
   push({number, nullptr, bytes, std::move(text)});
   remember(fmt::format("subscription {}", number));

@@ -130,6 +130,7 @@ TEST_F(InspectionLoad, ASubscriberThatTakesNothingIsToldHowMuchItHasMissed) {
   EXPECT_EQ(one["method"], "lost") << one;
   EXPECT_EQ(one["params"]["subscription"], 1);
   EXPECT_GT(one["params"]["changes"], 0);
+  EXPECT_THAT(one["params"]["error"].get<std::string>(), HasSubstr("changes had no room: read"));
   EXPECT_GT(told, 10000U);
   EXPECT_LE(told + one["params"]["changes"].get<std::size_t>(), 2 * kEntries);
   // It goes on.
