@@ -13,6 +13,7 @@
 
 #include "common/InspectionPath.h"
 #include "common/Json.h"
+#include "kelp/PlainJson.h"
 
 namespace Kelp {
 namespace {
@@ -161,20 +162,26 @@ Json AgentClient::response() {
       if (!json.is_object() || !json.contains("method")) {
         return json;
       }
-      notifications_.push_back(std::move(json["params"]));
+      keep(std::move(json));
     }
     (void)receive(Clock::time_point::max());
   }
 }
 
-std::optional<Json> AgentClient::notification() {
+void AgentClient::keep(Json json) {
+  if (!json.is_object() || !json.contains("params")) {
+    fail("what answers there is no agent: its notification has no params");
+  }
+  notifications_.push_back({plainText(json["method"]), std::move(json["params"])});
+}
+
+std::optional<AgentClient::Notification> AgentClient::notification() {
   while (true) {
     while (const auto line = takeLine()) {
-      Json json = parse(*line);
-      notifications_.push_back(std::move(json["params"]));
+      keep(parse(*line));
     }
     if (!notifications_.empty()) {
-      Json next = std::move(notifications_.front());
+      Notification next = std::move(notifications_.front());
       notifications_.pop_front();
       return next;
     }

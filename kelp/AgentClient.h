@@ -48,8 +48,12 @@ class AgentClient {
 
   // Readable when something comes.
   [[nodiscard]] int fd() const noexcept { return fd_; }
-  // The params of the next notification; nothing if none has come whole. Does not wait.
-  [[nodiscard]] std::optional<Json> notification();
+  struct Notification {
+    std::string method;
+    Json params;
+  };
+  // The next notification; nothing if none has come whole. Does not wait.
+  [[nodiscard]] std::optional<Notification> notification();
 
   [[nodiscard]] const std::string& path() const noexcept { return path_; }
 
@@ -63,6 +67,7 @@ class AgentClient {
   // Takes in what has come; false if nothing did until `end`.
   [[nodiscard]] bool receive(Clock::time_point end);
   [[nodiscard]] std::optional<std::string> takeLine();
+  void keep(Json json);
   [[nodiscard]] Json parse(const std::string& line) const;
   void wait(short events) const;
   [[noreturn]] void fail(std::string_view what) const;
@@ -72,7 +77,7 @@ class AgentClient {
   int fd_ = -1;
   std::string received_;
   std::size_t searched_ = 0;  // of received_, for the end of a line
-  std::deque<Json> notifications_;
+  std::deque<Notification> notifications_;
   std::uint64_t lastId_ = 0;
 };
 

@@ -47,8 +47,13 @@ void watchPlace(Live& live) {
     std::fflush(stderr);
     Waiter::Woken woken = Waiter::Woken::readable;
     while (woken == Waiter::Woken::readable) {
-      while (const auto change = live.agent().notification()) {
-        printChange(live, *change);
+      while (const auto told = live.agent().notification()) {
+        if (told->method == "ended") {
+          live.out().flush();
+          throw CommandError(kFailed, fmt::format("{}: {}", live.options().path,
+                                                  plainText(told->params["error"])));
+        }
+        printChange(live, told->params);
       }
       live.out().flush();
       woken = waiter.sleep(std::chrono::milliseconds(-1), live.agent().fd());

@@ -149,8 +149,9 @@ class Client:
             raise
 
     def _keep(self, message: dict[str, Any]) -> None:
-        if message.get("method") == "changed":
-            self.changes(message["params"]["subscription"]).append(message["params"])
+        if message.get("method") in ("changed", "lost", "ended"):
+            told = message["params"] | {"method": message["method"]}
+            self.changes(told["subscription"]).append(told)
 
     def _send(self, message: Any) -> None:
         self._socket.settimeout(self.timeout)

@@ -5,7 +5,7 @@ import time
 from collections.abc import Iterator
 from typing import TYPE_CHECKING, Any, NamedTuple, Self
 
-from kelp_inspect.client import InspectError
+from kelp_inspect.client import Code, InspectError
 
 if TYPE_CHECKING:
     from kelp_inspect.agent import Agent
@@ -13,7 +13,8 @@ if TYPE_CHECKING:
 
 class Change(NamedTuple):
     """One change. `key` is of a collection, and None otherwise; `value` is the new one, and None
-    if the member has gone. `error` says why the agent could not tell the value, or is None."""
+    if the member has gone. `error` says why the agent could not tell the value, or that changes were
+    lost (read again what matters then), or is None."""
 
     path: str
     key: Any
@@ -40,14 +41,20 @@ class Watch:
         return self
 
     def __next__(self) -> Change:
-        """The next change. Ends when none comes for the time given to Agent.watch."""
+        """The next change. Ends when none comes for the time given to Agent.watch.
+
+        Raises InspectError with Code.GONE once the object is gone.
+        """
         change = self.next(self._timeout)
         if change is None:
             raise StopIteration
         return change
 
     def next(self, timeout: float | None = None) -> Change | None:
-        """The next change; None if none comes in `timeout` seconds, or after close()."""
+        """The next change; None if none comes in `timeout` seconds, or after close().
+
+        Raises InspectError with Code.GONE once the object is gone.
+        """
         if self._number is None:
             return None
         waiting = self._agent.client.changes(self._number)
@@ -57,6 +64,9 @@ class Watch:
             if not self._agent.client.wait(None if left is None else max(left, 0.0)):
                 return None
         told = waiting.popleft()
+        if told["method"] == "ended":
+            self.close()
+            raise InspectError(Code.GONE, f"{told['path']}: {told['error']}", told["path"])
         return Change(told["path"], self._agent.value(told.get("key")),
                       self._agent.value(told.get("value")), told.get("error"))
 

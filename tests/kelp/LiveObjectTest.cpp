@@ -165,6 +165,20 @@ TEST_F(KelpOnObjects, WatchesChangesUntilInterrupted) {
   ASSERT_TRUE(feature.send(AgentTest::writeVd(1, "")));
   EXPECT_TRUE(members.prints("transientAddEntry[fodo=1,vlanDomain=1,port=1] "));
 
+  // A watch of an object that goes ends with it.
+  const auto hardware = chip();
+  ASSERT_TRUE(feature.send(R"({"op":"write","table":"Isem1Tag","unit":0,"key":{"port":3,"vlan":1},)"
+                           R"("resources":{"attachmentCircuit":7}})"));
+  ASSERT_TRUE(feature.receives("success"));
+  const std::string state =
+      tablePath("Isem1Tag") +
+      "/inLifIndexLinkage/entryUsageSm[attachmentCircuit=7]/resPtr/entryState";
+  auto resource = kelpGoesOn({"watch", state});
+  ASSERT_TRUE(resource.says("watching"));
+  ASSERT_TRUE(feature.send(R"({"op":"removeAll","table":"Isem1Tag","unit":0})"));
+  EXPECT_EQ(resource.ends(), 1);
+  EXPECT_THAT(resource.err(), HasSubstr(state + ": only peers still had the object"));
+
   plain.kill(SIGINT);
   EXPECT_EQ(plain.ends(), 0);
   json.kill(SIGTERM);

@@ -220,6 +220,18 @@ class Changes(WithSwitch):
         self.assertEqual(caught.exception.code, Code.NOT_VALID)
         self.assertEqual(self.agent.watches, set())
 
+    def test_a_watch_ends_with_its_object(self):
+        self.write_entries(1)
+        usage = f"{_TABLE}/inLifIndexLinkage/entryUsageSm[attachmentCircuit=1]"
+        with self.agent.watch(f"{usage}/resPtr/entryState") as changes:
+            self.switch.ask({"op": "removeAll", "table": "Isem1Tag", "unit": 0})
+            with self.assertRaises(InspectError) as caught:
+                while changes.next(timeout=60) is not None:
+                    pass
+            self.assertEqual(caught.exception.code, Code.GONE)
+            self.assertIn("resPtr/entryState", caught.exception.path)
+            self.assertIsNone(changes.next(timeout=0))
+
     def test_an_iteration_ends_when_nothing_comes(self):
         with self.agent.watch(f"{_TABLE}/inMarkingState", timeout=0.01) as changes:
             self.assertEqual(list(changes), [])
