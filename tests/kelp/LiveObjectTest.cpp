@@ -43,7 +43,7 @@ TEST_F(KelpOnObjects, SaysWhereNoAgentListens) {
 }
 
 TEST_F(KelpOnObjects, FindsTheAgentByOptionByEnvironmentAndByItself) {
-  const auto named = agent({"--inspect", path("other.sock")});
+  auto named = agent({"--inspect", path("other.sock")});
   ASSERT_TRUE(AgentTest::comesTrue([&] {
     return kelp({"ls", "--inspect", path("other.sock")}).status == 0;
   }));
@@ -54,6 +54,7 @@ TEST_F(KelpOnObjects, FindsTheAgentByOptionByEnvironmentAndByItself) {
   unsetenv("KELP_INSPECT");
   // The socket in its folder is none of the store's damage.
   named.kill(SIGKILL);
+  (void)named.ends();
   const auto usual = inspectedAgent();
   ASSERT_TRUE(listens());
   EXPECT_EQ(kelp({"check"}).status, 0);
@@ -168,14 +169,16 @@ TEST_F(KelpOnObjects, WatchesChangesUntilInterrupted) {
   // A watch of an object that goes ends with it.
   const auto hardware = chip();
   ASSERT_TRUE(feature.send(R"({"op":"write","table":"Isem1Tag","unit":0,"key":{"port":3,"vlan":1},)"
-                           R"("resources":{"attachmentCircuit":7}})"));
-  ASSERT_TRUE(feature.receives("success"));
+                           R"("resources":{"attachmentCircuit":7}})"
+                           "\n"));
+  ASSERT_TRUE(feature.receives("\"port\":3"));
   const std::string state =
       tablePath("Isem1Tag") +
       "/inLifIndexLinkage/entryUsageSm[attachmentCircuit=7]/resPtr/entryState";
   auto resource = kelpGoesOn({"watch", state});
   ASSERT_TRUE(resource.says("watching"));
-  ASSERT_TRUE(feature.send(R"({"op":"removeAll","table":"Isem1Tag","unit":0})"));
+  ASSERT_TRUE(feature.send(R"({"op":"removeAll","table":"Isem1Tag","unit":0})"
+                           "\n"));
   EXPECT_EQ(resource.ends(), 1);
   EXPECT_THAT(resource.err(), HasSubstr(state + ": only peers still had the object"));
 
