@@ -13,8 +13,8 @@ if TYPE_CHECKING:
 
 class Change(NamedTuple):
     """One change. `key` is of a collection, and None otherwise; `value` is the new one, and None
-    if the member has gone. `error` says why the agent could not tell the value, or that changes were
-    lost (read again what matters then), or is None."""
+    if the member has gone. `error` says why the agent could not tell the value, or that changes
+    were lost (read again what matters then), or is None."""
 
     path: str
     key: Any
