@@ -102,10 +102,11 @@ double list(Peer& inspector, const char* collection, std::size_t* members) {
   return secondsSince(start);
 }
 
-double fastestList(Peer& inspector, const char* collection) {
+double fastestList(Peer& inspector, const char* collection, bool changes = false) {
   std::size_t members = 0;
   double best = list(inspector, collection, &members);
-  if (members != kEntries) {
+  // A walk of a table that changes may leave out what is written meanwhile, and show what is new.
+  if (members != kEntries && !changes) {
     throw std::runtime_error(fmt::format("{} members are listed, not {}", members, kEntries));
   }
   for (int round = 0; round < kRounds; ++round) {
@@ -207,7 +208,8 @@ void measure() {
   print("the same by a copy of the table", fastestList(inspector, kCopy) * 1e3, "ms", 300);
   Load load(socket);
   (void)load.rate([] { std::this_thread::sleep_for(kSpell); });
-  print("list 65536 entries, agent that commits", fastestList(inspector, kLive) * 1e3, "ms", 3000);
+  print("list 65536 entries, agent that commits", fastestList(inspector, kLive, true) * 1e3, "ms",
+        3000);
   // Spells with and without, by turns: the machine may have other things to do.
   double with = 0;
   double without = 0;

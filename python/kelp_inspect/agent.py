@@ -99,7 +99,8 @@ class Agent:
         """The entries of a table as its readers see them, in no order.
 
         Each is {"key": KEY, "payload": {...}, "resources": {...}}; the payload has what a resource
-        has resolved to. They come in pages, of the table as it is by then: nothing is copied.
+        has resolved to. They come in pages, of the table as it is by then: nothing is copied, and
+        an entry that is written meanwhile may be left out. For all of one moment, see snapshot().
         """
         found = self.table(table, unit)
         return (_entry(value) for _, value in found.entries.items())
