@@ -26,10 +26,6 @@ using TypeModule = Lumen::ModuleInspectData;
 
 namespace Impl {
 
-// Tells types apart.
-template <class V>
-inline constexpr char kTypeMark = 0;
-
 // The code of a type that needs no row in a dependency table; 0 for the others.
 template <class V>
 constexpr std::int16_t builtinCode() {
@@ -79,7 +75,7 @@ constexpr TypeModule::Dependency dependencyOn() {
 
 template <std::size_t most>
 struct DependencyList {
-  std::array<const void*, most> marks{};
+  std::array<std::string_view, most> names{};  // which tell types apart
   std::array<TypeModule::Dependency, most> rows{};
   std::size_t size = 0;
 
@@ -89,13 +85,13 @@ struct DependencyList {
     if constexpr (builtinCode<V>() != 0) {
       return builtinCode<V>();
     } else {
-      const void* mark = &kTypeMark<typename ReferredTo<V>::Type>;
+      const std::string_view name = Lumen::typeName<typename ReferredTo<V>::Type>();
       std::size_t at = 0;
-      while (at < size && marks[at] != mark) {
+      while (at < size && names[at] != name) {
         ++at;
       }
       if (at == size) {
-        marks[size] = mark;
+        names[size] = name;
         rows[size++] = dependencyOn<V>();
       }
       return static_cast<std::int16_t>(at);
