@@ -31,12 +31,13 @@ std::string typeText(const Json& attribute) {
   if (attribute.contains("keyType")) {
     text += " by " + attribute.value("keyType", "");
   }
-  if (attribute.contains("arguments")) {
+  // The writer of an attribute takes what it holds: nothing new.
+  if (attribute.value("kind", "") == "operation" && attribute.contains("arguments")) {
     std::string arguments;
     for (const Json& one : attribute["arguments"]) {
       arguments += (arguments.empty() ? "" : ", ") + plainText(one);
     }
-    text += fmt::format("({})", arguments);
+    text += fmt::format(" ({})", arguments);
   }
   return text;
 }
